@@ -1,0 +1,16 @@
+# One static library per module folder: every .cpp of the folder, named
+# avr_<folder>, with the project root on the include path so headers are
+# included as "module/unit.h".
+function(avrecord_module name)
+  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
+  add_library(avr_${name} STATIC ${sources})
+  target_include_directories(avr_${name} PUBLIC ${PROJECT_SOURCE_DIR})
+  target_link_libraries(avr_${name} PUBLIC Threads::Threads ${ARGN})
+endfunction()
+
+# One program from every .cpp of the current folder.
+function(avrecord_program name)
+  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
+  add_executable(${name} ${sources})
+  target_link_libraries(${name} PRIVATE ${ARGN})
+endfunction()

@@ -1,0 +1,63 @@
+// The avrecord-card subcommand registry and the conventions every
+// subcommand shares: --card DIR (default: the daemon's mount point under
+// AVRECORD_ROOT), --json (one JSON object per line), exit 0 on success,
+// 1 on a card problem, 2 on bad usage, one clear line on standard error.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+inline constexpr int kExitOk = 0;
+inline constexpr int kExitCardProblem = 1;
+inline constexpr int kExitUsage = 2;
+
+struct CardArgs {
+    std::string command;
+    std::vector<std::string> positional;       // operands in order
+    std::map<std::string, std::string> options; // "--name" -> value ("" for flags)
+    std::string card;                          // card directory, with a trailing '/'
+    bool json = false;
+
+    bool Has(const std::string &name) const { return options.count(name) != 0; }
+    std::string Get(const std::string &name, const std::string &fallback = "") const;
+};
+
+struct CardCommand {
+    const char *name;
+    const char *usage;      // "format TARGET [--percent P] [--init]"
+    // Options that take a value; every other "--x" is a flag.
+    std::vector<std::string> valueOptions;
+    int (*run)(const CardArgs &args);
+};
+
+bool RegisterCardCommand(const CardCommand &command);
+
+// Prints "avrecord-card <command>: <message>" on standard error and returns
+// the exit code given.
+int CardFail(const CardArgs &args, int code, const char *format, ...) __attribute__((format(printf, 3, 4)));
+
+// One JSON object on a line, built field by field.
+class JsonLine {
+public:
+    JsonLine &Add(const std::string &key, const std::string &value);
+    JsonLine &Add(const std::string &key, const char *value) { return Add(key, std::string(value)); }
+    JsonLine &Add(const std::string &key, long long value);
+    JsonLine &Add(const std::string &key, unsigned long long value);
+    JsonLine &Add(const std::string &key, int value) { return Add(key, static_cast<long long>(value)); }
+    JsonLine &Add(const std::string &key, unsigned value) { return Add(key, static_cast<unsigned long long>(value)); }
+    JsonLine &Add(const std::string &key, double value);
+    JsonLine &AddBool(const std::string &key, bool value);
+    std::string Text() const { return "{" + body_ + "}"; }
+    void Print() const;
+
+private:
+    void Key(const std::string &key);
+    std::string body_;
+};
+
+std::string JsonEscape(const std::string &text);
+
+// Registers a subcommand from its own file.
+#define AVR_CARD_COMMAND(id, ...) \
+    static const bool kRegistered_##id = RegisterCardCommand(CardCommand{__VA_ARGS__})

@@ -1,0 +1,171 @@
+// avrecord-card: format, prepare, inspect and read AVRecord cards.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "card_command.h"
+#include "common/platform_paths.h"
+
+namespace {
+
+std::vector<CardCommand> &Registry() {
+    static std::vector<CardCommand> commands;
+    return commands;
+}
+
+const CardCommand *FindCommand(const std::string &name) {
+    for (const CardCommand &command : Registry()) {
+        if (name == command.name) return &command;
+    }
+    return nullptr;
+}
+
+int PrintUsage(FILE *out) {
+    std::vector<CardCommand> commands = Registry();
+    std::sort(commands.begin(), commands.end(),
+              [](const CardCommand &a, const CardCommand &b) { return strcmp(a.name, b.name) < 0; });
+    fprintf(out, "usage: avrecord-card COMMAND [--card DIR] [--json] ...\n\ncommands:\n");
+    for (const CardCommand &command : commands) fprintf(out, "  %s\n", command.usage);
+    return kExitUsage;
+}
+
+bool TakesValue(const CardCommand &command, const std::string &name) {
+    if (name == "--card") return true;
+    return std::find(command.valueOptions.begin(), command.valueOptions.end(), name) != command.valueOptions.end();
+}
+
+// Options may stand before or after the operands; "--name=value" works too.
+int ParseArgs(const CardCommand &command, int argc, char **argv, CardArgs &args) {
+    for (int i = 2; i < argc; ++i) {
+        std::string word = argv[i];
+        if (word.size() < 2 || word.compare(0, 2, "--") != 0 || word == "--") {
+            if (word == "-o" && i + 1 < argc && TakesValue(command, "-o")) {
+                args.options["-o"] = argv[++i];
+                continue;
+            }
+            args.positional.push_back(word);
+            continue;
+        }
+        std::string value;
+        size_t equals = word.find('=');
+        if (equals != std::string::npos) {
+            value = word.substr(equals + 1);
+            word = word.substr(0, equals);
+        } else if (TakesValue(command, word)) {
+            if (i + 1 >= argc) return CardFail(args, kExitUsage, "option %s needs a value", word.c_str());
+            value = argv[++i];
+        }
+        if (word == "--json") {
+            args.json = true;
+        } else if (word != "--card" && !TakesValue(command, word) && !value.empty()) {
+            return CardFail(args, kExitUsage, "option %s takes no value", word.c_str());
+        }
+        args.options[word] = value;
+    }
+    args.card = args.Has("--card") ? args.Get("--card") : PlatformPath(kCardMountPoint);
+    if (args.card.empty()) return CardFail(args, kExitUsage, "--card needs a directory");
+    if (args.card.back() != '/') args.card += '/';
+    return kExitOk;
+}
+
+}  // namespace
+
+std::string CardArgs::Get(const std::string &name, const std::string &fallback) const {
+    auto found = options.find(name);
+    return found == options.end() ? fallback : found->second;
+}
+
+bool RegisterCardCommand(const CardCommand &command) {
+    Registry().push_back(command);
+    return true;
+}
+
+int CardFail(const CardArgs &args, int code, const char *format, ...) {
+    char message[1024];
+    va_list list;
+    va_start(list, format);
+    vsnprintf(message, sizeof message, format, list);
+    va_end(list);
+    fprintf(stderr, "avrecord-card %s: %s\n", args.command.c_str(), message);
+    return code;
+}
+
+std::string JsonEscape(const std::string &text) {
+    std::string out;
+    for (unsigned char c : text) {
+        switch (c) {
+            case '"': out += "\\\""; break;
+            case '\\': out += "\\\\"; break;
+            case '\n': out += "\\n"; break;
+            case '\t': out += "\\t"; break;
+            default:
+                if (c < 0x20) {
+                    char escaped[8];
+                    snprintf(escaped, sizeof escaped, "\\u%04x", c);
+                    out += escaped;
+                } else {
+                    out += static_cast<char>(c);
+                }
+        }
+    }
+    return out;
+}
+
+void JsonLine::Key(const std::string &key) {
+    if (!body_.empty()) body_ += ",";
+    body_ += "\"" + JsonEscape(key) + "\":";
+}
+
+JsonLine &JsonLine::Add(const std::string &key, const std::string &value) {
+    Key(key);
+    body_ += "\"" + JsonEscape(value) + "\"";
+    return *this;
+}
+
+JsonLine &JsonLine::Add(const std::string &key, long long value) {
+    Key(key);
+    body_ += std::to_string(value);
+    return *this;
+}
+
+JsonLine &JsonLine::Add(const std::string &key, unsigned long long value) {
+    Key(key);
+    body_ += std::to_string(value);
+    return *this;
+}
+
+JsonLine &JsonLine::Add(const std::string &key, double value) {
+    Key(key);
+    char text[64];
+    snprintf(text, sizeof text, "%.6g", value);
+    body_ += text;
+    return *this;
+}
+
+JsonLine &JsonLine::AddBool(const std::string &key, bool value) {
+    Key(key);
+    body_ += value ? "true" : "false";
+    return *this;
+}
+
+void JsonLine::Print() const { printf("%s\n", Text().c_str()); }
+
+int main(int argc, char **argv) {
+    if (argc < 2 || strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "help") == 0) {
+        return argc < 2 ? PrintUsage(stderr) : (PrintUsage(stdout), kExitOk);
+    }
+    CardArgs args;
+    args.command = argv[1];
+    const CardCommand *command = FindCommand(args.command);
+    if (command == nullptr) {
+        fprintf(stderr, "avrecord-card: unknown command '%s' (try --help)\n", argv[1]);
+        return kExitUsage;
+    }
+    int parsed = ParseArgs(*command, argc, argv, args);
+    if (parsed != kExitOk) return parsed;
+    return command->run(args);
+}

@@ -1,0 +1,29 @@
+// The one replaceable layer under every card access of the system: the
+// record-file operations, the index code, the writer, the readers and the
+// formatter all reach the file system through FileIo(). Production uses the
+// POSIX calls; fault and crash tests install their own table.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+
+struct FileIoOps {
+    int (*open)(const char *path, int flags, mode_t mode);
+    int (*close)(int fd);
+    int64_t (*seek)(int fd, int64_t offset, int whence);
+    ssize_t (*read)(int fd, void *buf, size_t length);
+    ssize_t (*write)(int fd, const void *buf, size_t length);
+    int (*fsync)(int fd);
+    int (*setCloseOnExec)(int fd);
+};
+
+// The table in force.
+const FileIoOps &FileIo();
+
+// The POSIX table.
+const FileIoOps &PosixFileIo();
+
+// Installs a table (nullptr restores the POSIX one). Not thread-safe: tests
+// swap it while no other thread does card I/O.
+void SetFileIo(const FileIoOps *ops);

@@ -14,3 +14,14 @@ function(avrecord_program name)
   add_executable(${name} ${sources})
   target_link_libraries(${name} PRIVATE ${ARGN})
 endfunction()
+
+# Links the module libraries among ARGN that exist in this build (folders
+# join the build as their code lands; the order in the top-level list makes
+# every dependency known before its users).
+function(avrecord_link_modules target)
+  foreach(module ${ARGN})
+    if(TARGET avr_${module})
+      target_link_libraries(${target} PUBLIC avr_${module})
+    endif()
+  endforeach()
+endfunction()

@@ -3,6 +3,11 @@
 # included as "module/unit.h".
 function(avrecord_module name)
   file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
+  if(NOT sources)
+    # A folder whose first unit has not landed yet.
+    set(sources ${CMAKE_CURRENT_BINARY_DIR}/empty_module.cpp)
+    file(WRITE ${sources} "")
+  endif()
   add_library(avr_${name} STATIC ${sources})
   target_include_directories(avr_${name} PUBLIC ${PROJECT_SOURCE_DIR})
   target_link_libraries(avr_${name} PUBLIC Threads::Threads ${ARGN})

@@ -1,0 +1,248 @@
+#include "common/inifile.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "support/test_support.h"
+
+namespace {
+
+struct ReadCase {
+    const char *name;
+    std::string text;
+    const char *section;
+    const char *key;
+    int size;
+    int found;
+    const char *value;
+};
+
+class IniReadTest : public testing::TestWithParam<ReadCase> {};
+
+TEST_P(IniReadTest, ReadsValueOrDefault) {
+    const ReadCase &c = GetParam();
+    TempDir dir;
+    std::string path = dir.File("CustomTools.cfg");
+    WriteWholeFile(path, c.text);
+    char value[64];
+    std::memset(value, 'x', sizeof(value));
+    EXPECT_EQ(read_profile_string(c.section, c.key, value, c.size, "dflt", path.c_str()), c.found);
+    EXPECT_STREQ(value, c.value);
+}
+
+const ReadCase kReadCases[] = {
+    {"Plain", "[AVRecordCustom]\nStreamType=2\nDuration=600\n", "AVRecordCustom", "StreamType", 64, 1, "2"},
+    {"SecondKey", "[AVRecordCustom]\nStreamType=2\nDuration=600\n", "AVRecordCustom", "Duration", 64, 1,
+     "600"},
+    {"SpacesAroundEquals", "[AVRecordCustom]\nStreamType = 2\n", "AVRecordCustom", "StreamType", 64, 0,
+     "dflt"},
+    {"SectionPrefix", "[AVRecord]\nStreamType=0\n", "AVRecordCustom", "StreamType", 64, 1, "0"},
+    {"EmptyHeaderMatchesAll", "[]\nStreamType=7\n", "AVRecordCustom", "StreamType", 64, 1, "7"},
+    {"LongerHeaderNoMatch", "[AVRecordCustomX]\nStreamType=0\n", "AVRecordCustom", "StreamType", 64, 0,
+     "dflt"},
+    {"KeyPrefix", "[AVRecordCustom]\nDur=5\n", "AVRecordCustom", "Duration", 64, 1, "5"},
+    {"LongerKeyNoMatch", "[AVRecordCustom]\nDurations=5\n", "AVRecordCustom", "Duration", 64, 0, "dflt"},
+    {"CommentLine", "[AVRecordCustom]\nStreamType=1\n;Duration=5\n", "AVRecordCustom", "Duration", 64, 0,
+     "dflt"},
+    {"SemicolonInValue", "[AVRecordCustom]\nName=a;b\n", "AVRecordCustom", "Name", 64, 1, "a;b"},
+    {"LeadingSpaceLine", "[AVRecordCustom]\nStreamType=1\n Duration=5\n", "AVRecordCustom", "Duration", 64, 0,
+     "dflt"},
+    // The first line of a section is found after the white space that follows
+    // the header, leading blanks included.
+    {"LeadingSpaceFirstLine", "[AVRecordCustom]\n  Duration=5\n", "AVRecordCustom", "Duration", 64, 1, "5"},
+    {"BracketAfterSpaceNotHeader", "[B]\nx=1\n [AVRecordCustom]\nDuration=5\n", "AVRecordCustom", "Duration",
+     64, 0, "dflt"},
+    {"OtherSectionFirst", "[Other]\nDuration=1\n[AVRecordCustom]\nDuration=2\n", "AVRecordCustom", "Duration",
+     64, 1, "2"},
+    {"LaterMatchingSection", "[AVRecordCustom]\nA=1\n[Other]\nB=2\n[AVRecordCustom]\nDuration=3\n",
+     "AVRecordCustom", "Duration", 64, 1, "3"},
+    {"KeyOfOtherSection", "[Other]\nDuration=1\n[AVRecordCustom]\nA=2\n", "AVRecordCustom", "Duration", 64, 0,
+     "dflt"},
+    {"OnlyFirstEquals", "[S]\nK=a=b\n", "S", "K", 64, 1, "a=b"},
+    {"EqualsInColumnZero", "[S]\n=K=1\n", "S", "K", 64, 0, "dflt"},
+    {"CrLf", "[AVRecordCustom]\r\nStreamType=2\r\nDuration=9\r\n", "AVRecordCustom", "Duration", 64, 1, "9"},
+    {"CrLfNoCrInValue", "[AVRecordCustom]\r\nStreamType=2\r\nDuration=9\r\n", "AVRecordCustom", "StreamType",
+     64, 1, "2"},
+    {"ValueNotTrimmed", "[S]\nK= \"a\" \n", "S", "K", 64, 1, " \"a\" "},
+    {"SizeCut", "[S]\nK=abcdef\n", "S", "K", 4, 1, "abc"},
+    {"ExactFit", "[S]\nK=abc\n", "S", "K", 4, 1, "abc"},
+    {"NoLineEndAtEnd", "[S]\nK=abc", "S", "K", 64, 1, "abc"},
+    {"UnclosedHeaderAtEnd", "[S", "S", "K", 64, 0, "dflt"},
+    {"FFByteEndsText", std::string("[S]\nA=1\n\xff\nK=2\n"), "S", "K", 64, 0, "dflt"},
+    {"FFByteCutsValue",
+     std::string("[S]\nK=12\xff"
+                 "3\n"),
+     "S", "K", 64, 1, "12"},
+};
+
+INSTANTIATE_TEST_SUITE_P(Cases, IniReadTest, testing::ValuesIn(kReadCases),
+                         [](const testing::TestParamInfo<ReadCase> &info) { return info.param.name; });
+
+TEST(IniTest, ParsePositions) {
+    const char *buf = "[AVRecordCustom]\n\n  StreamType=2\r\n";
+    int sec_s, sec_e, key_s, key_e, value_s, value_e;
+    ASSERT_EQ(
+        parse_file("AVRecordCustom", "StreamType", buf, &sec_s, &sec_e, &key_s, &key_e, &value_s, &value_e),
+        1);
+    EXPECT_EQ(sec_s, 1);
+    EXPECT_EQ(sec_e, 20);  // the "S" after the header, blank line and blanks
+    EXPECT_EQ(key_s, 20);
+    EXPECT_EQ(key_e, 29);  // just before "="
+    EXPECT_EQ(value_s, 31);
+    EXPECT_EQ(value_e, 32);  // the CR
+
+    EXPECT_EQ(parse_file("AVRecordCustom", "Other", buf, &sec_s, &sec_e, &key_s, &key_e, &value_s, &value_e),
+              0);
+    EXPECT_EQ(sec_s, 1);
+    EXPECT_EQ(key_s, -1);
+    EXPECT_EQ(value_e, -1);
+    EXPECT_EQ(parse_file("None", "Other", buf, &sec_s, &sec_e, &key_s, &key_e, &value_s, &value_e), 0);
+    EXPECT_EQ(sec_s, -1);
+    EXPECT_EQ(sec_e, -1);
+}
+
+TEST(IniTest, ReadIntAndMissingFile) {
+    TempDir dir;
+    std::string path = dir.File("c.cfg");
+    WriteWholeFile(path, "[AVRecordCustom]\nDuration=1200s\nStreamType=x\n");
+    EXPECT_EQ(read_profile_int("AVRecordCustom", "Duration", 600, path.c_str()), 1200);
+    EXPECT_EQ(read_profile_int("AVRecordCustom", "StreamType", 1, path.c_str()), 0);
+    EXPECT_EQ(read_profile_int("AVRecordCustom", "Missing", 1, path.c_str()), 1);
+    EXPECT_EQ(read_profile_int("AVRecordCustom", "Duration", 600, dir.File("none.cfg").c_str()), 600);
+
+    // A null default leaves the caller's buffer as it was.
+    char value[8] = "keep";
+    EXPECT_EQ(read_profile_string("S", "K", value, sizeof(value), nullptr, dir.File("none.cfg").c_str()), 0);
+    EXPECT_STREQ(value, "keep");
+    // A default of size characters or more is copied unterminated (strncpy).
+    char small[4] = {'a', 'b', 'c', 'd'};
+    EXPECT_EQ(read_profile_string("S", "K", small, 3, "123456", dir.File("none.cfg").c_str()), 0);
+    EXPECT_EQ(std::string(small, 4), "123d");
+}
+
+TEST(IniTest, FileSizeLimit) {
+    TempDir dir;
+    std::string path = dir.File("big.cfg");
+    std::string text = "[S]\nK=v\n";
+    text.resize(MAX_FILE_SIZE - 1, ' ');
+    WriteWholeFile(path, text);
+    char buf[MAX_FILE_SIZE];
+    int size = -1;
+    EXPECT_EQ(load_ini_file(path.c_str(), buf, &size), 1);
+    EXPECT_EQ(size, MAX_FILE_SIZE - 1);
+    EXPECT_EQ(buf[size], '\0');
+
+    WriteWholeFile(path, text + " ");
+    EXPECT_DEATH(load_ini_file(path.c_str(), buf, &size),
+                 "inifile.c:[0-9]+: load_ini_file: Assertion `i < MAX_FILE_SIZE' failed");
+    EXPECT_DEATH(read_profile_int("S", "K", 0, path.c_str()), "Assertion `i < MAX_FILE_SIZE' failed");
+
+    size = -1;
+    EXPECT_EQ(load_ini_file(dir.File("none").c_str(), buf, &size), 0);
+    EXPECT_EQ(size, 0);
+}
+
+struct WriteCase {
+    const char *name;
+    bool exists;
+    std::string before;
+    const char *section;
+    const char *key;
+    const char *value;
+    std::string after;
+};
+
+class IniWriteTest : public testing::TestWithParam<WriteCase> {};
+
+TEST_P(IniWriteTest, RewritesFile) {
+    const WriteCase &c = GetParam();
+    TempDir dir;
+    std::string path = dir.File("CustomTools.cfg");
+    if (c.exists) WriteWholeFile(path, c.before);
+    EXPECT_EQ(write_profile_string(c.section, c.key, c.value, path.c_str()), 1);
+    EXPECT_EQ(ReadWholeFile(path), c.after);
+}
+
+const WriteCase kWriteCases[] = {
+    {"MissingFile", false, "", "AVRecordCustom", "Duration", "300", "[AVRecordCustom]\nDuration=300\n"},
+    {"EmptyFile", true, "", "S", "K", "1", "[S]\nK=1\n"},
+    {"NewSection", true, "[A]\nx=1\n", "S", "K", "1", "[A]\nx=1\n\n[S]\nK=1\n"},
+    {"NewKeyGoesFirst", true, "[S]\nA=1\n[T]\nB=2\n", "S", "K", "v", "[S]\nK=v\nA=1\n[T]\nB=2\n"},
+    {"NewKeyInEmptySectionAtEnd", true, "[A]\nx=1\n[S]\n", "S", "K", "v", "[A]\nx=1\n[S]\nK=v\n"},
+    {"ExistingKey", true, "[S]\nA=1\nK=old\nB=2\n", "S", "K", "newer", "[S]\nA=1\nK=newer\nB=2\n"},
+    {"ExistingKeyCrLf", true, "[S]\r\nK=old\r\nB=2\r\n", "S", "K", "7", "[S]\r\nK=7\r\nB=2\r\n"},
+    {"PrefixKeyReplaced", true, "[S]\nDur=5\n", "S", "Duration", "9", "[S]\nDur=9\n"},
+    // The text after an inserted key is used as a format with the remaining
+    // length as its argument.
+    {"PercentAfterInsert", true, "[S]\nA=50%%\nB=%d\n", "S", "K", "v", "[S]\nK=v\nA=50%\nB=12\n"},
+    {"PercentBeforeInsertKept", true, "[P]\nA=%%\n[S]\nB=1\n", "S", "K", "v", "[P]\nA=%%\n[S]\nK=v\nB=1\n"},
+    {"PercentOnReplaceKept", true, "[S]\nK=1\nA=%d\n", "S", "K", "2", "[S]\nK=2\nA=%d\n"},
+};
+
+INSTANTIATE_TEST_SUITE_P(Cases, IniWriteTest, testing::ValuesIn(kWriteCases),
+                         [](const testing::TestParamInfo<WriteCase> &info) { return info.param.name; });
+
+// Error paths: refusals leave the file as it was; argument errors abort with
+// the assertion text of the function.
+TEST(IniTest, WriteRefusals) {
+    TempDir dir;
+    std::string path = dir.File("c.cfg");
+
+    // A conversion that would read anything but the one int is not run.
+    WriteWholeFile(path, "[S]\nA=%s\n");
+    EXPECT_EQ(write_profile_string("S", "K", "v", path.c_str()), 0);
+    EXPECT_EQ(ReadWholeFile(path), "[S]\nA=%s\n");
+
+    // A result that would not fit the buffer is refused.
+    std::string text = "[S]\nA=" + std::string(MAX_FILE_SIZE - 20, 'a') + "\n";
+    WriteWholeFile(path, text);
+    EXPECT_EQ(write_profile_string("S", "K", "0123456789abcdef", path.c_str()), 0);
+    EXPECT_EQ(write_profile_string("S", "A", std::string(30, 'b').c_str(), path.c_str()), 1);
+    EXPECT_EQ(ReadWholeFile(path), "[S]\nA=" + std::string(30, 'b') + "\n");
+    std::string filler(MAX_FILE_SIZE - 20, 'c');
+    EXPECT_EQ(write_profile_string("S", "A", filler.c_str(), path.c_str()), 1);
+    EXPECT_EQ(write_profile_string("T", "B", "0123456789abcdef", path.c_str()), 0);
+    EXPECT_EQ(ReadWholeFile(path), "[S]\nA=" + filler + "\n");
+
+    // A file that cannot be created.
+    EXPECT_EQ(write_profile_string("S", "K", "v", dir.File("no/such/dir.cfg").c_str()), 0);
+}
+
+TEST(IniDeathTest, Assertions) {
+    char value[8];
+    char buf[16] = "";
+    int i;
+    const char *f = "/nonexistent.cfg";
+    EXPECT_DEATH(load_ini_file(nullptr, buf, &i),
+                 "inifile.c:[0-9]+: load_ini_file: Assertion `file !=NULL' failed");
+    EXPECT_DEATH(load_ini_file(f, nullptr, &i), "load_ini_file: Assertion `buf !=NULL' failed");
+    EXPECT_DEATH(parse_file("S", "K", nullptr, &i, &i, &i, &i, &i, &i),
+                 "parse_file: Assertion `buf!=NULL' failed");
+    EXPECT_DEATH(parse_file("", "K", buf, &i, &i, &i, &i, &i, &i),
+                 "parse_file: Assertion `section != NULL && strlen\\(section\\)' failed");
+    EXPECT_DEATH(parse_file("S", nullptr, buf, &i, &i, &i, &i, &i, &i),
+                 "parse_file: Assertion `key != NULL && strlen\\(key\\)' failed");
+    EXPECT_DEATH(read_profile_string(nullptr, "K", value, 8, "", f),
+                 "read_profile_string: Assertion `section != NULL && strlen\\(section\\)' failed");
+    EXPECT_DEATH(read_profile_string("S", "", value, 8, "", f),
+                 "read_profile_string: Assertion `key != NULL && strlen\\(key\\)' failed");
+    EXPECT_DEATH(read_profile_string("S", "K", nullptr, 8, "", f),
+                 "read_profile_string: Assertion `value != NULL' failed");
+    EXPECT_DEATH(read_profile_string("S", "K", value, 0, "", f),
+                 "read_profile_string: Assertion `size > 0' failed");
+    EXPECT_DEATH(read_profile_string("S", "K", value, 8, "", nullptr),
+                 "read_profile_string: Assertion `file !=NULL &&strlen\\(key\\)' failed");
+    EXPECT_DEATH(read_profile_int("S", "", 0, f), "read_profile_string: Assertion `key != NULL");
+    EXPECT_DEATH(write_profile_string("", "K", "v", f),
+                 "write_profile_string: Assertion `section != NULL && strlen\\(section\\)' failed");
+    EXPECT_DEATH(write_profile_string("S", nullptr, "v", f),
+                 "write_profile_string: Assertion `key != NULL && strlen\\(key\\)' failed");
+    EXPECT_DEATH(write_profile_string("S", "K", nullptr, f),
+                 "write_profile_string: Assertion `value != NULL' failed");
+    EXPECT_DEATH(write_profile_string("S", "K", "v", nullptr),
+                 "write_profile_string: Assertion `file !=NULL &&strlen\\(key\\)' failed");
+}
+
+}  // namespace

@@ -1,0 +1,21 @@
+// The daemon's own settings, section "AVRecordCustom" of the settings file
+// "/opt/app/config/CustomTools.cfg".
+#pragma once
+
+inline constexpr char kRecordSettingsSection[] = "AVRecordCustom";
+inline constexpr char kStreamTypeKey[] = "StreamType";
+inline constexpr char kDurationKey[] = "Duration";
+inline constexpr int kSettingValueSize = 64;
+inline constexpr int kDefaultStreamType = 1;
+inline constexpr int kMaxStreamType = 2;
+inline constexpr int kDefaultDuration = 600;
+inline constexpr int kMaxDuration = 1200;
+
+struct RecordSettings {
+    int nStreamType;  // encoder stream 0..2; replaced by SysInfo's before use
+    int nDuration;    // seconds 0..1200; accepted by StartRecord and not used
+};
+
+// Reads both keys (defaults "1" and "600"), logs them and replaces values
+// out of range by the defaults.
+RecordSettings ReadRecordSettings();

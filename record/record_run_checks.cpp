@@ -17,7 +17,7 @@ bool IsDayEnd(const RunTurn &turn) {
 }  // namespace
 
 bool ScheduleSegmentOver(uint8_t dayMode, int nowSec, int startSec, int endSec) {
-    return dayMode == kTimeScopeDiff && (nowSec < startSec || nowSec >= endSec);
+    return dayMode == TIME_SCOPE_DIFF && (nowSec < startSec || nowSec >= endSec);
 }
 
 bool ClockJumped(uint32_t sinceBootDuration, int32_t currentDuration) {

@@ -6,13 +6,11 @@
 
 #include <cstdint>
 
+#include "sysconfig/sys_info.h"
+
 inline constexpr int32_t kEncodingMjpeg = 4;        // never recorded
 inline constexpr int32_t kAudioEncodingOff = 2;     // snapshot value while audio is off
 inline constexpr uint32_t kClockJumpLimit = 5;      // seconds of wall clock vs uptime drift
-inline constexpr uint8_t kTimeScopeNull = 0;
-inline constexpr uint8_t kTimeScopeAll = 1;
-inline constexpr uint8_t kTimeScopeSame = 2;
-inline constexpr uint8_t kTimeScopeDiff = 3;
 
 // Stream parameters that must stay as they were for the section to go on.
 struct RunParams {

@@ -27,7 +27,7 @@ RunTurn QuietTurn() {
     t.now = StartParams();
     t.recordStreamType = kStream;
     t.recordEnable = 1;
-    t.dayMode = kTimeScopeDiff;
+    t.dayMode = TIME_SCOPE_DIFF;
     t.segmentStartSec = 8 * 3600;
     t.segmentEndSec = 12 * 3600;
     t.hour = 10;
@@ -91,7 +91,7 @@ TEST(RecordRunChecksTest, ChangesThatMustNotEndTheRun) {
         {"file just below full", [](RunTurn &t) { t.fileDataSize = 0xF900000 - 1; }, RunEnd::kNone},
         {"all-day run outside the segment",
          [](RunTurn &t) {
-             t.dayMode = kTimeScopeAll;
+             t.dayMode = TIME_SCOPE_ALL;
              t.hour = 20;
          },
          RunEnd::kNone},

@@ -1,0 +1,29 @@
+#include "record/record_settings.h"
+
+#include <gtest/gtest.h>
+
+#include "common/platform_paths.h"
+#include "support/test_support.h"
+
+TEST(RecordSettingsTest, ValuesAreBoundedAndDefaulted) {
+    struct {
+        const char *file;  // nullptr: no settings file
+        int streamType;
+        int duration;
+    } cases[] = {
+        {nullptr, 1, 600},
+        {"[AVRecordCustom]\nStreamType=0\nDuration=1200\n", 0, 1200},
+        {"[AVRecordCustom]\nStreamType=2\nDuration=0\n", 2, 0},
+        {"[AVRecordCustom]\nStreamType=3\nDuration=1201\n", 1, 600},
+        {"[AVRecordCustom]\nStreamType=-1\nDuration=-5\n", 1, 600},
+        {"[AVRecordCustom]\nDuration=abc\n", 1, 0},
+        {"[Other]\nStreamType=0\nDuration=10\n", 1, 600},
+    };
+    for (const auto &c : cases) {
+        ScopedRoot root;
+        if (c.file != nullptr) root.WriteFile(kSettingsFile, c.file);
+        RecordSettings settings = ReadRecordSettings();
+        EXPECT_EQ(settings.nStreamType, c.streamType) << (c.file ? c.file : "no file");
+        EXPECT_EQ(settings.nDuration, c.duration) << (c.file ? c.file : "no file");
+    }
+}

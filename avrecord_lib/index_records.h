@@ -11,6 +11,8 @@
 
 // Card file set.
 inline constexpr uint32_t kMediaFileSize = 0x10000000;        // 256 MiB per "hi%06d.mp4"
+inline constexpr uint32_t kMediaFileSizeShift = 28;           // kMediaFileSize == 1 << 28
+inline constexpr uint32_t kMediaFileSizeMiB = 256;
 inline constexpr uint32_t kMediaFileFullSize = 0xF900000;     // 249 MiB: a file this full takes no new section
 inline constexpr uint32_t kKeyFrameTableOffset = 0xFC00000;   // 252 MiB: key-frame table inside a media file
 inline constexpr uint32_t kIndexFileSize = 0x4000000;         // 64 MiB "index000.bin" / "index001.bin"
@@ -185,5 +187,7 @@ constexpr uint32_t AlarmEventInfoPosition(uint32_t fileNo) { return kAlarmEventI
 constexpr uint32_t AlarmEventEntryPosition(uint32_t fileNo, uint32_t index) {
     return kEventListOffset + kEventListSize * fileNo + sizeof(AlarmEventEntry) * index;
 }
+// Offset of key-frame entry k inside the media file's key-frame table.
+constexpr uint32_t KeyFrameEntryOffset(uint32_t entryNo) { return kKeyFrameEntrySize * entryNo; }
 static_assert(SectionInfoHeadPosition(3, 1) == 0x2C040);
 static_assert(FileInfoHeadPosition(3) == 0x490);

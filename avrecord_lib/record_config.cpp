@@ -1,0 +1,64 @@
+#include "avrecord_lib/record_config.h"
+
+#include <cstring>
+
+#include "avrecord_lib/index_records.h"
+#include "avrecord_lib/record_builder.h"
+#include "avrecord_lib/record_file.h"
+#include "avrecord_lib/record_index.h"
+#include "common/log.h"
+#include "common/platform_paths.h"
+
+namespace {
+
+uint32_t ConfigWord(const void *config, uint32_t word) {
+    uint32_t value;
+    memcpy(&value, static_cast<const uint8_t *>(config) + word * sizeof value, sizeof value);
+    return value;
+}
+
+int NoFormatter(const char *, void *, int) { return -1; }
+
+SDCardFormatFunc g_sdCardFormat = NoFormatter;
+
+}  // namespace
+
+int AV_RecordFileConfigSet(const char *path, const void *config) {
+    if (path == nullptr || config == nullptr) return -1;
+    uint32_t storeFileNum = ConfigWord(config, kRecordConfigStoreFileNumWord);
+    LogTrace("%s %d:StoreFileNum = %d \n", __func__, __LINE__, static_cast<int>(storeFileNum));
+    RecordConfigInfo info;
+    AV_RecordConfigInfoInit(&info, ConfigWord(config, kRecordConfigValueWord), storeFileNum);
+    int fd = AVFileOpen(path, kAVFileModeReadWrite);
+    if (fd < 0) return -1;
+    int ret = AV_RecordConfigInfoWrite(fd, &info) < 0 ? -1 : 0;
+    AVFileClose(fd);
+    return ret;
+}
+
+int AV_RecordConfigInfoGet(const char *path, uint32_t *spaceSize, uint32_t *freeSize) {
+    if (path == nullptr || spaceSize == nullptr || freeSize == nullptr) return -1;
+    int fd = AVFileOpen(path, kAVFileModeRead);
+    if (fd < 0) return -1;
+    RecordConfigInfo info;
+    int ret = AV_RecordConfigInfoRead(fd, &info) < 0 ? -1 : AV_RecordConfigInfoCheck(&info);
+    AVFileClose(fd);
+    if (ret < 0) return -1;
+    uint32_t freeFiles = info.m_u32RecordFileSum - info.m_u32RecordFileUsed;
+    LogTrace("%s %d : m_u32RecordFileSum = %d  m_u32RecordSpaceSize = %lu  m_u32RecordFreeSize = %lu \n",
+             __func__, __LINE__, static_cast<int>(info.m_u32RecordFileSum),
+             static_cast<unsigned long>(info.m_u32RecordSpaceSize), static_cast<unsigned long>(freeFiles));
+    *spaceSize = info.m_u32RecordSpaceSize;
+    *freeSize = freeFiles * kMediaFileSizeMiB;
+    return 0;
+}
+
+int AV_RecordSDCardFormat(void *capacity, int percent) {
+    LogTrace("%s %d \n", __func__, __LINE__);
+    g_sdCardFormat(PlatformPath(kCardDevice).c_str(), capacity, percent);
+    return 0;
+}
+
+void SetSDCardFormatFunc(SDCardFormatFunc format) {
+    g_sdCardFormat = format != nullptr ? format : NoFormatter;
+}

@@ -1,0 +1,140 @@
+#include "avrecord_lib/record_section.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "avrecord_lib/record_builder.h"
+
+namespace {
+
+uint32_t g_now = 0;
+uint32_t FakeNow() { return g_now; }
+
+class RecordSectionTest : public testing::Test {
+protected:
+    void SetUp() override {
+        SetRecordClockForTest(FakeNow);
+        g_now = 1700000000;
+        g_u32LastRecordEndTime = 0;
+        AV_RecordConfigInfoInit(&info_, 0, 10);
+        info_.m_u32FileInfoHeadNo = 4;
+        memset(&file_, 0, sizeof file_);
+    }
+    void TearDown() override { SetRecordClockForTest(nullptr); }
+    int Open(uint8_t recordType = 1) {
+        return AV_RecordFileConfigParamGet(&info_, &file_, &section_, recordType);
+    }
+
+    RecordConfigInfo info_;
+    FileInfoHead file_;
+    SectionInfoHead section_;
+};
+
+TEST_F(RecordSectionTest, GettersReachOneProcessWideCopy) {
+    EXPECT_EQ(GetRecordConfigInfo(), GetRecordConfigInfo());
+    GetFileInfoHead()->m_u32DataSize = 42;
+    EXPECT_EQ(GetFileInfoHead()->m_u32DataSize, 42u);
+    EXPECT_NE(static_cast<void *>(GetSectionInfoHead()), static_cast<void *>(GetFileInfoHead()));
+}
+
+TEST_F(RecordSectionTest, FirstSectionStartsAFreshFileRecord) {
+    ASSERT_EQ(Open(5), 0);
+    EXPECT_EQ(file_.m_u32HeadFlag, kFileInfoHeadFlag);
+    EXPECT_EQ(file_.m_u32FileNo, 4u);
+    EXPECT_EQ(file_.m_u32StartTime, g_now);
+    EXPECT_EQ(file_.m_u32RecordType, 1u);
+    EXPECT_EQ(file_.m_u32RecordSectionSum, 1u);
+    EXPECT_EQ(section_.m_u16SectionNo, 1);
+    EXPECT_EQ(section_.m_u32FileNo, 4);
+    EXPECT_EQ(section_.m_u32StartTime, g_now);
+    EXPECT_EQ(section_.m_u8RecordType, 5);
+}
+
+TEST_F(RecordSectionTest, LaterSectionsFollowInTheSameFile) {
+    ASSERT_EQ(Open(), 0);
+    file_.m_u32DataSize = 5000;
+    file_.m_u32RecordType = 4;
+    g_now -= 100;  // the clock went back: the file starts earlier now
+    ASSERT_EQ(Open(), 0);
+    EXPECT_EQ(file_.m_u32RecordSectionSum, 2u);
+    EXPECT_EQ(file_.m_u32StartTime, g_now);
+    EXPECT_EQ(file_.m_u32RecordType, 5u);
+    EXPECT_EQ(section_.m_u16SectionNo, 2);
+    EXPECT_EQ(section_.m_u32SectionOffset, 5000u);
+    g_now += 1000;
+    ASSERT_EQ(Open(), 0);
+    EXPECT_EQ(file_.m_u32StartTime, g_now - 1000);  // a later start leaves it
+
+    file_.m_u32RecordSectionSum = kMaxSectionNo;  // the last slot is taken again
+    ASSERT_EQ(Open(), 0);
+    EXPECT_EQ(section_.m_u16SectionNo, kMaxSectionNo);
+}
+
+TEST_F(RecordSectionTest, JoinsThePreviousRunWithinTwoSeconds) {
+    struct Case {
+        uint32_t lastEndBeforeNow;  // now - saved end; 0: saved end after now
+        bool join;
+        bool cleared;
+    };
+    for (const Case &c :
+         {Case{1, true, true}, Case{2, true, true}, Case{3, false, true}, Case{0, false, false}}) {
+        uint32_t lastEnd = c.lastEndBeforeNow != 0 ? g_now - c.lastEndBeforeNow : g_now + 5;
+        g_u32LastRecordEndTime = lastEnd;
+        memset(&file_, 0, sizeof file_);
+        ASSERT_EQ(Open(), 0);
+        EXPECT_EQ(section_.m_u32StartTime, c.join ? lastEnd : g_now) << c.lastEndBeforeNow;
+        EXPECT_EQ(g_u32LastRecordEndTime.load(), c.cleared ? 0u : lastEnd) << c.lastEndBeforeNow;
+    }
+}
+
+TEST_F(RecordSectionTest, CoverCheckRefusesOrRecyclesAFullFile) {
+    struct Case {
+        uint32_t used;
+        uint32_t dataSize;
+        uint8_t cover;
+        int result;
+    };
+    const Case cases[] = {
+        {10, kMediaFileFullSize, 0, -1},     // card full, overwriting forbidden
+        {10, kMediaFileFullSize, 1, 1},      // card full, overwrite the oldest
+        {3, kMediaFileFullSize, 0, 1},       // next file is unused
+        {10, kMediaFileFullSize - 1, 0, 0},  // room left in the current file
+    };
+    for (const Case &c : cases) {
+        ASSERT_EQ(Open(), 0);
+        file_.m_u32DataSize = c.dataSize;
+        info_.m_u32RecordFileUsed = c.used;
+        FileInfoHead before = file_;
+        EXPECT_EQ(AV_RecordFileCoverCheck(&info_, &file_, c.cover), c.result) << c.used << " " << c.dataSize;
+        if (c.result == 1) {
+            EXPECT_EQ(file_.m_u32HeadFlag, 0u);
+        } else {
+            EXPECT_EQ(memcmp(&file_, &before, sizeof file_), 0);
+        }
+    }
+    memset(&file_, 0, sizeof file_);  // no recording yet
+    EXPECT_EQ(AV_RecordFileCoverCheck(&info_, &file_, 0), 0);
+}
+
+TEST_F(RecordSectionTest, RecycledFileOpensFreshAfterTheRunMovesOn) {
+    ASSERT_EQ(Open(), 0);
+    file_.m_u32DataSize = kMediaFileFullSize;
+    AV_RecordNextFileSelect(&info_, &file_);
+    EXPECT_EQ(info_.m_u32FileInfoHeadNo, 5u);
+    EXPECT_EQ(info_.m_u32RecordFileUsed, 1u);
+    ASSERT_EQ(AV_RecordFileCoverCheck(&info_, &file_, 0), 1);
+    ASSERT_EQ(Open(), 0);
+    EXPECT_EQ(file_.m_u32FileNo, 5u);
+    EXPECT_EQ(section_.m_u16SectionNo, 1);
+    EXPECT_EQ(section_.m_u32SectionOffset, 0u);
+}
+
+TEST_F(RecordSectionTest, RefusesNullRecords) {
+    EXPECT_EQ(AV_RecordFileConfigParamGet(nullptr, &file_, &section_, 1), -1);
+    EXPECT_EQ(AV_RecordFileConfigParamGet(&info_, nullptr, &section_, 1), -1);
+    EXPECT_EQ(AV_RecordFileConfigParamGet(&info_, &file_, nullptr, 1), -1);
+    EXPECT_EQ(AV_RecordFileCoverCheck(nullptr, &file_, 1), -1);
+}
+
+}  // namespace

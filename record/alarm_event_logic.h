@@ -13,11 +13,11 @@
 #include "avrecord_lib/index_records.h"
 
 inline constexpr uint32_t kAlarmSourceCount = 16;
-inline constexpr uint32_t kAlarmEntrySize = 24;                        // bytes per source in the alarm record
+inline constexpr uint32_t kAlarmEntrySize = 24;  // bytes per source in the alarm record
 inline constexpr uint32_t kAlarmRecordSize = kAlarmSourceCount * kAlarmEntrySize;  // 384
-inline constexpr uint32_t kAlarmCombinedSource = 14;                   // sources 0 and 2 together
-inline constexpr uint8_t kPreRecordKeepIndex = 10;                     // keep the last index, pre-record off
-inline constexpr uint32_t kAlarmFlushInterval = 19;                    // a tail is written every 20 s
+inline constexpr uint32_t kAlarmCombinedSource = 14;                               // sources 0 and 2 together
+inline constexpr uint8_t kPreRecordKeepIndex = 10;   // keep the last index, pre-record off
+inline constexpr uint32_t kAlarmFlushInterval = 19;  // a tail is written every 20 s
 
 // Seconds for the pre-record index (ucpreRecordTime) and the record-delay
 // index (ucrecordDelay); 0 for an index off the table.
@@ -41,12 +41,12 @@ enum class AlarmAction {
 
 // Inputs of one turn.
 struct AlarmTurn {
-    uint32_t now;                 // thread clock T
-    uint32_t recordType;          // record type byte of the running segment (0: mark nothing)
-    const uint8_t *alarmRecord;   // the 384-byte alarm record
-    uint8_t preRecordTime;        // SysInfo ucpreRecordTime as read this turn
-    uint8_t recordDelay;          // SysInfo ucrecordDelay as read this turn
-    const FileInfoHead *file;     // current file record
+    uint32_t now;                    // thread clock T
+    uint32_t recordType;             // record type byte of the running segment (0: mark nothing)
+    const uint8_t *alarmRecord;      // the 384-byte alarm record
+    uint8_t preRecordTime;           // SysInfo ucpreRecordTime as read this turn
+    uint8_t recordDelay;             // SysInfo ucrecordDelay as read this turn
+    const FileInfoHead *file;        // current file record
     const SectionInfoHead *section;  // current section record
 };
 
@@ -66,24 +66,24 @@ public:
     const AlarmEventEntry &entry() const { return entry_; }
 
     uint32_t recordDelaySeconds() const { return RecordDelaySeconds(delayIndex_); }
-    uint32_t eventEnd() const { return eventEnd_; }   // end of the tail turn just handled
-    uint32_t duration() const { return duration_; }   // seconds since the alarm was last seen
+    uint32_t eventEnd() const { return eventEnd_; }  // end of the tail turn just handled
+    uint32_t duration() const { return duration_; }  // seconds since the alarm was last seen
 
 private:
     void BeginEvent(const AlarmTurn &turn, uint8_t alarmType);
     AlarmAction TailTurn(const AlarmTurn &turn);
 
-    AlarmEventInfo info_;             // event slot of the current media file
-    AlarmEventEntry entry_;           // current event
+    AlarmEventInfo info_;               // event slot of the current media file
+    AlarmEventEntry entry_;             // current event
     uint32_t open_[kAlarmSourceCount];  // an event is open for the source
-    uint32_t lastFlush_;              // time of the last tail write
-    uint32_t lastSeen_;               // time the alarm was last seen
-    uint32_t eventEnd_;               // end of the tail so far
-    uint32_t duration_;               // tail length so far
-    uint32_t sizeAtStart_;            // section bytes when the event began
-    uint32_t framesAtStart_;          // section video frames when the event began
-    uint32_t preRecordIndex_;         // pre-record index in force
-    uint32_t delayIndex_;             // record-delay index in force
+    uint32_t lastFlush_;                // time of the last tail write
+    uint32_t lastSeen_;                 // time the alarm was last seen
+    uint32_t eventEnd_;                 // end of the tail so far
+    uint32_t duration_;                 // tail length so far
+    uint32_t sizeAtStart_;              // section bytes when the event began
+    uint32_t framesAtStart_;            // section video frames when the event began
+    uint32_t preRecordIndex_;           // pre-record index in force
+    uint32_t delayIndex_;               // record-delay index in force
 };
 
 // End of the most recently closed event, kept in the reserved word at 0x14

@@ -8,9 +8,9 @@
 
 #include "sysconfig/sys_info.h"
 
-inline constexpr int32_t kEncodingMjpeg = 4;        // never recorded
-inline constexpr int32_t kAudioEncodingOff = 2;     // snapshot value while audio is off
-inline constexpr uint32_t kClockJumpLimit = 5;      // seconds of wall clock vs uptime drift
+inline constexpr int32_t kEncodingMjpeg = 4;     // never recorded
+inline constexpr int32_t kAudioEncodingOff = 2;  // snapshot value while audio is off
+inline constexpr uint32_t kClockJumpLimit = 5;   // seconds of wall clock vs uptime drift
 
 // Stream parameters that must stay as they were for the section to go on.
 struct RunParams {

@@ -14,7 +14,9 @@ uint32_t SystemUptime() {
     return static_cast<uint32_t>(info.uptime);
 }
 
-struct tm *SystemLocalTime(const time_t *when, struct tm *out) { return localtime_r(when, out); }
+struct tm *SystemLocalTime(const time_t *when, struct tm *out) {
+    return localtime_r(when, out);
+}
 
 constexpr RecordClockOps kSystemClock = {SystemGetTimeOfDay, SystemWallClock, SystemUptime, SystemLocalTime};
 

@@ -9,9 +9,9 @@
 #include <ctime>
 
 struct RecordClockOps {
-    int (*getTimeOfDay)(struct timeval *now);                    // gettimeofday
-    time_t (*wallClock)();                                       // time()
-    uint32_t (*uptime)();                                        // seconds since boot
+    int (*getTimeOfDay)(struct timeval *now);                     // gettimeofday
+    time_t (*wallClock)();                                        // time()
+    uint32_t (*uptime)();                                         // seconds since boot
     struct tm *(*localTime)(const time_t *when, struct tm *out);  // localtime_r
 };
 

@@ -1,0 +1,124 @@
+#include "record/record_param_init.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "avrecord_lib/record_builder.h"
+#include "avrecord_lib/record_section.h"
+#include "common/platform_paths.h"
+#include "record/record_flags.h"
+#include "record/storage_status.h"
+#include "support/card_fixture.h"
+#include "support/test_support.h"
+
+namespace {
+
+constexpr uint32_t kMediaFiles = 4;
+
+class RecordParamInitTest : public testing::Test {
+protected:
+    void SetUp() override {
+        FlagSet(g_bIndexLoaded, 0);
+        FlagSet(g_bNewFileInfo, 0);
+        card_ = root_.Under(kCardMountPoint);
+        MakeDirectories(card_);
+        MakeSparseCard(card_, kMediaFiles);
+    }
+
+    // Writes a valid header with the given use and current file, and the
+    // current file's record holding dataSize bytes.
+    void WriteIndex(uint32_t used, uint32_t current, uint32_t dataSize) {
+        RecordConfigInfo info{};
+        AV_RecordConfigInfoInit(&info, 0, kMediaFiles);
+        info.m_u32RecordFileUsed = used;
+        info.m_u32FileInfoHeadNo = current;
+        WriteFileAt(Index(), 0, RecordBytes(info));
+        FileInfoHead file{};
+        AV_RecordFileInfoHeadInit(&info, &file, 1700000000, 1);
+        file.m_u32DataSize = dataSize;
+        WriteFileAt(Index(), FileInfoHeadPosition(current), RecordBytes(file));
+    }
+
+    std::string Index() const { return card_ + kIndexFileName; }
+
+    ScopedRoot root_;
+    std::string card_;
+};
+
+}  // namespace
+
+TEST_F(RecordParamInitTest, UnusableIndexRefusesRecording) {
+    EXPECT_EQ(AVRecordParamInit(1), -1);  // all-zero header
+    WriteFileAt(Index(), 0, "SIHF\x02");  // wrong version
+    EXPECT_EQ(AVRecordParamInit(1), -1);
+    RemoveTree(card_);
+    EXPECT_EQ(AVRecordParamInit(1), -1);  // no index file
+    EXPECT_EQ(FlagGet(g_bIndexLoaded), 0u);
+}
+
+TEST_F(RecordParamInitTest, LoadsOnceThenTrustsTheRecordsInMemory) {
+    WriteIndex(1, 2, 4096);
+    ASSERT_EQ(AVRecordParamInit(0), 0);
+    EXPECT_EQ(FlagGet(g_bIndexLoaded), 1u);
+    EXPECT_EQ(GetRecordConfigInfo()->m_u32FileInfoHeadNo, 2u);
+    EXPECT_EQ(GetFileInfoHead()->m_u32FileNo, 2u);
+    EXPECT_EQ(GetFileInfoHead()->m_u32DataSize, 4096u);
+    EXPECT_EQ(FlagGet(g_bNewFileInfo), 0u);
+
+    // A damaged index on the card is not looked at again.
+    WriteFileAt(Index(), 0, std::string(16, '\0'));
+    EXPECT_EQ(AVRecordParamInit(0), 0);
+    // ...until the card is taken as gone.
+    FlagSet(g_bIndexLoaded, 0);
+    EXPECT_EQ(AVRecordParamInit(0), -1);
+}
+
+TEST_F(RecordParamInitTest, FullFileIsReusedOrRefusedByTheCoverSetting) {
+    struct {
+        uint32_t used;
+        uint32_t dataSize;
+        uint8_t cover;
+        int result;
+        bool discarded;
+    } cases[] = {
+        {2, kMediaFileFullSize - 1, 0, 0, false},         // room left
+        {2, kMediaFileFullSize, 0, 0, true},              // next file of a card not yet full
+        {kMediaFiles, kMediaFileFullSize, 0, -1, false},  // card full, keep old recordings
+        {kMediaFiles, kMediaFileFullSize, 1, 0, true},    // card full, overwrite the oldest
+    };
+    for (const auto &c : cases) {
+        FlagSet(g_bIndexLoaded, 0);
+        FlagSet(g_bNewFileInfo, 0);
+        WriteIndex(c.used, 1, c.dataSize);
+        EXPECT_EQ(AVRecordParamInit(c.cover), c.result) << c.used << " " << c.dataSize << " " << int(c.cover);
+        EXPECT_EQ(FlagGet(g_bNewFileInfo), c.discarded ? 1u : 0u) << c.used << " " << c.dataSize;
+        EXPECT_EQ(GetFileInfoHead()->m_u32HeadFlag == 0, c.discarded) << c.used << " " << c.dataSize;
+    }
+}
+
+TEST(SDCardMountCheckTest, LooksForTheCardAtTheStartOfTheFirstMountLine) {
+    struct {
+        const char *mounts;  // nullptr: no mount table
+        int mounted;
+    } cases[] = {
+        {"/dev/mmcblk1p1 /media/SDCard vfat rw 0 0\n", 1},
+        {"proc /proc proc rw 0 0\n/dev/mmcblk1p1 /media/SDCard vfat rw 0 0\n", 1},
+        {"/dev/sda1 /media/mmcdata vfat rw 0 0\n", 0},  // "mmc" past the first 16 bytes
+        {"/dev/sda1 / ext4 rw 0 0\n", 0},
+        {nullptr, 0},
+    };
+    for (const auto &c : cases) {
+        ScopedRoot root;
+        if (c.mounts != nullptr) root.WriteFile(kMountTable, c.mounts);
+        EXPECT_EQ(SDCardMountCheck(), c.mounted) << (c.mounts ? c.mounts : "no table");
+    }
+}
+
+TEST(StorageStatusTest, CardDeviceNodeMustExist) {
+    ScopedRoot root;
+    EXPECT_EQ(FileUtilsGetStorageStatus(kCardMountPoint), -1);
+    root.WriteFile(kCardDevice, "");
+    EXPECT_EQ(FileUtilsGetStorageStatus(nullptr), 0);
+}

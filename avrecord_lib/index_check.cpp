@@ -1,0 +1,290 @@
+#include "avrecord_lib/index_check.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "avrecord_lib/record_file.h"
+#include "avrecord_lib/record_index.h"
+
+namespace {
+
+constexpr uint8_t kPackStartCode[4] = {0x00, 0x00, 0x01, 0xBA};
+constexpr uint32_t kMaxKeyFrameEntries = (kMediaFileSize - kKeyFrameTableOffset) / kKeyFrameEntrySize;
+constexpr uint8_t kKeyTypeParameterSet = 1;
+constexpr uint8_t kKeyTypeEncoderMark = 2;
+
+std::string MediaPath(const std::string &cardDir, uint32_t fileNo) {
+    char name[32];
+    snprintf(name, sizeof name, kMediaFileNameFormat, static_cast<int>(fileNo));
+    return cardDir + name;
+}
+
+// Closes a descriptor of this unit when it goes out of scope.
+struct ScopedFd {
+    explicit ScopedFd(int value) : fd(value) {}
+    ~ScopedFd() { AVFileClose(fd); }
+    ScopedFd(const ScopedFd &) = delete;
+    ScopedFd &operator=(const ScopedFd &) = delete;
+    int fd;
+};
+
+class IndexChecker {
+public:
+    IndexChecker(const std::string &cardDir, std::vector<IndexProblem> *problems)
+        : cardDir_(cardDir), problems_(problems) {}
+
+    void CheckHeader(const RecordConfigInfo &header);
+    void CheckFile(int indexFd, uint32_t fileNo, const FileInfoHead &file);
+    void CheckEvents(uint32_t fileSum);
+
+private:
+    void Add(int64_t fileNo, uint32_t sectionNo, const char *format, ...)
+        __attribute__((format(printf, 4, 5)));
+    void CheckSection(const FileInfoHead &file, uint32_t slot, const SectionInfoHead &section,
+                      uint32_t *dataEnd);
+    void CheckKeyFrames(int mediaFd, const FileInfoHead &file, const SectionInfoHead *sections);
+    void CheckKeyFrame(int mediaFd, const FileInfoHead &file, const SectionInfoHead *section,
+                       uint32_t entryNo);
+    void CheckEventSlot(int eventFd, uint32_t fileNo);
+
+    std::string cardDir_;
+    std::vector<IndexProblem> *problems_;
+};
+
+void IndexChecker::Add(int64_t fileNo, uint32_t sectionNo, const char *format, ...) {
+    char text[256];
+    va_list args;
+    va_start(args, format);
+    vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    problems_->push_back(IndexProblem{fileNo, sectionNo, text});
+}
+
+void IndexChecker::CheckHeader(const RecordConfigInfo &header) {
+    uint32_t sum = header.m_u32RecordFileSum;
+    if (sum == 0) Add(-1, 0, "no media files (m_u32RecordFileSum is 0)");
+    if (sum > kMaxIndexFileRecords || sum > kMaxIndexSectionBlocks) {
+        Add(-1, 0, "m_u32RecordFileSum %u is more than the index can describe", sum);
+    }
+    if (header.m_u32RecordSpaceSize != sum << kMediaFileSizeShift) {
+        Add(-1, 0, "m_u32RecordSpaceSize %#x does not match %u files", header.m_u32RecordSpaceSize, sum);
+    }
+    if (header.m_u32RecordFileUsed > sum)
+        Add(-1, 0, "m_u32RecordFileUsed %u exceeds %u", header.m_u32RecordFileUsed, sum);
+    if (sum != 0 && header.m_u32FileInfoHeadNo >= sum) {
+        Add(-1, 0, "current file %u is not below %u", header.m_u32FileInfoHeadNo, sum);
+    }
+    if (header.m_u32CheckCode != kRecordCheckCode) Add(-1, 0, "check code %#x", header.m_u32CheckCode);
+    for (uint32_t fileNo = 0; fileNo < sum && fileNo < kMaxIndexFileRecords; ++fileNo) {
+        ScopedFd media(AVFileOpen(MediaPath(cardDir_, fileNo).c_str(), kAVFileModeRead));
+        if (media.fd < 0) {
+            Add(fileNo, 0, "media file missing");
+            continue;
+        }
+        uint32_t size = static_cast<uint32_t>(AVFileSeek(media.fd, 0, kAVFileSeekEnd));
+        if (size != kMediaFileSize) Add(fileNo, 0, "media file is %u bytes, not %u", size, kMediaFileSize);
+    }
+}
+
+void IndexChecker::CheckFile(int indexFd, uint32_t fileNo, const FileInfoHead &file) {
+    if (file.m_u32HeadFlag != kFileInfoHeadFlag) return;  // no recording in this file
+    if (file.m_u32FileNo != fileNo) Add(fileNo, 0, "record names file %u", file.m_u32FileNo);
+    if (file.m_u32DataSize > kKeyFrameTableOffset) {
+        Add(fileNo, 0, "data size %#x reaches the key-frame table", file.m_u32DataSize);
+    }
+    if (file.m_u32EndTime != 0 && file.m_u32EndTime < file.m_u32StartTime) {
+        Add(fileNo, 0, "ends (%u) before it starts (%u)", file.m_u32EndTime, file.m_u32StartTime);
+    }
+    if (file.m_u32KeyFrameSum > kMaxKeyFrameEntries) {
+        Add(fileNo, 0, "%u key frames do not fit the key-frame table", file.m_u32KeyFrameSum);
+    }
+    uint32_t sectionSum = file.m_u32RecordSectionSum;
+    if (sectionSum == 0 || sectionSum > kMaxSectionNo) {
+        Add(fileNo, 0, "section count %u is not 1..%u", sectionSum, kMaxSectionNo);
+        return;
+    }
+    SectionInfoHead sections[kMaxSectionNo];
+    if (AV_RecordSectionInfoHeadRead(indexFd, &file, sections) < 0) {
+        Add(fileNo, 0, "section records unreadable");
+        return;
+    }
+    uint32_t dataEnd = 0;
+    uint32_t keyFrames = 0;
+    for (uint32_t slot = 1; slot <= sectionSum; ++slot) {
+        CheckSection(file, slot, sections[slot - 1], &dataEnd);
+        keyFrames += sections[slot - 1].m_u32KeyFrameSum;
+    }
+    // Once slot 251 has been reused the earlier counts of that slot are gone.
+    if (sectionSum < kMaxSectionNo && keyFrames != file.m_u32KeyFrameSum) {
+        Add(fileNo, 0, "sections hold %u key frames, the file %u", keyFrames, file.m_u32KeyFrameSum);
+        return;
+    }
+    if (file.m_u32KeyFrameSum > kMaxKeyFrameEntries || sectionSum >= kMaxSectionNo) return;
+    ScopedFd media(AVFileOpen(MediaPath(cardDir_, fileNo).c_str(), kAVFileModeRead));
+    if (media.fd >= 0) CheckKeyFrames(media.fd, file, sections);
+}
+
+void IndexChecker::CheckSection(const FileInfoHead &file, uint32_t slot, const SectionInfoHead &section,
+                                uint32_t *dataEnd) {
+    uint32_t fileNo = file.m_u32FileNo;
+    if (section.m_u32HeadFlag != kSectionInfoHeadFlag) {
+        Add(fileNo, slot, "no section record (magic %#x)", section.m_u32HeadFlag);
+        return;
+    }
+    if (section.m_u16SectionNo != slot) Add(fileNo, slot, "numbered %u", section.m_u16SectionNo);
+    if (section.m_u32FileNo != static_cast<uint16_t>(fileNo))
+        Add(fileNo, slot, "names file %u", section.m_u32FileNo);
+    if (section.m_u32KeyFrameEntrySize != kKeyFrameEntrySize) {
+        Add(fileNo, slot, "key-frame entry size %u", section.m_u32KeyFrameEntrySize);
+    }
+    uint64_t end = static_cast<uint64_t>(section.m_u32SectionOffset) + section.m_u32SectionSize;
+    if (end > file.m_u32DataSize) {
+        Add(fileNo, slot, "data [%#x, %#llx) runs past the file's data size %#x", section.m_u32SectionOffset,
+            static_cast<unsigned long long>(end), file.m_u32DataSize);
+    }
+    // Sections follow one another without gaps; a reused last slot may
+    // leave one behind the sections it replaced.
+    bool reusedSlot = slot == kMaxSectionNo && section.m_u32SectionOffset > *dataEnd;
+    if (section.m_u32SectionOffset != *dataEnd && !reusedSlot) {
+        Add(fileNo, slot, "starts at %#x, the previous section ends at %#x", section.m_u32SectionOffset,
+            *dataEnd);
+    }
+    *dataEnd = static_cast<uint32_t>(end);
+    if (section.m_u32StartTime < file.m_u32StartTime) {
+        Add(fileNo, slot, "starts (%u) before its file (%u)", section.m_u32StartTime, file.m_u32StartTime);
+    }
+    if (section.m_u32EndTime != 0 && section.m_u32EndTime < section.m_u32StartTime) {
+        Add(fileNo, slot, "ends (%u) before it starts (%u)", section.m_u32EndTime, section.m_u32StartTime);
+    }
+    if (section.m_u32KeyFrameSum > section.m_u32VideoFrameSum) {
+        Add(fileNo, slot, "%u key frames but %u video frames", section.m_u32KeyFrameSum,
+            section.m_u32VideoFrameSum);
+    }
+}
+
+// Entries are numbered over the whole file: the first sections' entries come
+// first, each entry's offset counted from its section's start.
+void IndexChecker::CheckKeyFrames(int mediaFd, const FileInfoHead &file, const SectionInfoHead *sections) {
+    uint32_t entryNo = 0;
+    for (uint32_t slot = 0; slot < file.m_u32RecordSectionSum; ++slot) {
+        for (uint32_t k = 0; k < sections[slot].m_u32KeyFrameSum; ++k)
+            CheckKeyFrame(mediaFd, file, &sections[slot], entryNo++);
+    }
+}
+
+void IndexChecker::CheckKeyFrame(int mediaFd, const FileInfoHead &file, const SectionInfoHead *section,
+                                 uint32_t entryNo) {
+    uint32_t fileNo = file.m_u32FileNo;
+    uint32_t slot = section->m_u16SectionNo;
+    KeyFrameEntry entry;
+    if (AV_RecordKeyFrameEntryRead(mediaFd, KeyFrameEntryOffset(entryNo), &entry) < 0) {
+        Add(fileNo, slot, "key-frame entry %u unreadable", entryNo);
+        return;
+    }
+    if (entry.m_u32HeadFlag != kKeyFrameEntryFlag) {
+        Add(fileNo, slot, "key-frame entry %u has no magic (%#x)", entryNo, entry.m_u32HeadFlag);
+        return;
+    }
+    if (entry.m_u8KeyType != kKeyTypeParameterSet && entry.m_u8KeyType != kKeyTypeEncoderMark) {
+        Add(fileNo, slot, "key-frame entry %u has key type %u", entryNo, entry.m_u8KeyType);
+    }
+    if (static_cast<uint64_t>(entry.m_u32FrameOffset) + entry.m_u32FrameSize > section->m_u32SectionSize) {
+        Add(fileNo, slot, "key-frame entry %u (offset %#x, %u bytes) lies outside the section", entryNo,
+            entry.m_u32FrameOffset, entry.m_u32FrameSize);
+        return;
+    }
+    uint8_t start[sizeof kPackStartCode];
+    uint32_t position = section->m_u32SectionOffset + entry.m_u32FrameOffset;
+    if (AV_RecordStreamInfoRead(mediaFd, position, start, sizeof start) < 0 ||
+        memcmp(start, kPackStartCode, sizeof start) != 0) {
+        Add(fileNo, slot, "key-frame entry %u points at %#x, which holds no pack header", entryNo, position);
+    }
+}
+
+void IndexChecker::CheckEvents(uint32_t fileSum) {
+    ScopedFd event(AVFileOpen((cardDir_ + kEventFileName).c_str(), kAVFileModeRead));
+    if (event.fd < 0) return;  // nothing recorded there yet
+    for (uint32_t fileNo = 0; fileNo < fileSum && fileNo < kMaxIndexFileRecords; ++fileNo) {
+        CheckEventSlot(event.fd, fileNo);
+    }
+}
+
+void IndexChecker::CheckEventSlot(int eventFd, uint32_t fileNo) {
+    AlarmEventInfo info;
+    if (AV_AlarmEventFileInfoRead(eventFd, fileNo, &info) < 0 || info.m_u32HeadFlag != kAlarmEventInfoFlag)
+        return;
+    if (info.m_u32AlarmFileNo != fileNo) Add(fileNo, 0, "event slot names file %u", info.m_u32AlarmFileNo);
+    if (info.m_u32AlarmEventSum > kMaxAlarmEventSum)
+        Add(fileNo, 0, "%u alarm events", info.m_u32AlarmEventSum);
+    if (info.m_u32AlarmEventSum == 0 || info.m_u32AlarmFileNo != fileNo) return;
+    std::vector<AlarmEventEntry> entries(kMaxAlarmEventListRead);
+    if (AV_AlarmEventEntryListRead(eventFd, &info, entries.data()) < 0) {
+        Add(fileNo, 0, "alarm event list unreadable");
+        return;
+    }
+    for (uint32_t i = 0; i < info.m_u32AlarmEventSum; ++i) {
+        const AlarmEventEntry &entry = entries[i];
+        if (entry.m_u32HeadFlag != kAlarmEventEntryFlag || entry.m_u16EventNo != i ||
+            entry.m_u16FileNo != static_cast<uint16_t>(fileNo)) {
+            Add(fileNo, 0, "alarm event %u is not an entry of this file", i);
+        }
+    }
+}
+
+}  // namespace
+
+int LoadCardIndex(const std::string &cardDir, CardIndex *index, std::string *reason) {
+    std::string path = cardDir + kIndexFileName;
+    ScopedFd fd(AVFileOpen(path.c_str(), kAVFileModeRead));
+    if (fd.fd < 0) {
+        *reason = "cannot open " + path;
+        return -1;
+    }
+    if (AV_RecordConfigInfoRead(fd.fd, &index->header) < 0) {
+        *reason = "cannot read the index header of " + path;
+        return -1;
+    }
+    if (AV_RecordConfigInfoCheck(&index->header) < 0) {
+        *reason = "no valid index header in " + path + " (card not initialised?)";
+        return -1;
+    }
+    uint32_t sum = index->header.m_u32RecordFileSum;
+    index->files.assign(sum < kMaxIndexFileRecords ? sum : kMaxIndexFileRecords, FileInfoHead{});
+    for (uint32_t fileNo = 0; fileNo < index->files.size(); ++fileNo) {
+        if (AV_RecordFileInfoHeadAccecsFileNoRead(fd.fd, fileNo, &index->files[fileNo]) < 0) {
+            *reason = "cannot read the file records of " + path;
+            return -1;
+        }
+    }
+    return 0;
+}
+
+int CheckCardIndex(const std::string &cardDir, std::vector<IndexProblem> *problems) {
+    CardIndex index;
+    std::string reason;
+    if (LoadCardIndex(cardDir, &index, &reason) < 0) {
+        problems->push_back(IndexProblem{-1, 0, reason});
+        return -1;
+    }
+    IndexChecker checker(cardDir, problems);
+    checker.CheckHeader(index.header);
+    ScopedFd fd(AVFileOpen((cardDir + kIndexFileName).c_str(), kAVFileModeRead));
+    for (uint32_t fileNo = 0; fileNo < index.files.size(); ++fileNo)
+        checker.CheckFile(fd.fd, fileNo, index.files[fileNo]);
+    checker.CheckEvents(static_cast<uint32_t>(index.files.size()));
+    return 0;
+}
+
+std::string FormatIndexProblem(const IndexProblem &problem) {
+    char where[64];
+    if (problem.fileNo < 0) {
+        snprintf(where, sizeof where, "header");
+    } else if (problem.sectionNo == 0) {
+        snprintf(where, sizeof where, "file %lld", static_cast<long long>(problem.fileNo));
+    } else {
+        snprintf(where, sizeof where, "file %lld section %u", static_cast<long long>(problem.fileNo),
+                 problem.sectionNo);
+    }
+    return std::string(where) + ": " + problem.text;
+}

@@ -1,6 +1,6 @@
 #include "avrecord_lib/record_config.h"
 
-#include <cstring>
+#include <cstddef>
 
 #include "avrecord_lib/index_records.h"
 #include "avrecord_lib/record_builder.h"
@@ -8,27 +8,23 @@
 #include "avrecord_lib/record_index.h"
 #include "common/log.h"
 #include "common/platform_paths.h"
+#include "mkfs/mkfs_vfat.h"
 
 namespace {
 
-uint32_t ConfigWord(const void *config, uint32_t word) {
-    uint32_t value;
-    memcpy(&value, static_cast<const uint8_t *>(config) + word * sizeof value, sizeof value);
-    return value;
-}
+// The header keeps the capacity record's first and fifth 32-bit words.
+static_assert(offsetof(MkfsCapacityInfo, m_u32VideoFileNum) == 4 * sizeof(uint32_t));
 
-int NoFormatter(const char *, void *, int) { return -1; }
-
-SDCardFormatFunc g_sdCardFormat = NoFormatter;
+SDCardFormatFunc g_sdCardFormat = mkfs_vfat;
 
 }  // namespace
 
-int AV_RecordFileConfigSet(const char *path, const void *config) {
+int AV_RecordFileConfigSet(const char *path, const MkfsCapacityInfo *config) {
     if (path == nullptr || config == nullptr) return -1;
-    uint32_t storeFileNum = ConfigWord(config, kRecordConfigStoreFileNumWord);
+    uint32_t storeFileNum = config->m_u32VideoFileNum;
     LogTrace("%s %d:StoreFileNum = %d \n", __func__, __LINE__, static_cast<int>(storeFileNum));
     RecordConfigInfo info;
-    AV_RecordConfigInfoInit(&info, ConfigWord(config, kRecordConfigValueWord), storeFileNum);
+    AV_RecordConfigInfoInit(&info, static_cast<uint32_t>(config->m_u64TotalSize), storeFileNum);
     int fd = AVFileOpen(path, kAVFileModeReadWrite);
     if (fd < 0) return -1;
     int ret = AV_RecordConfigInfoWrite(fd, &info) < 0 ? -1 : 0;
@@ -53,12 +49,10 @@ int AV_RecordConfigInfoGet(const char *path, uint32_t *spaceSize, uint32_t *free
     return 0;
 }
 
-int AV_RecordSDCardFormat(void *capacity, int percent) {
+int AV_RecordSDCardFormat(MkfsCapacityInfo *capacity, int percent) {
     LogTrace("%s %d \n", __func__, __LINE__);
     g_sdCardFormat(PlatformPath(kCardDevice).c_str(), capacity, percent);
     return 0;
 }
 
-void SetSDCardFormatFunc(SDCardFormatFunc format) {
-    g_sdCardFormat = format != nullptr ? format : NoFormatter;
-}
+void SetSDCardFormatFunc(SDCardFormatFunc format) { g_sdCardFormat = format != nullptr ? format : mkfs_vfat; }

@@ -28,8 +28,9 @@ protected:
         dir_ = std::make_unique<TempDir>();
         card_ = dir_->path() + "/";
         MakeSparseCard(card_, 3);
-        uint32_t config[5] = {0, 0, 0, 0, 3};
-        ASSERT_EQ(AV_RecordFileConfigSet((card_ + kIndexFileName).c_str(), config), 0);
+        MkfsCapacityInfo config = {};
+        config.m_u32VideoFileNum = 3;
+        ASSERT_EQ(AV_RecordFileConfigSet((card_ + kIndexFileName).c_str(), &config), 0);
         CardRecorder recorder(card_);
         for (uint32_t section = 0; section < 2; ++section) {
             uint32_t t = 1000 + 100 * section;

@@ -14,16 +14,15 @@
 
 namespace {
 
-// Word layout of the configuration record: word 0 kept, word 4 the count.
-struct Config {
-    uint32_t words[6];
-};
+std::string Le32(uint32_t value) { return std::string(reinterpret_cast<const char *>(&value), 4); }
 
 class RecordConfigTest : public testing::Test {
 protected:
     void SetUp() override { index_ = dir_.File(kIndexFileName); }
     int Set(uint32_t files, uint32_t value = 0x1234) {
-        Config config = {{value, 0, 0, 0, files, 0}};
+        MkfsCapacityInfo config = {};
+        config.m_u64TotalSize = 0x7777000000000000ull | value;  // only the low word is kept
+        config.m_u32VideoFileNum = files;
         return AV_RecordFileConfigSet(index_.c_str(), &config);
     }
     TempDir dir_;
@@ -62,9 +61,9 @@ TEST_F(RecordConfigTest, SetWritesOnlyTheHeader) {
 
 int g_formatCalls = 0;
 std::string g_formatDevice;
-void *g_formatCapacity = nullptr;
+MkfsCapacityInfo *g_formatCapacity = nullptr;
 int g_formatPercent = 0;
-int RecordingFormatter(const char *device, void *capacity, int percent) {
+int RecordingFormatter(const char *device, MkfsCapacityInfo *capacity, int percent) {
     ++g_formatCalls;
     g_formatDevice = device;
     g_formatCapacity = capacity;
@@ -75,13 +74,26 @@ int RecordingFormatter(const char *device, void *capacity, int percent) {
 TEST_F(RecordConfigTest, FormatHandsBothParametersToTheFormatter) {
     ScopedRoot root;
     SetSDCardFormatFunc(RecordingFormatter);
-    int capacity = 0;
+    MkfsCapacityInfo capacity = {};
     EXPECT_EQ(AV_RecordSDCardFormat(&capacity, 70), 0);  // even though formatting failed
     SetSDCardFormatFunc(nullptr);
     EXPECT_EQ(g_formatCalls, 1);
     EXPECT_EQ(g_formatDevice, root.Under("/dev/mmcblk1p1"));
     EXPECT_EQ(g_formatCapacity, &capacity);
     EXPECT_EQ(g_formatPercent, 70);
+}
+
+TEST_F(RecordConfigTest, FormatsTheCardDeviceAndTheHeaderFollows) {
+    ScopedRoot root;
+    MakeDirectories(root.Under("/dev"));
+    MakeSparseFile(root.Under("/dev/mmcblk1p1"), 2ull << 30);
+    MkfsCapacityInfo capacity = {};
+    EXPECT_EQ(AV_RecordSDCardFormat(&capacity, 100), 0);
+    EXPECT_EQ(capacity.m_u64TotalSize, 2048u);
+    EXPECT_EQ(capacity.m_u32VideoFileNum, 4u);  // the first GiB is held back
+    ASSERT_EQ(AV_RecordFileConfigSet(index_.c_str(), &capacity), 0);
+    EXPECT_EQ(ReadFileAt(index_, 0x08, 4), Le32(2048));
+    EXPECT_EQ(ReadFileAt(index_, 0x14, 4), Le32(4));
 }
 
 // Error paths: missing or invalid index, failed writes, null arguments.
@@ -96,7 +108,7 @@ TEST_F(RecordConfigTest, FailsOnUnusableIndex) {
     EXPECT_EQ(free, 7u);
     EXPECT_EQ(AV_RecordConfigInfoGet(index_.c_str(), nullptr, &free), -1);
 
-    Config config = {};
+    MkfsCapacityInfo config = {};
     EXPECT_EQ(AV_RecordFileConfigSet(nullptr, &config), -1);
     EXPECT_EQ(AV_RecordFileConfigSet(index_.c_str(), nullptr), -1);
     EXPECT_EQ(AV_RecordFileConfigSet(dir_.File("no/such/dir").c_str(), &config), -1);

@@ -105,14 +105,14 @@ CameraAccess EntryOf(int cmd) {
     return g_pCameraAccess[cmd];
 }
 
-int Dispatch(int cmd, int value, void *record) {
+}  // namespace
+
+int CameraDispatch(int cmd, int value, void *record) {
     if (record == nullptr) return kCameraBadArgument;
     int ret = CameraCmdCheck(cmd);
     if (ret != 0) return ret;
     return EntryOf(cmd).Camera_func(value, record);
 }
-
-}  // namespace
 
 int CameraAccessInit(int cameraType, int processArg) {
     if (g_bCameraInit != 0) return kCameraAlreadyInit;
@@ -157,45 +157,53 @@ int CameraCmdCheck(int cmd) {
 }
 
 int CameraGetVideoEncodingProperty(VideoEncodingProperty *streams) {
-    return Dispatch(CAMERA_CMD_GET_VIDEO_ENCODING, 0, streams);
+    return CameraDispatch(CAMERA_CMD_GET_VIDEO_ENCODING, 0, streams);
 }
 
 int CameraGetAudioEncodingProperty(AudioEncodingProperty *property) {
-    return Dispatch(CAMERA_CMD_GET_AUDIO_ENCODING, 0, property);
+    return CameraDispatch(CAMERA_CMD_GET_AUDIO_ENCODING, 0, property);
 }
 
-int CameraGetAudioProperty(AudioProperty *property) { return Dispatch(CAMERA_CMD_GET_AUDIO, 0, property); }
+int CameraGetAudioProperty(AudioProperty *property) {
+    return CameraDispatch(CAMERA_CMD_GET_AUDIO, 0, property);
+}
 
-int CameraGetImageProperty(ImageProperty *property) { return Dispatch(CAMERA_CMD_GET_IMAGE, 0, property); }
+int CameraGetImageProperty(ImageProperty *property) {
+    return CameraDispatch(CAMERA_CMD_GET_IMAGE, 0, property);
+}
 
 int CameraGetRegularRecordProperty(RegularRecordProperty *property) {
-    return Dispatch(CAMERA_CMD_GET_REGULAR_RECORD, 0, property);
+    return CameraDispatch(CAMERA_CMD_GET_REGULAR_RECORD, 0, property);
 }
 
 int CameraSetRegularRecordProperty(RegularRecordProperty *property) {
-    return Dispatch(CAMERA_CMD_SET_REGULAR_RECORD, 0, property);
+    return CameraDispatch(CAMERA_CMD_SET_REGULAR_RECORD, 0, property);
 }
 
 int CameraGetStorageProperty(StorageProperty *property) {
-    return Dispatch(CAMERA_CMD_GET_STORAGE, 0, property);
+    return CameraDispatch(CAMERA_CMD_GET_STORAGE, 0, property);
 }
 
-int CameraGetAlarmProperty(AlarmProperty *property) { return Dispatch(CAMERA_CMD_GET_ALARM, 0, property); }
+int CameraGetAlarmProperty(AlarmProperty *property) {
+    return CameraDispatch(CAMERA_CMD_GET_ALARM, 0, property);
+}
 
 int CameraGetStorageInfo(StorageInfoIn *in, StorageInfo *out) {
     if (in == nullptr || out == nullptr) return kCameraBadArgument;
     StorageInfoQuery query{in, out};
-    return Dispatch(CAMERA_CMD_GET_STORAGE_INFO, 0, &query);
+    return CameraDispatch(CAMERA_CMD_GET_STORAGE_INFO, 0, &query);
 }
 
-int CameraStorageOption(StorageOption *option) { return Dispatch(CAMERA_CMD_STORAGE_OPTION, 0, option); }
+int CameraStorageOption(StorageOption *option) {
+    return CameraDispatch(CAMERA_CMD_STORAGE_OPTION, 0, option);
+}
 
 int CameraStorageOption2(StorageOption *option) {
-    return Dispatch(CAMERA_CMD_STORAGE_OPTION_SYNC, 0, option);
+    return CameraDispatch(CAMERA_CMD_STORAGE_OPTION_SYNC, 0, option);
 }
 
 int CameraGetPlayBackQueryFile(PlayBackQuery *query) {
-    return Dispatch(CAMERA_CMD_GET_PLAYBACK_QUERY_FILE, 0, query);
+    return CameraDispatch(CAMERA_CMD_GET_PLAYBACK_QUERY_FILE, 0, query);
 }
 
 void CameraAccessResetForTest() {

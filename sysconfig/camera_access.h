@@ -55,6 +55,10 @@ int CameraAccessInit(int cameraType, int processArg);
 // 0 when the command can be dispatched, else -3, -4, -7 or -5.
 int CameraCmdCheck(int cmd);
 
+// The shape of every wrapper: -1 for a null record, the check's code, or
+// the handler's result (called with value and record).
+int CameraDispatch(int cmd, int value, void *record);
+
 // Wrappers: -1 for a null record, the check's code, or the handler's result.
 int CameraGetVideoEncodingProperty(VideoEncodingProperty *streams);  // kSysStreamCount records
 int CameraGetAudioEncodingProperty(AudioEncodingProperty *property);

@@ -62,19 +62,12 @@ struct AudioProperty {
 };
 static_assert(sizeof(AudioProperty) == 6);
 
-// Image (mirror, OSD, infrared).
+// Image (mirror, OSD, infrared): the image settings as the server keeps
+// them, with the OSD text always NUL-terminated.
 struct ImageProperty {
-    uint8_t ucCh;                     // channel, 0
-    uint8_t ucMirror;                 // ucMirror
-    uint8_t ucFlip;                   // ucFlip
-    uint8_t ucOsdTimeEnable;          // ucOsdTimeEnable
-    uint8_t ucOsdTimeFormat;          // ucOsdTimeFormat
-    uint8_t ucOsdTextEnable;          // ucOsdTextEnable
-    uint8_t ucIrCutMode;              // ucIrCutMode
-    uint8_t ucIrLedMode;              // ucIrLedMode
-    uint8_t ucIrSensitivity;          // ucIrSensitivity
-    uint8_t ucReserved[3];            // reserved
-    char szOsdText[kSysOsdTextSize];  // szOsdText, NUL-terminated
+    uint8_t ucCh;           // channel, 0
+    uint8_t ucReserved[3];  // reserved
+    SysImageConfig image;   // image settings
 };
 static_assert(sizeof(ImageProperty) == 44);
 

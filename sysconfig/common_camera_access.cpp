@@ -109,19 +109,11 @@ int Common_GetAudioProperty(int /*channel*/, AudioProperty *property) {
 int Common_GetImageProperty(int channel, ImageProperty *property) {
     const SysInfo *info = SysInfoOrLog(__func__);
     if (property == nullptr || info == nullptr) return -1;
-    const SysImageConfig &image = info->image;
     std::memset(property, 0, sizeof(*property));
     property->ucCh = static_cast<uint8_t>(channel);
-    property->ucMirror = image.ucMirror;
-    property->ucFlip = image.ucFlip;
-    property->ucOsdTimeEnable = image.ucOsdTimeEnable;
-    property->ucOsdTimeFormat = image.ucOsdTimeFormat;
-    property->ucOsdTextEnable = image.ucOsdTextEnable;
-    property->ucIrCutMode = image.ucIrCutMode;
-    property->ucIrLedMode = image.ucIrLedMode;
-    property->ucIrSensitivity = image.ucIrSensitivity;
+    property->image = info->image;
     // The server's text may fill its field; ours always ends in a NUL.
-    std::memcpy(property->szOsdText, image.szOsdText, kSysOsdTextSize - 1);
+    property->image.szOsdText[kSysOsdTextSize - 1] = '\0';
     return 0;
 }
 

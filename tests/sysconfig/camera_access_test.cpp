@@ -30,6 +30,7 @@ TEST_F(CameraAccessTest, RecorderInitSetsUpProcessFive) {
     EXPECT_NE(err.find("PROCESS_AVRECORD"), std::string::npos) << err;
     EXPECT_EQ(SysGetProcId(), 5);
     EXPECT_NE(GetSysInfo(), nullptr);
+    EXPECT_EQ(semget(kConfigSemKey, 0, 0), ConfigSemId());
     EXPECT_EQ(CameraAccessInit(kCameraTypeCommon, kAvRecordProcessArg), kCameraAlreadyInit);
     VideoEncodingProperty streams[kSysStreamCount];
     EXPECT_EQ(CameraGetVideoEncodingProperty(streams), 0);

@@ -4,50 +4,45 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <mutex>
 #include <string>
-#include <thread>
-#include <vector>
 
+#include "common/platform_paths.h"
 #include "support/test_support.h"
 
 namespace {
 
-// What the replaced runner and waits saw, in order. Only the marker's
-// touch and rm are really run (they stay under the test root); the
-// commands that would stop processes or touch the card are just recorded.
-std::mutex g_eventsMutex;
-std::vector<std::string> g_events;
-std::string g_marker;
-bool g_markerDuringFormat = false;
-uint32_t g_flagDuringFormat = 0;
+// What the replaced runner and waits saw, one line each. Only the marker's
+// touch and rm really run (under the test root); the commands that would
+// stop processes or touch the card are just recorded.
+std::mutex g_mutex;
+std::string g_events;
+std::string g_markerDuringFormat;
 
 int RecordingRunner(const char *command) {
     std::string text(command);
     if (text.rfind("touch ", 0) == 0 || text.rfind("rm -f ", 0) == 0) RunShellCommand(command);
-    std::lock_guard<std::mutex> lock(g_eventsMutex);
+    std::lock_guard<std::mutex> lock(g_mutex);
     if (text.rfind("mkfs.vfat ", 0) == 0) {
-        g_markerDuringFormat = access(g_marker.c_str(), F_OK) == 0;
-        g_flagDuringFormat = SDCardFormatting();
+        g_markerDuringFormat =
+            access(PlatformPath(kStorageOptionMarker).c_str(), F_OK) == 0 ? "marker" : "no marker";
+        g_markerDuringFormat += SDCardFormatting() == 1 ? ", flag" : ", no flag";
     }
-    g_events.push_back(text);
+    g_events += text + "\n";
     return 0;
 }
 
 void RecordingSleeper(unsigned seconds) {
-    std::lock_guard<std::mutex> lock(g_eventsMutex);
-    g_events.push_back("wait " + std::to_string(seconds));
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_events += "wait " + std::to_string(seconds) + "\n";
 }
 
 class SdCardFormatTest : public testing::Test {
 protected:
     void SetUp() override {
         g_events.clear();
-        g_marker = root_.Under("/tmp/StorageOption");
+        g_markerDuringFormat.clear();
         MakeDirectories(root_.Under("/tmp"));
-        g_markerDuringFormat = false;
-        g_flagDuringFormat = 0;
         SetShellRunner(RecordingRunner);
         SetFormatSleeper(RecordingSleeper);
     }
@@ -55,32 +50,22 @@ protected:
         SetShellRunner(nullptr);
         SetFormatSleeper(nullptr);
     }
-    std::vector<std::string> Sequence(bool restartWatchDog) const {
+    std::string Expected(const std::string &killRecorder, bool restartWatchDog) const {
+        const std::string marker = root_.Under("/tmp/StorageOption");
         const std::string card = root_.Under("/media/SDCard/");
         const std::string dev = root_.Under("/dev/mmcblk1p[0-9]");
-        std::vector<std::string> steps = {
-            "touch " + g_marker,
-            "sync",
-            "killall AVRecord",
-            "wait 1",
-            restartWatchDog ? "killall -9 AVRecord WatchDog" : "killall -9 AVRecord",
-            "umount -l " + card,
-            "wait 2"};
-        if (restartWatchDog)
-            steps.push_back("killall -9 WatchDog;" + root_.Under("/opt/app/bin/WatchDog") + " &");
-        for (const std::string &step :
-             {"mkfs.vfat " + dev, std::string("wait 60"), "mount -t vfat -o usefree,rw " + dev + " " + card,
-              std::string("wait 1"), "rm -f " + g_marker}) {
-            steps.push_back(step);
-        }
-        return steps;
+        return "touch " + marker + "\nsync\nkillall AVRecord\nwait 1\n" + killRecorder + "\numount -l " +
+               card + "\nwait 2\n" +
+               (restartWatchDog ? "killall -9 WatchDog;" + root_.Under("/opt/app/bin/WatchDog") + " &\n"
+                                : "") +
+               "mkfs.vfat " + dev + "\nwait 60\nmount -t vfat -o usefree,rw " + dev + " " + card +
+               "\nwait 1\nrm -f " + marker + "\n";
     }
-    void ExpectCompleted(bool restartWatchDog) {
-        EXPECT_EQ(g_events, Sequence(restartWatchDog));
-        EXPECT_TRUE(g_markerDuringFormat);
-        EXPECT_EQ(g_flagDuringFormat, 1u);
+    void ExpectCompleted(const std::string &expected) {
+        EXPECT_EQ(g_events, expected);
+        EXPECT_EQ(g_markerDuringFormat, "marker, flag");
         EXPECT_EQ(SDCardFormatting(), 0u);
-        EXPECT_NE(access(g_marker.c_str(), F_OK), 0);
+        EXPECT_NE(access(root_.Under("/tmp/StorageOption").c_str(), F_OK), 0);
     }
     ScopedRoot root_;
 };
@@ -88,50 +73,37 @@ protected:
 TEST_F(SdCardFormatTest, StorageOptionFormatsOnItsOwnThread) {
     StorageOption option{0, 1, 0};
     EXPECT_EQ(Common_StorageOption(&option), 0);
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    for (;;) {
+    const std::string expected = Expected("killall -9 AVRecord WatchDog", true);
+    for (int waited = 0; waited < 5000; ++waited) {
         {
-            std::lock_guard<std::mutex> lock(g_eventsMutex);
-            if (g_events.size() >= Sequence(true).size()) break;
+            std::lock_guard<std::mutex> lock(g_mutex);
+            if (g_events.size() >= expected.size()) break;
         }
-        ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "format sequence did not finish";
         usleep(1000);
     }
-    // Let the detached thread clear the flag after its last command.
-    while (SDCardFormatting() != 0 && std::chrono::steady_clock::now() < deadline) usleep(1000);
-    ExpectCompleted(true);
+    ExpectCompleted(expected);
 }
 
 TEST_F(SdCardFormatTest, StorageOption2FormatsInPlaceAndLeavesWatchDog) {
     StorageOption option{0, 1, 0};
     EXPECT_EQ(Common_StorageOption2(&option), 0);
-    ExpectCompleted(false);
+    ExpectCompleted(Expected("killall -9 AVRecord", false));
 }
 
-TEST_F(SdCardFormatTest, OtherOptionsDoNothing) {
-    const StorageOption options[] = {{0, 1, 1}, {0, 2, 0}, {0, 0, 0}};
-    for (const StorageOption &option : options) {
+TEST_F(SdCardFormatTest, ErrorPaths) {
+    // Anything but "format the card" does nothing.
+    for (const StorageOption &option :
+         {StorageOption{0, 1, 1}, StorageOption{0, 2, 0}, StorageOption{0, 0, 0}}) {
         EXPECT_EQ(Common_StorageOption(&option), 0);
         EXPECT_EQ(Common_StorageOption2(&option), 0);
     }
-    usleep(20000);
-    EXPECT_TRUE(g_events.empty());
-}
-
-TEST(ShellCommandTest, RunsThroughShellAndReportsStatus) {
-    TempDir dir;
-    std::string file = dir.File("made by sh");
-    EXPECT_EQ(RunShellCommand(("echo hi > '" + file + "'").c_str()), 0);
-    EXPECT_EQ(ReadWholeFile(file), "hi\n");
-    int status = RunShellCommand("exit 3");
-    EXPECT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 3);
-}
-
-TEST(StorageOptionErrorTest, ErrorPaths) {
     EXPECT_EQ(Common_StorageOption(nullptr), -1);
     EXPECT_EQ(Common_StorageOption2(nullptr), -1);
+    usleep(20000);
+    EXPECT_EQ(g_events, "");
     EXPECT_EQ(RunShellCommand(nullptr), -1);
+    int status = RunShellCommand("exit 3");
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3) << status;
 }
 
 }  // namespace

@@ -70,28 +70,6 @@ TEST_F(SysRequestTest, FieldSetterMapsFieldsToCommands) {
     for (size_t i = 0; i < 5; ++i) EXPECT_EQ(server.served()[i].request.cmd, cases[i].cmd);
 }
 
-TEST_F(SysRequestTest, ServerAppliesRecordFields) {
-    TestConfigServer server(info_, 4);
-    uint8_t enable = 1, stream = 2;
-    SysWeekScope week{};
-    week.dayScope[6].ucSocpeMode = TIME_SCOPE_DIFF;
-    week.dayScope[6].segment[5] = {{22, 30, 0, 0}, {23, 59, 59, 2}};
-    EXPECT_EQ(ControlSystemData(SFIELD_SET_RECORD_ENABLE, &enable, 1), 0);
-    EXPECT_EQ(ControlSystemData(SFIELD_SET_RECORD_SCHEDULE, &week, sizeof(week)), 0);
-    EXPECT_EQ(ControlSystemData(SFIELD_SET_RECORD_STREAM, &stream, 1), 0);
-    // A wrong length is refused and changes nothing.
-    uint8_t twoBytes[2] = {0, 0};
-    EXPECT_EQ(ControlSystemData(SFIELD_SET_RECORD_STREAM, twoBytes, 2), -1);
-    server.Join();
-
-    const auto *raw = reinterpret_cast<const uint8_t *>(GetSysInfo());
-    EXPECT_EQ(raw[7068], 1);
-    EXPECT_EQ(raw[7074], 2);
-    EXPECT_EQ(raw[SysDayModeOffset(6)], TIME_SCOPE_DIFF);
-    const uint8_t segment[8] = {22, 30, 0, 0, 23, 59, 59, 2};
-    EXPECT_EQ(std::memcmp(raw + SysDaySegmentOffset(6, 5), segment, 8), 0);
-}
-
 TEST_F(SysRequestTest, ErrorPaths) {
     uint8_t value = 1;
     // Refused by the field setter: nothing is sent.
@@ -104,11 +82,13 @@ TEST_F(SysRequestTest, ErrorPaths) {
     ASSERT_EQ(msgctl(SysGetMsgId(), IPC_STAT, &ds), 0);
     EXPECT_EQ(ds.msg_qnum, 0u);
 
-    // Commands the server does not serve are answered with -1.
+    // The server refuses commands it does not serve and wrong lengths.
     {
-        TestConfigServer server(info_, 1);
+        TestConfigServer server(info_, 2);
         EXPECT_EQ(SysConfigRequest(kCmdSetDns, &value, 1), -1);
+        EXPECT_EQ(SysConfigRequest(kCmdSetRecordStream, big.data(), 2), -1);
     }
+    EXPECT_EQ(info_->videoRecord.ucVideoStreamType, 0);
     // Without a set-up channel there is no area to use.
     SysDrvExit();
     EXPECT_EQ(SysConfigRequest(kCmdSetRecordEnable, &value, 1), -1);

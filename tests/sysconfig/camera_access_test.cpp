@@ -50,51 +50,41 @@ TEST_F(CameraAccessTest, InitRefusesBadAndUnknownTypes) {
     EXPECT_EQ(GetSysInfo(), nullptr);
 }
 
-TEST_F(CameraAccessTest, CommandCheckCodesOfCommonTable) {
+TEST_F(CameraAccessTest, CommandCheckCodesByTable) {
     AudioProperty audio{};
     std::string err = Stderr([&] { EXPECT_EQ(CameraGetAudioProperty(&audio), kCameraNotInit); });
     EXPECT_NE(err.find("Camera dev is not initialize, initialize first!\n"), std::string::npos) << err;
 
-    Stderr([] { ASSERT_EQ(CameraAccessInit(kCameraTypeCommon, 6), 0); });
-    EXPECT_EQ(CameraGetAudioProperty(nullptr), kCameraBadArgument);
     struct Case {
-        int cmd;
-        int code;
+        int type, cmd, code;
         const char *warning;
     };
+    const char *noHandler = "The Onvif cmd is not support now!\n";
     const Case cases[] = {
-        {0, kCameraNoHandler, "The Onvif cmd is not support now!\n"},
-        {2, kCameraNoHandler, "The Onvif cmd is not support now!\n"},
-        {215, kCameraNoHandler, "The Onvif cmd is not support now!\n"},
-        {CAMERA_CMD_GET_REGULAR_RECORD, 0, nullptr},
-        {216, kCameraCmdMismatch, "Cmd not match!cmd = 216, pCameraAccess[216].Camera_command = 0\n"},
-        {-1, kCameraCmdMismatch, "Cmd not match!cmd = -1"},
+        {1, 0, kCameraNoHandler, noHandler},
+        {1, 215, kCameraNoHandler, noHandler},
+        {1, CAMERA_CMD_GET_REGULAR_RECORD, 0, ""},
+        {1, 216, kCameraCmdMismatch, "Cmd not match!cmd = 216, pCameraAccess[216].Camera_command = 0\n"},
+        {1, -1, kCameraCmdMismatch, "Cmd not match!cmd = -1"},
+        {2, 28, kCameraNoHandler, noHandler},
+        {2, CAMERA_CMD_GET_AUDIO_ENCODING, 0, ""},
+        {2, 30, kCameraCmdMismatch, "Cmd not match!cmd = 30, pCameraAccess[30].Camera_command = 31\n"},
+        {2, 45, kCameraCmdMismatch, "pCameraAccess[45].Camera_command = 47\n"},
+        {2, 46, kCameraNoHandler, noHandler},
+        {2, 70, kCameraCmdMismatch, "pCameraAccess[70].Camera_command = 71\n"},
+        {2, CAMERA_CMD_GET_REGULAR_RECORD, kCameraCmdMismatch, "pCameraAccess[115].Camera_command = 0\n"},
     };
-    for (const Case &c : cases) {
-        err = Stderr([&] { EXPECT_EQ(CameraCmdCheck(c.cmd), c.code) << c.cmd; });
-        if (c.warning != nullptr) {
+    for (int type : {kCameraTypeCommon, kCameraTypeReduced}) {
+        CameraAccessResetForTest();
+        Stderr([&] { ASSERT_EQ(CameraAccessInit(type, 6), 0); });
+        EXPECT_EQ(SysGetProcId(), 5);
+        EXPECT_EQ(CameraGetAudioProperty(nullptr), kCameraBadArgument);
+        for (const Case &c : cases) {
+            if (c.type != type) continue;
+            err = Stderr([&] { EXPECT_EQ(CameraCmdCheck(c.cmd), c.code) << type << " " << c.cmd; });
             EXPECT_NE(err.find(c.warning), std::string::npos) << err;
         }
     }
-}
-
-TEST_F(CameraAccessTest, ReducedTableShiftsCommands) {
-    Stderr([] { ASSERT_EQ(CameraAccessInit(kCameraTypeReduced, 6), 0); });
-    EXPECT_EQ(SysGetProcId(), 5);
-    std::string err = Stderr([] { EXPECT_EQ(CameraCmdCheck(30), kCameraCmdMismatch); });
-    EXPECT_NE(err.find("Cmd not match!cmd = 30, pCameraAccess[30].Camera_command = 31\n"), std::string::npos)
-        << err;
-    err = Stderr([] { EXPECT_EQ(CameraCmdCheck(45), kCameraCmdMismatch); });
-    EXPECT_NE(err.find("pCameraAccess[45].Camera_command = 47\n"), std::string::npos) << err;
-    EXPECT_EQ(CameraCmdCheck(46), kCameraNoHandler);
-    EXPECT_EQ(CameraCmdCheck(28), kCameraNoHandler);
-    EXPECT_EQ(CameraCmdCheck(70), kCameraCmdMismatch);
-    // The encoding properties lie below the shift and still work; the
-    // schedule lies beyond the table.
-    AudioEncodingProperty audio{};
-    EXPECT_EQ(CameraGetAudioEncodingProperty(&audio), 0);
-    RegularRecordProperty record{};
-    Stderr([&] { EXPECT_EQ(CameraGetRegularRecordProperty(&record), kCameraCmdMismatch); });
 }
 
 }  // namespace

@@ -158,20 +158,14 @@ TEST_F(CommonAccessTest, SetRegularRecordWithOneWeekPattern) {
 }
 
 TEST_F(CommonAccessTest, StorageInfoAnswersForTheCardOnly) {
-    struct Case {
-        uint8_t askedType;
-        uint8_t firstAnswerByte;
-    };
-    for (const Case &c : {Case{0x81, 3}, Case{0x02, 0xEE}}) {
-        StorageInfoIn in{3, c.askedType};
+    const uint8_t card[12] = {3, 1, 1, 0},
+                  untouched[12] = {0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE};
+    for (uint8_t asked : {0x81, 0x02}) {
+        StorageInfoIn in{3, asked};
         uint8_t out[12];
         std::memset(out, 0xEE, sizeof(out));
         ASSERT_EQ(CameraGetStorageInfo(&in, reinterpret_cast<StorageInfo *>(out)), 0);
-        EXPECT_EQ(out[0], c.firstAnswerByte);
-        if (c.firstAnswerByte == 3) {
-            const uint8_t expected[12] = {3, 1, 1, 0};
-            EXPECT_EQ(std::memcmp(out, expected, 12), 0);
-        }
+        EXPECT_EQ(std::memcmp(out, (asked & 1) ? card : untouched, 12), 0) << int(asked);
         EXPECT_EQ(in.ucStorageType, 1);
     }
 }

@@ -14,12 +14,6 @@ constexpr uint32_t kMaxKeyFrameEntries = (kMediaFileSize - kKeyFrameTableOffset)
 constexpr uint8_t kKeyTypeParameterSet = 1;
 constexpr uint8_t kKeyTypeEncoderMark = 2;
 
-std::string MediaPath(const std::string &cardDir, uint32_t fileNo) {
-    char name[32];
-    snprintf(name, sizeof name, kMediaFileNameFormat, static_cast<int>(fileNo));
-    return cardDir + name;
-}
-
 // Closes a descriptor of this unit when it goes out of scope.
 struct ScopedFd {
     explicit ScopedFd(int value) : fd(value) {}
@@ -77,13 +71,12 @@ void IndexChecker::CheckHeader(const RecordConfigInfo &header) {
     }
     if (header.m_u32CheckCode != kRecordCheckCode) Add(-1, 0, "check code %#x", header.m_u32CheckCode);
     for (uint32_t fileNo = 0; fileNo < sum && fileNo < kMaxIndexFileRecords; ++fileNo) {
-        ScopedFd media(AVFileOpen(MediaPath(cardDir_, fileNo).c_str(), kAVFileModeRead));
-        if (media.fd < 0) {
+        int64_t size = CardFileSize(CardMediaFilePath(cardDir_, fileNo));
+        if (size < 0) {
             Add(fileNo, 0, "media file missing");
-            continue;
+        } else if (size != kMediaFileSize) {
+            Add(fileNo, 0, "media file is %lld bytes, not %u", static_cast<long long>(size), kMediaFileSize);
         }
-        uint32_t size = static_cast<uint32_t>(AVFileSeek(media.fd, 0, kAVFileSeekEnd));
-        if (size != kMediaFileSize) Add(fileNo, 0, "media file is %u bytes, not %u", size, kMediaFileSize);
     }
 }
 
@@ -121,7 +114,7 @@ void IndexChecker::CheckFile(int indexFd, uint32_t fileNo, const FileInfoHead &f
         return;
     }
     if (file.m_u32KeyFrameSum > kMaxKeyFrameEntries || sectionSum >= kMaxSectionNo) return;
-    ScopedFd media(AVFileOpen(MediaPath(cardDir_, fileNo).c_str(), kAVFileModeRead));
+    ScopedFd media(AVFileOpen(CardMediaFilePath(cardDir_, fileNo).c_str(), kAVFileModeRead));
     if (media.fd >= 0) CheckKeyFrames(media.fd, file, sections);
 }
 
@@ -233,6 +226,18 @@ void IndexChecker::CheckEventSlot(int eventFd, uint32_t fileNo) {
 }
 
 }  // namespace
+
+std::string CardMediaFilePath(const std::string &cardDir, uint32_t fileNo) {
+    char name[32];
+    snprintf(name, sizeof name, kMediaFileNameFormat, static_cast<int>(fileNo));
+    return cardDir + name;
+}
+
+int64_t CardFileSize(const std::string &path) {
+    ScopedFd fd(AVFileOpen(path.c_str(), kAVFileModeRead));
+    if (fd.fd < 0) return -1;
+    return static_cast<uint32_t>(AVFileSeek(fd.fd, 0, kAVFileSeekEnd));
+}
 
 int LoadCardIndex(const std::string &cardDir, CardIndex *index, std::string *reason) {
     std::string path = cardDir + kIndexFileName;

@@ -10,6 +10,11 @@
 
 #include "avrecord_lib/index_records.h"
 
+// Path of media file fileNo in the card directory (ending with '/').
+std::string CardMediaFilePath(const std::string &cardDir, uint32_t fileNo);
+// Size of the file at path, -1 when it cannot be opened.
+int64_t CardFileSize(const std::string &path);
+
 // The header and the file records 0 .. m_u32RecordFileSum - 1 of a card.
 struct CardIndex {
     RecordConfigInfo header;          // header

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "avrecord_lib/index_check.h"
 #include "avrecord_lib/index_records.h"
 #include "avrecord_lib/record_config.h"
 #include "avrecord_lib/record_file.h"
@@ -13,31 +14,16 @@
 
 namespace {
 
-// Size of the file at path, -1 when it cannot be opened.
-int64_t CardFileSize(const std::string &path) {
-    int fd = AVFileOpen(path.c_str(), kAVFileModeRead);
-    if (fd < 0) return -1;
-    int64_t size = static_cast<uint32_t>(AVFileSeek(fd, 0, kAVFileSeekEnd));
-    AVFileClose(fd);
-    return size;
-}
-
-std::string MediaPath(const std::string &card, uint32_t fileNo) {
-    char name[32];
-    snprintf(name, sizeof name, kMediaFileNameFormat, static_cast<int>(fileNo));
-    return card + name;
-}
-
 // Media files hi000000.mp4, hi000001.mp4, ... present in a row; -1 (with a
 // message) for one of the wrong size or more than the index describes.
 int CountMediaFiles(const CardArgs &args, uint32_t *count) {
     uint32_t fileNo = 0;
     for (;; ++fileNo) {
-        int64_t size = CardFileSize(MediaPath(args.card, fileNo));
+        int64_t size = CardFileSize(CardMediaFilePath(args.card, fileNo));
         if (size < 0) break;
         if (size != kMediaFileSize) {
             return CardFail(args, kExitCardProblem, "%s is %lld bytes, not %u",
-                            MediaPath(args.card, fileNo).c_str(), static_cast<long long>(size),
+                            CardMediaFilePath(args.card, fileNo).c_str(), static_cast<long long>(size),
                             kMediaFileSize);
         }
         if (fileNo >= CardMaxMediaFiles()) {

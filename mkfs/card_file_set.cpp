@@ -85,3 +85,13 @@ int CardSplitCapacity(uint64_t deviceBytes, int percent, MkfsCapacityInfo *capac
     capacity->m_u64VideoSpace = static_cast<uint64_t>(CardMaxMediaFiles()) * (kCardLargeFileSize / kMiB);
     return 1;
 }
+
+void CardDescribeFileSet(uint32_t pictureFiles, uint32_t mediaFiles, MkfsCapacityInfo *capacity) {
+    constexpr uint64_t kLargeMiB = kCardLargeFileSize / kMiB;
+    constexpr uint64_t kFixedMiB = (2ull * kCardLargeFileSize + 2ull * kCardSmallFileSize) / kMiB;
+    capacity->m_u32VideoFileNum = mediaFiles;
+    capacity->m_u64VideoSpace = mediaFiles * kLargeMiB;
+    capacity->m_u32PictureFileNum = pictureFiles;
+    capacity->m_u64PictureSpace = pictureFiles * kLargeMiB;
+    capacity->m_u64TotalSize = capacity->m_u64VideoSpace + capacity->m_u64PictureSpace + kFixedMiB;
+}

@@ -4,6 +4,7 @@
 // card; prealloc creates them in a plain directory.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 // What a card of a given size holds, as reported to the caller.
@@ -48,3 +49,7 @@ inline uint32_t CardFileCount(uint32_t pictureFiles, uint32_t mediaFiles) {
 // caps the media count at CardMaxMediaFiles(). Returns 1 when it capped,
 // 0 when not, -1 for a percentage outside 0..100.
 int CardSplitCapacity(uint64_t deviceBytes, int percent, MkfsCapacityInfo *capacity);
+
+// The capacity record of a file set made of the given counts (prealloc):
+// total and shares are the sizes of the files themselves.
+void CardDescribeFileSet(uint32_t pictureFiles, uint32_t mediaFiles, MkfsCapacityInfo *capacity);

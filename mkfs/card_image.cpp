@@ -12,18 +12,31 @@
 
 namespace {
 
-constexpr uint32_t kSpaceShift = 28;  // 256 MiB per media file
+// Writes length bytes at position of the device and flushes them.
+int WriteBytes(const char *device, uint64_t position, const void *data, uint32_t length) {
+    int fd = FileIo().open(device, O_RDWR, 0);
+    if (fd < 0) {
+        fprintf(stderr, "can't open '%s': %s\n", device, strerror(errno));
+        return -1;
+    }
+    int result = -1;
+    ssize_t done = -1;
+    if (FileIo().seek(fd, static_cast<int64_t>(position), SEEK_SET) != static_cast<int64_t>(position)) {
+        fprintf(stderr, "lseek(%llu): %s\n", static_cast<unsigned long long>(position), strerror(errno));
+    } else if ((done = FileIo().write(fd, data, length)) < 0) {
+        fprintf(stderr, "write error: %s\n", strerror(errno));
+    } else if (static_cast<uint32_t>(done) != length) {
+        fprintf(stderr, "short write\n");
+    } else if (FileIo().fsync(fd) != 0) {
+        fprintf(stderr, "fsync: %s\n", strerror(errno));
+    } else {
+        result = 0;
+    }
+    if (FileIo().close(fd) != 0) result = -1;
+    return result;
+}
 
 }  // namespace
-
-void CardBuildIndexHeader(uint32_t storeFileNum, RecordConfigInfo *header) {
-    memset(header, 0, sizeof *header);
-    header->m_u32HeadFlag = kRecordConfigHeadFlag;
-    header->m_u32Version = kRecordConfigVersion;
-    header->m_u32RecordSpaceSize = storeFileNum << kSpaceShift;  // wraps from 16 files on, as on every card
-    header->m_u32RecordFileSum = storeFileNum;
-    header->m_u32CheckCode = kRecordCheckCode;
-}
 
 int CardFilePosition(const Fat32Layout &layout, const char *longName) {
     CardFile file;
@@ -46,28 +59,5 @@ int CardImageWriteFile(const char *device, const Fat32Layout &layout, const char
     }
     uint64_t start =
         Fat32ClusterOffset(layout, Fat32FileFirstCluster(layout, static_cast<uint32_t>(position)));
-    return CardWriteBytes(device, start + offset, data, length);
-}
-
-int CardWriteBytes(const char *path, uint64_t position, const void *data, uint32_t length) {
-    int fd = FileIo().open(path, O_RDWR, 0);
-    if (fd < 0) {
-        fprintf(stderr, "can't open '%s': %s\n", path, strerror(errno));
-        return -1;
-    }
-    int result = -1;
-    ssize_t done = -1;
-    if (FileIo().seek(fd, static_cast<int64_t>(position), SEEK_SET) != static_cast<int64_t>(position)) {
-        fprintf(stderr, "lseek(%llu): %s\n", static_cast<unsigned long long>(position), strerror(errno));
-    } else if ((done = FileIo().write(fd, data, length)) < 0) {
-        fprintf(stderr, "write error: %s\n", strerror(errno));
-    } else if (static_cast<uint32_t>(done) != length) {
-        fprintf(stderr, "short write\n");
-    } else if (FileIo().fsync(fd) != 0) {
-        fprintf(stderr, "fsync: %s\n", strerror(errno));
-    } else {
-        result = 0;
-    }
-    if (FileIo().close(fd) != 0) result = -1;
-    return result;
+    return WriteBytes(device, start + offset, data, length);
 }

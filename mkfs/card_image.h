@@ -5,13 +5,7 @@
 
 #include <cstdint>
 
-#include "avrecord_lib/index_records.h"
 #include "mkfs/fat32_layout.h"
-
-// The index header of a card with storeFileNum media files, as the recorder
-// expects it before its first recording: magic, version 1, configuration
-// value 0, space size, file sum, nothing used, file 0 current.
-void CardBuildIndexHeader(uint32_t storeFileNum, RecordConfigInfo *header);
 
 // Position of a file of the card file set in the directory; -1 when the
 // layout has no file of that name.
@@ -22,7 +16,3 @@ int CardFilePosition(const Fat32Layout &layout, const char *longName);
 // when the bytes would not fit inside the file).
 int CardImageWriteFile(const char *device, const Fat32Layout &layout, const char *longName, uint32_t offset,
                        const void *data, uint32_t length);
-
-// Writes length bytes at position of the file or device at path and
-// flushes them; 0, or -1 with a message on standard error.
-int CardWriteBytes(const char *path, uint64_t position, const void *data, uint32_t length);

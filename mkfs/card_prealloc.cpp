@@ -11,7 +11,6 @@
 
 #include "common/file_io.h"
 #include "mkfs/card_file_set.h"
-#include "mkfs/card_image.h"
 
 namespace {
 
@@ -73,7 +72,5 @@ int CardPreallocate(const char *dir, uint32_t mediaFiles, uint32_t pictureFiles)
         std::string path = JoinPath(dir, file.m_szLongName);
         if (ExistingState(path, file) == 0 && CreateSparse(path, file.m_u32Size) != 0) return -1;
     }
-    RecordConfigInfo header;
-    CardBuildIndexHeader(mediaFiles, &header);
-    return CardWriteBytes(JoinPath(dir, kIndexFileName).c_str(), 0, &header, sizeof header);
+    return 0;
 }

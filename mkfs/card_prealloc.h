@@ -1,6 +1,6 @@
 // The card file set as sparse files in a plain directory, for machines that
 // record without a FAT card: same names, sizes and order as a formatted
-// card, and a fresh index header in index000.bin.
+// card. The caller then writes the index header into index000.bin.
 #pragma once
 
 #include <cstdint>

@@ -125,7 +125,7 @@ int Fat32DecodeBootSector(const uint8_t sector[512], Fat32Layout *layout, const 
     } else if (boot.reservedSectors != kFat32ReservedSectors || boot.fatCount != kFat32FatCount ||
                boot.rootCluster != kFat32RootCluster) {
         problem = "not a card layout of this formatter";
-    } else if (boot.totalSectors32 <= kFat32ReservedSectors + kFat32FatCount * boot.fatSectors32) {
+    } else if (boot.totalSectors32 <= kFat32ReservedSectors + uint64_t{kFat32FatCount} * boot.fatSectors32) {
         problem = "FATs larger than the device";
     }
     if (why != nullptr) *why = problem;

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "avrecord_lib/record_builder.h"
 #include "card_command.h"
 #include "mkfs/card_image.h"
 #include "mkfs/mkfs_vfat.h"
@@ -29,9 +30,12 @@ void ShowProgress(uint64_t done, uint64_t total, void *) {
     fprintf(stderr, "\rformatting: %3d%%%s", percent, done >= total ? "\n" : "");
 }
 
-int WriteFreshHeader(const std::string &target, const Fat32Layout &layout) {
+// The header AV_RecordFileConfigSet would write when handed the capacity
+// record, placed straight into index000.bin's clusters.
+int WriteFreshHeader(const std::string &target, const MkfsCapacityInfo &capacity, const Fat32Layout &layout) {
     RecordConfigInfo header;
-    CardBuildIndexHeader(layout.mediaFiles, &header);
+    AV_RecordConfigInfoInit(&header, static_cast<uint32_t>(capacity.m_u64TotalSize),
+                            capacity.m_u32VideoFileNum);
     return CardImageWriteFile(target.c_str(), layout, kIndexFileName, 0, &header, sizeof header);
 }
 
@@ -77,7 +81,7 @@ int RunFormat(const CardArgs &args) {
         return CardFail(args, kExitCardProblem, "formatting '%s' failed", target.c_str());
     }
     bool initialise = args.Has("--init");
-    if (initialise && WriteFreshHeader(target, layout) != 0) {
+    if (initialise && WriteFreshHeader(target, capacity, layout) != 0) {
         return CardFail(args, kExitCardProblem, "'%s' is formatted but its index header could not be written",
                         target.c_str());
     }

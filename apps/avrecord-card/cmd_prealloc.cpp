@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <string>
 
+#include "avrecord_lib/index_records.h"
+#include "avrecord_lib/record_config.h"
 #include "card_command.h"
 #include "mkfs/card_file_set.h"
 #include "mkfs/card_prealloc.h"
@@ -33,6 +35,12 @@ int RunPrealloc(const CardArgs &args) {
     }
     if (CardPreallocate(dir.c_str(), media, pictures) != 0) {
         return CardFail(args, kExitCardProblem, "could not prepare the file set in '%s'", dir.c_str());
+    }
+    MkfsCapacityInfo capacity;
+    CardDescribeFileSet(pictures, media, &capacity);
+    std::string index = dir + (dir.back() == '/' ? "" : "/") + kIndexFileName;
+    if (AV_RecordFileConfigSet(index.c_str(), &capacity) != 0) {
+        return CardFail(args, kExitCardProblem, "could not write the index header to '%s'", index.c_str());
     }
     uint32_t files = CardFileCount(pictures, media);
     if (args.json) {

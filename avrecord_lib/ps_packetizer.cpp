@@ -108,11 +108,6 @@ uint64_t PSDecodePts(const uint8_t *p) {
            (uint64_t{p[3]} << 7) | (p[4] >> 1);
 }
 
-size_t PSFrameBufferSize(uint32_t length) {
-    size_t packets = length / kPesMaxPayload + kMaxNalParts;
-    return kRecordFileHeaderSize + kKeyFrameHeadersSize + size_t{length} + kPesHeaderSize * packets;
-}
-
 int makePackHeader(uint8_t *out, uint32_t n, int /*selector*/, int rate, uint32_t time) {
     uint64_t scr = PSTimeStamp(n, rate) & kTimeStampMask;
     PutStartCode(out, kPackStartCode);

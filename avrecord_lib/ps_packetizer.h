@@ -59,7 +59,10 @@ uint64_t PSDecodePts(const uint8_t *pts);
 
 // Buffer bytes a video frame of `length` bytes can take at most, headers
 // and the record file header included.
-size_t PSFrameBufferSize(uint32_t length);
+constexpr size_t PSFrameBufferSize(uint32_t length) {
+    return kRecordFileHeaderSize + kKeyFrameHeadersSize + size_t{length} +
+           kPesHeaderSize * (length / kPesMaxPayload + kMaxNalParts);
+}
 
 // Header builders; each returns the bytes written (the stream map 0).
 int makePackHeader(uint8_t *out, uint32_t n, int selector, int rate, uint32_t time);

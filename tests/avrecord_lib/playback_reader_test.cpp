@@ -1,0 +1,243 @@
+#include "avrecord_lib/playback_reader.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <vector>
+
+#include "avrecord_lib/ps_packetizer.h"
+#include "support/test_support.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+Bytes Nal(uint8_t header, size_t size, uint8_t fill) {
+    Bytes nal = {0, 0, 0, 1, header};
+    nal.insert(nal.end(), size, fill);
+    return nal;
+}
+
+Bytes Concat(std::initializer_list<Bytes> parts) {
+    Bytes all;
+    for (const Bytes &part : parts) all.insert(all.end(), part.begin(), part.end());
+    return all;
+}
+
+const PSStreamParam kParam = {kVideoCodecH264, kAudioCodecG711U, 1280, 720, 0, 0, 8000, 33000};
+
+// A media file assembled from packetizer output.
+class PsFile {
+public:
+    PsFile() : path_(dir_.File("hi000000.mp4")) {}
+    ~PsFile() {
+        if (fd_ >= 0) close(fd_);
+    }
+
+    uint32_t AddKey(const Bytes &frame, uint32_t n, uint32_t time) {
+        return Add(frame, [&](uint8_t *out) {
+            return makeIFrameHeader(frame.data(), frame.size(), out, n, 0, &kParam, time);
+        });
+    }
+    uint32_t AddOther(const Bytes &frame, uint32_t n, uint32_t time) {
+        return Add(frame, [&](uint8_t *out) {
+            return makePFrameHeader(frame.data(), frame.size(), out, n, 0, time);
+        });
+    }
+    uint32_t AddAudio(const Bytes &frame, uint32_t n) {
+        return Add(frame, [&](uint8_t *out) { return makeAudioPSFrame(frame.data(), frame.size(), out, n); });
+    }
+    void AddRaw(const Bytes &bytes) { data_.insert(data_.end(), bytes.begin(), bytes.end()); }
+    uint32_t size() const { return data_.size(); }
+
+    int Open() {
+        WriteWholeFile(path_, std::string(data_.begin(), data_.end()));
+        fd_ = open(path_.c_str(), O_RDONLY);
+        return fd_;
+    }
+
+private:
+    template <typename Build>
+    uint32_t Add(const Bytes &frame, Build build) {
+        uint32_t at = data_.size();
+        data_.resize(at + PSFrameBufferSize(frame.size()));
+        int n = build(data_.data() + at);
+        EXPECT_GT(n, 0);
+        data_.resize(at + n);
+        return at;
+    }
+
+    TempDir dir_;
+    std::string path_;
+    Bytes data_;
+    int fd_ = -1;
+};
+
+struct Frame {
+    int rc = -1;
+    uint32_t offset = 0;
+    int type = -1;
+    Bytes data;
+    uint32_t wallTime = 0;
+    uint32_t pts = 0;
+};
+
+Frame Read(int fd, uint32_t offset, size_t bufSize = 4 << 20) {
+    Frame f;
+    f.offset = offset;
+    f.data.resize(bufSize);
+    uint32_t length = 0;
+    f.rc = libAVRecordPlayBackGetPSFrame(fd, &f.offset, &f.type, f.data.data(), &length, &f.wallTime, &f.pts);
+    f.data.resize(f.rc == 0 ? length : 0);
+    return f;
+}
+
+Frame ReadBounded(int fd, uint32_t offset, uint32_t dataEnd, uint32_t bufSize) {
+    Frame f;
+    f.offset = offset;
+    f.data.resize(bufSize);
+    uint32_t length = 0;
+    f.rc = libAVRecordPlayBackGetPSFrameBounded(fd, &f.offset, dataEnd, &f.type, f.data.data(), bufSize,
+                                                &length, &f.wallTime, &f.pts);
+    f.data.resize(f.rc == 0 ? length : 0);
+    return f;
+}
+
+TEST(PlaybackReader, WalksKeyOtherAndAudioFrames) {
+    PsFile file;
+    Bytes key = Concat({Nal(0x67, 12, 1), Nal(0x68, 3, 2), Nal(0x06, 5, 3), Nal(0x65, 150000, 4)});
+    Bytes other = Nal(0x41, 70000, 5);
+    Bytes audio(160, 0x77);
+    uint32_t keyAt = file.AddKey(key, 1, 1700000000);
+    uint32_t otherAt = file.AddOther(other, 2, 1700000001);
+    uint32_t audioAt = file.AddAudio(audio, 3);
+    int fd = file.Open();
+
+    Frame f = Read(fd, keyAt);
+    ASSERT_EQ(f.rc, 0);
+    EXPECT_EQ(f.type, kPSFrameVideo);
+    EXPECT_EQ(f.data, key);  // every part with its start code, split PES joined
+    EXPECT_EQ(f.wallTime, 1700000000u);
+    EXPECT_EQ(f.pts, 3600u);
+    EXPECT_EQ(f.offset, otherAt);
+
+    f = Read(fd, otherAt);
+    ASSERT_EQ(f.rc, 0);
+    EXPECT_EQ(f.data, other);
+    EXPECT_EQ(f.wallTime, 1700000001u);
+    EXPECT_EQ(f.pts, 7200u);
+    EXPECT_EQ(f.offset, audioAt);
+
+    f = Read(fd, audioAt);
+    ASSERT_EQ(f.rc, 0);
+    EXPECT_EQ(f.type, kPSFrameAudio);
+    EXPECT_EQ(f.data, audio);
+    EXPECT_EQ(f.pts, PSTimeStamp(4, kPsTimeStampRate));
+    EXPECT_EQ(f.offset, file.size());
+}
+
+TEST(PlaybackReader, FrameEndsAtFirstBytesThatAreNoVideoPes) {
+    struct Case {
+        const char *name;
+        Bytes tail;
+    } cases[] = {
+        {"end of file", {}},
+        {"zeros", Bytes(64, 0)},
+        {"record file header", Bytes(kRecordFileHeader, kRecordFileHeader + kRecordFileHeaderSize)},
+    };
+    for (const Case &c : cases) {
+        PsFile file;
+        Bytes other = Nal(0x41, 500, 9);
+        file.AddOther(other, 5, 0);
+        file.AddRaw(c.tail);
+        int fd = file.Open();
+        Frame f = Read(fd, 0);
+        ASSERT_EQ(f.rc, 0) << c.name;
+        EXPECT_EQ(f.data, other) << c.name;
+        EXPECT_EQ(f.offset, file.size() - c.tail.size()) << c.name;
+    }
+}
+
+TEST(PlaybackReader, KeyFramesAreLimitedToTwoMebibytes) {
+    Bytes big = Nal(0x65, 0x200000 + 70000, 0x3C);
+    PsFile file;
+    uint32_t keyAt = file.AddKey(big, 1, 0);
+    uint32_t otherAt = file.AddOther(big, 2, 0);
+    int fd = file.Open();
+    Frame f = Read(fd, keyAt);
+    EXPECT_EQ(f.rc, -1);
+    EXPECT_EQ(f.offset, keyAt);
+    f = Read(fd, otherAt);
+    ASSERT_EQ(f.rc, 0);
+    EXPECT_EQ(f.data, big);
+}
+
+TEST(PlaybackReaderBounded, RefusesFramesLargerThanTheBuffer) {
+    PsFile file;
+    Bytes other = Nal(0x41, 100000, 1);
+    file.AddOther(other, 1, 0);
+    int fd = file.Open();
+    EXPECT_EQ(ReadBounded(fd, 0, 0, other.size() - 1).rc, -1);
+    Frame f = ReadBounded(fd, 0, 0, other.size());
+    ASSERT_EQ(f.rc, 0);
+    EXPECT_EQ(f.data, other);
+}
+
+TEST(PlaybackReaderBounded, StopsAtTheEndOfTheSectionData) {
+    // Stale packets of an earlier recording right behind the section.
+    PsFile file;
+    Bytes frame = Nal(0x41, 1000, 1);
+    file.AddOther(frame, 1, 0);
+    uint32_t end = file.size();
+    file.AddOther(Nal(0x41, 1000, 2), 7, 0);
+    file.AddRaw({0, 0, 1, 0xE0});  // a PES start continuing the stale data
+    int fd = file.Open();
+    Frame f = ReadBounded(fd, 0, end, 1 << 20);
+    ASSERT_EQ(f.rc, 0);
+    EXPECT_EQ(f.data, frame);
+    EXPECT_EQ(f.offset, end);
+}
+
+TEST(PlaybackReaderErrors, MalformedPacketsFailWithoutMovingOn) {
+    Bytes pack(kPackHeaderSize);
+    makePackHeader(pack.data(), 1, 0, kPsTimeStampRate, 0);
+    struct Case {
+        const char *name;
+        Bytes bytes;
+    } cases[] = {
+        {"short file", {0, 0, 1, 0xBA}},
+        {"no start code", Bytes(64, 0xAA)},
+        {"unknown stream id", Concat({{0, 0, 1, 0xBD}, Bytes(60, 0)})},
+        {"pack without a following start code", Concat({pack, Bytes(60, 0xFF)})},
+        {"pack followed by audio", Concat({pack, {0, 0, 1, 0xC0}, Bytes(60, 0)})},
+        {"PES length below its header", Concat({pack, {0, 0, 1, 0xE0, 0, 4}, Bytes(60, 0)})},
+        {"audio payload past the end",
+         {0, 0, 1, 0xC0, 0x10, 0x00, 0x80, 0x80, 5, 0x21, 0, 1, 0x1C, 0x21, 0, 0, 0, 0}},
+    };
+    for (const Case &c : cases) {
+        PsFile file;
+        file.AddRaw(Bytes(8, 0));
+        file.AddRaw(c.bytes);
+        int fd = file.Open();
+        Frame f = Read(fd, 8);
+        EXPECT_EQ(f.rc, -1) << c.name;
+        EXPECT_EQ(f.offset, 8u) << c.name;
+    }
+}
+
+TEST(PlaybackReaderErrors, NullArgumentsAndBadDescriptor) {
+    uint8_t buf[16];
+    uint32_t offset = 0, length = 0;
+    int type = 0;
+    EXPECT_EQ(libAVRecordPlayBackGetPSFrame(-1, &offset, &type, buf, &length, nullptr, nullptr), -1);
+    EXPECT_EQ(libAVRecordPlayBackGetPSFrame(0, nullptr, &type, buf, &length, nullptr, nullptr), -1);
+    EXPECT_EQ(libAVRecordPlayBackGetPSFrame(0, &offset, nullptr, buf, &length, nullptr, nullptr), -1);
+    EXPECT_EQ(libAVRecordPlayBackGetPSFrame(0, &offset, &type, nullptr, &length, nullptr, nullptr), -1);
+    EXPECT_EQ(libAVRecordPlayBackGetPSFrame(0, &offset, &type, buf, nullptr, nullptr, nullptr), -1);
+    EXPECT_EQ(
+        libAVRecordPlayBackGetPSFrameBounded(0, &offset, 0, &type, nullptr, 16, &length, nullptr, nullptr),
+        -1);
+}
+
+}  // namespace

@@ -1,0 +1,338 @@
+#include "avrecord_lib/frame_writer.h"
+
+#include <pthread.h>
+#include <sys/sysinfo.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "avrecord_lib/ps_packetizer.h"
+#include "avrecord_lib/record_builder.h"
+#include "avrecord_lib/record_file.h"
+#include "avrecord_lib/record_index.h"
+#include "avrecord_lib/record_section.h"
+#include "common/log.h"
+#include "common/platform_paths.h"
+
+uint32_t g_u32Offset = 0;
+
+namespace {
+
+constexpr int kMaxChannels = 4;
+constexpr uint8_t kH264NalSps = 7;
+constexpr uint8_t kH265NalTrail = 1;
+constexpr uint8_t kH265NalVps = 32;
+constexpr uint32_t kNalHeaderAt = 4;
+constexpr uint8_t kEncoderKeyMark = 1;
+
+// Audio codec types of the channel settings and the codes they map to.
+struct AudioCodecMap {
+    uint32_t type;        // channel setting
+    uint16_t code;        // stream parameter 1
+    uint16_t sampleRate;  // stream parameter 6
+    uint16_t value;       // stream parameter 7
+};
+constexpr AudioCodecMap kAudioCodecs[] = {
+    {0, kAudioCodecG711U, 8000, 33000},
+    {1, kAudioCodecG711A, 8000, 33000},
+    {3, kAudioCodecAac, 48000, 64000},
+};
+
+const char kRuleLine[] = "%s %d : ####################################################### \n";
+
+// Writer state (one recording at a time).
+struct WriterState {
+    std::atomic<uint32_t> recordingOn{0};     // frames ignored while clear
+    std::atomic<uint32_t> writingEnabled{0};  // frames ignored while clear
+    std::atomic<int32_t> channel{-1};         // channel being recorded
+    int indexFd = -1;                         // index000.bin
+    int mediaFd = -1;                         // current media file
+    int streamFd = -1;                        // the media descriptor's second copy
+    uint32_t fileSize = 0;                    // m_u32FileSize: PS bytes since init
+    uint32_t frameCounter = 0;                // video frames since init
+    bool sectionStarted = false;              // first key frame written
+    bool firstKeyPending = false;             // first key frame in progress
+    PSStreamParam param{};                    // stream parameters
+    uint16_t audioCode = kAudioCodecG711U;    // audio codec code in force
+    struct timeval refWall {};                // wall clock at the first key frame
+    uint32_t refUptime = 0;                   // uptime at the first key frame
+    RecordEncodingInfo encoding{};            // channel settings, re-read per frame
+    pthread_mutex_t mutex;                    // created and destroyed, never locked
+    uint32_t videoTally[kMaxChannels] = {};   // video frames per channel
+};
+WriterState g_writer;
+
+// The output: the record file header slot, then the frame's PS bytes.
+alignas(16) uint8_t g_outBuf[PSFrameBufferSize(kMaxFrameLength)];
+
+void SystemWallClock(struct timeval *now) { gettimeofday(now, nullptr); }
+
+uint32_t SystemUptime() {
+    struct sysinfo info;
+    return sysinfo(&info) == 0 ? static_cast<uint32_t>(info.uptime) : 0;
+}
+
+int NoEncodingSource(int, RecordEncodingInfo *) { return -1; }
+
+RecordWallClock g_wallClock = SystemWallClock;
+RecordUptimeClock g_uptimeClock = SystemUptime;
+RecordEncodingSource g_encodingSource = NoEncodingSource;
+
+// What the NAL header of a video frame tells.
+struct FrameClass {
+    uint16_t codec;  // 4096 or 4097
+    bool key;        // led by an SPS (H.264) or VPS (H.265)
+};
+
+FrameClass ClassifyFrame(const uint8_t *data, uint32_t length) {
+    FrameClass cls{kVideoCodecH264, false};
+    if (length < kNalHeaderAt + 2) return cls;
+    uint8_t h264 = data[kNalHeaderAt] & 31;
+    if (h264 == 1 || h264 == 5 || h264 == kH264NalSps || h264 == 8) {
+        cls.key = h264 == kH264NalSps;
+        return cls;
+    }
+    uint32_t h265 = ((data[kNalHeaderAt] * 256u + data[kNalHeaderAt + 1]) >> 9) & 63;
+    if (h265 == kH265NalTrail || h265 == kH265NalVps) {
+        cls.codec = kVideoCodecH265;
+        cls.key = h265 == kH265NalVps;
+    }
+    return cls;
+}
+
+void LogPlayTime(const char *func, int line, const char *format, uint32_t seconds) {
+    time_t t = static_cast<time_t>(seconds);
+    struct tm tmv;
+    localtime_r(&t, &tmv);
+    LogTrace(format, func, line, tmv.tm_year + 1900, tmv.tm_mon + 1, tmv.tm_mday, tmv.tm_hour, tmv.tm_min,
+             tmv.tm_sec, seconds);
+}
+
+void FillAudioParams(WriterState &w) {
+    const RecordEncodingInfo &e = w.encoding;
+    for (const AudioCodecMap &map : kAudioCodecs) {
+        if (map.type == e.u32AudioCodeType) {
+            w.audioCode = map.code;
+            w.param.u16AudioCodec = map.code;
+            w.param.u16AudioSampleRate = map.sampleRate;
+            w.param.u16AudioValue = map.value;
+            return;
+        }
+    }
+    // Unknown type: the code in force stays, the stream map gets the type
+    // itself, and audio frames are refused while it stands.
+    w.param.u16AudioCodec = static_cast<uint16_t>(e.u32AudioCodeType);
+    w.param.u16AudioSampleRate = static_cast<uint16_t>(e.u32AudioSampleRate);
+    w.param.u16AudioValue = static_cast<uint16_t>(e.u32AudioValue);
+}
+
+// Stream parameters and section media parameters at the section's first
+// key frame; takes the reference clocks.
+void StartSection(WriterState &w, uint16_t codec) {
+    const RecordEncodingInfo &e = w.encoding;
+    w.firstKeyPending = true;
+    bool swap = e.u32RotateMode == 1 || e.u32RotateMode == 3;
+    w.param.u16VideoCodec = codec;
+    w.param.u16Width = static_cast<uint16_t>(swap ? e.u32Height : e.u32Width);
+    w.param.u16Height = static_cast<uint16_t>(swap ? e.u32Width : e.u32Height);
+    w.param.u16VideoParamA = static_cast<uint16_t>(e.u32VideoParamA);
+    w.param.u16VideoParamB = static_cast<uint16_t>(e.u32VideoParamB);
+    FillAudioParams(w);
+    LogTrace("%s %d : Now RotateAngle  %d, width = %d, height = %d  framerate = %d  \n", __func__, __LINE__,
+             static_cast<int>(e.u32RotateMode), w.param.u16Width, w.param.u16Height,
+             static_cast<int>(e.u32FrameRate));
+
+    SectionMediaParam media{w.param.u16Width, w.param.u16Height, static_cast<uint8_t>(e.u32FrameRate),
+                            static_cast<uint8_t>(e.u32VideoByte), static_cast<uint8_t>(e.u32AudioCodeType)};
+    SectionInfoHead *section = GetSectionInfoHead();
+    AV_RecordSectionInfoHeadSetMediaParam(section, &media);
+
+    g_wallClock(&w.refWall);
+    w.refUptime = g_uptimeClock();
+    LogTrace(kRuleLine, __func__, __LINE__);
+    LogTrace("%s %d : m_u8AudioCodeType = %#x \n", __func__, __LINE__, section->m_u8AudioCodeType);
+    LogPlayTime(__func__, __LINE__, "%s %d: ## PlayTime. %04d-%02d-%02d %02d:%02d:%02d    %u  ##\n",
+                static_cast<uint32_t>(w.refWall.tv_sec));
+    LogTrace(kRuleLine, __func__, __LINE__);
+}
+
+// Uptime-based time, or the wall clock while it stays within tolerance.
+uint32_t FrameTime(const WriterState &w) {
+    struct timeval now;
+    g_wallClock(&now);
+    uint32_t wall = static_cast<uint32_t>(now.tv_sec);
+    uint32_t time = static_cast<uint32_t>(w.refWall.tv_sec) + (g_uptimeClock() - w.refUptime);
+    int32_t drift = static_cast<int32_t>(wall - time);
+    return drift >= -kWallClockTolerance && drift <= kWallClockTolerance ? wall : time;
+}
+
+// Builds the frame's bytes in g_outBuf; *start is where they begin. The PS
+// length (with the record file header for a section's first frame) or -1.
+int BuildFrame(WriterState &w, int kind, bool keyForm, const uint8_t *data, uint32_t length, uint32_t time,
+               const uint8_t **start) {
+    uint8_t *ps = g_outBuf + kRecordFileHeaderSize;
+    *start = ps;
+    if (kind != kFrameKindVideo) {
+        if (!w.sectionStarted) return -1;
+        uint16_t code = w.param.u16AudioCodec;
+        if (code != kAudioCodecAac && code != kAudioCodecG711U && code != kAudioCodecG711A) return -1;
+        return makeAudioPSFrame(data, length, ps, w.frameCounter + 1);
+    }
+    ++w.frameCounter;
+    int psLength = makeVideoPSFrame(keyForm, data, length, ps, w.frameCounter, &w.param, time);
+    if (psLength < 0 || w.frameCounter != 1) return psLength;
+    memcpy(g_outBuf, kRecordFileHeader, kRecordFileHeaderSize);
+    *start = g_outBuf;
+    return psLength + kRecordFileHeaderSize;
+}
+
+void WriteKeyFrameEntry(WriterState &w, uint32_t time, uint32_t length, uint8_t keyType) {
+    KeyFrameEntry entry;
+    AV_RecordKeyFrameEntryInit(&entry, time, length, GetSectionInfoHead()->m_u32SectionSize, keyType);
+    AV_RecordKeyFrameEntryWrite(w.mediaFd, KeyFrameEntryOffset(GetFileInfoHead()->m_u32KeyFrameSum), &entry);
+    time_t t = static_cast<time_t>(time);
+    struct tm tmv;
+    localtime_r(&t, &tmv);
+    LogTrace("%s %d: ##keyType = %d  KeyFrameTime. %04d-%02d-%02d %02d:%02d:%02d ##\n", __func__, __LINE__,
+             keyType, tmv.tm_year + 1900, tmv.tm_mon + 1, tmv.tm_mday, tmv.tm_hour, tmv.tm_min, tmv.tm_sec);
+}
+
+// Updates the three records for a frame and writes them in their order.
+void UpdateIndex(WriterState &w, uint32_t time, uint32_t length, bool entryWritten, bool audio) {
+    SectionInfoHead *section = GetSectionInfoHead();
+    FileInfoHead *file = GetFileInfoHead();
+    RecordConfigInfo *info = GetRecordConfigInfo();
+    AV_RecordSectionInfoHeadSetEndTime(section, time);
+    AV_RecordSectionInfoHeadAddSize(section, length);
+    AV_RecordSectionInfoHeadCountFrame(section, entryWritten, audio);
+    AV_RecordFileInfoHeadAddDataSize(file, length);
+    if (time >= file->m_u32EndTime) AV_RecordFileInfoHeadSetEndTime(file, time);
+    AV_RecordFileInfoHeadCountKeyFrame(file, entryWritten);
+    AV_RecordSectionInfoHeadWrite(w.indexFd, file, section);
+    AV_RecordFileInfoHeadWrite(w.indexFd, info, file);
+    AV_RecordConfigInfoWrite(w.indexFd, info);
+}
+
+}  // namespace
+
+void LS_RecordSetEncodingSource(RecordEncodingSource source) {
+    g_encodingSource = source != nullptr ? source : NoEncodingSource;
+}
+
+void LS_RecordSetClocks(RecordWallClock wall, RecordUptimeClock uptime) {
+    g_wallClock = wall != nullptr ? wall : SystemWallClock;
+    g_uptimeClock = uptime != nullptr ? uptime : SystemUptime;
+}
+
+uint32_t LS_RecordVideoFrameTally(int channel) {
+    if (channel < 0 || channel >= kMaxChannels) return 0;
+    return std::atomic_ref<uint32_t>(g_writer.videoTally[channel]).load(std::memory_order_relaxed);
+}
+
+int LS_RecordInit(const FileInfoHead *file, int channel) {
+    if (file == nullptr) return -1;
+    WriterState &w = g_writer;
+    pthread_mutex_init(&w.mutex, nullptr);
+
+    char path[256];
+    std::string card = PlatformPath(kCardMountPoint);
+    snprintf(path, sizeof path, "%s%s", card.c_str(), kIndexFileName);
+    w.indexFd = AVFileOpen(path, kAVFileModeReadWrite);
+    if (w.indexFd < 0) return -1;
+    char name[32];
+    snprintf(name, sizeof name, kMediaFileNameFormat, static_cast<int>(file->m_u32FileNo));
+    snprintf(path, sizeof path, "%s%s", card.c_str(), name);
+    LogTrace("%s %d :################## FileName = %s \n", __func__, __LINE__, path);
+    w.mediaFd = AVFileOpen(path, kAVFileModeReadWrite);
+    if (w.mediaFd < 0) {
+        LogTrace("%s %d : open %s file fail\n", __func__, __LINE__, path);
+        return -1;
+    }
+    w.streamFd = w.mediaFd;
+
+    w.fileSize = 0;
+    w.frameCounter = 0;
+    w.param = PSStreamParam{};
+    w.channel.store(channel, std::memory_order_relaxed);
+    g_u32Offset = file->m_u32DataSize;
+    LogTrace("%s %d : g_u32Offset = %d \n", __func__, __LINE__, static_cast<int>(g_u32Offset));
+    LogTrace("%s %d:  m_u32FileSize = %d \n", __func__, __LINE__, static_cast<int>(w.fileSize));
+    w.writingEnabled.store(1, std::memory_order_relaxed);
+    w.recordingOn.store(1, std::memory_order_relaxed);
+    return 0;
+}
+
+int libAVRecordWriteFrame(int channel, int kind, const uint8_t *data, const AVDataInfo *info) {
+    WriterState &w = g_writer;
+    if (!w.recordingOn.load(std::memory_order_relaxed) ||
+        channel != w.channel.load(std::memory_order_relaxed)) {
+        return 0;
+    }
+    if (data == nullptr || info == nullptr || info->AVDataLen < 0 ||
+        static_cast<uint32_t>(info->AVDataLen) > kMaxFrameLength) {
+        return -1;
+    }
+    uint32_t length = static_cast<uint32_t>(info->AVDataLen);
+    bool video = kind == kFrameKindVideo;
+    if (video && channel >= 0 && channel < kMaxChannels) {
+        std::atomic_ref<uint32_t>(w.videoTally[channel]).fetch_add(1, std::memory_order_relaxed);
+    }
+    g_encodingSource(channel, &w.encoding);
+    FrameClass cls = video ? ClassifyFrame(data, length) : FrameClass{kVideoCodecH264, false};
+    if (!w.writingEnabled.load(std::memory_order_relaxed)) return 0;
+
+    if (!w.sectionStarted && cls.key) StartSection(w, cls.codec);
+    if (!w.sectionStarted && !w.firstKeyPending) {
+        w.refUptime = 0;
+        return -1;
+    }
+    uint32_t time = FrameTime(w);
+    bool marked = info->KeyFrameFlag == kEncoderKeyMark;
+
+    const uint8_t *start = nullptr;
+    int psLength = BuildFrame(w, kind, cls.key || marked, data, length, time, &start);
+    if (psLength < 0) return -1;
+    if (AV_RecordStreamInfoWrite(w.mediaFd, g_u32Offset, start, static_cast<uint32_t>(psLength)) == 0)
+        return 0;
+
+    if (w.firstKeyPending) {
+        w.sectionStarted = true;
+        w.firstKeyPending = false;
+        time = GetSectionInfoHead()->m_u32StartTime;
+    }
+    uint32_t written = static_cast<uint32_t>(psLength);
+    w.fileSize += written;
+    g_u32Offset += written;
+
+    uint32_t pixels = uint32_t{w.param.u16Width} * w.param.u16Height;
+    bool entry = video && (cls.key || (marked && pixels >= kKeyEntryMinPixels));
+    if (entry) WriteKeyFrameEntry(w, time, written, marked ? kKeyTypeEncoderMark : kKeyTypeParameterSet);
+    UpdateIndex(w, time, written, entry, !video);
+    return 0;
+}
+
+int LS_RecordClose() {
+    WriterState &w = g_writer;
+    w.recordingOn.store(0, std::memory_order_relaxed);
+    AVFileClose(w.indexFd);
+    AVFileClose(w.mediaFd);
+    w.indexFd = -1;
+    w.mediaFd = -1;
+    // The media descriptor's second copy is released through the logged
+    // stream close. Its number may already belong to a file another thread
+    // opened since, so the close is made on the cleared copy: it fails
+    // harmlessly and leaves its log line.
+    w.streamFd = -1;
+    AV_RecordStreamFileClose(w.streamFd);
+    w.writingEnabled.store(0, std::memory_order_relaxed);
+    w.channel.store(-1, std::memory_order_relaxed);
+    g_u32Offset = 0;
+    w.firstKeyPending = false;
+    w.sectionStarted = false;
+    w.fileSize = 0;
+    w.frameCounter = 0;
+    pthread_mutex_destroy(&w.mutex);
+    return 0;
+}

@@ -1,0 +1,68 @@
+// Frame writer: turns the encoded frames of one camera channel into program
+// stream data in the current media file and rewrites the section record,
+// the file record and the index header after every frame. One instance per
+// process; a single channel is recorded at a time.
+#pragma once
+
+#include <sys/time.h>
+
+#include <cstdint>
+
+#include "avrecord_lib/index_records.h"
+#include "ipc/av_stream.h"
+
+inline constexpr int kFrameKindVideo = 0;
+inline constexpr int kFrameKindAudio = 1;
+// Descriptor-marked key frames get a key-frame entry from this picture size on.
+inline constexpr uint32_t kKeyEntryMinPixels = 345600;
+// Frame times follow the wall clock while it stays this close to uptime.
+inline constexpr int32_t kWallClockTolerance = 59;
+// Largest frame the writer takes (the main stream's ring capacity).
+inline constexpr uint32_t kMaxFrameLength = 0x400000;
+// Key-frame entry types.
+inline constexpr uint8_t kKeyTypeParameterSet = 1;
+inline constexpr uint8_t kKeyTypeEncoderMark = 2;
+
+// Byte offset of the next write in the media file.
+extern uint32_t g_u32Offset;
+
+// The channel's encoding settings as the writer uses them.
+struct RecordEncodingInfo {
+    uint32_t u32Width;            // encoded picture width
+    uint32_t u32Height;           // encoded picture height
+    uint32_t u32FrameRate;        // frames per second
+    uint32_t u32RotateMode;       // 0..3 in quarter turns; 1 and 3 swap width and height
+    uint32_t u32VideoParamA;      // stream map bytes 20-21
+    uint32_t u32VideoParamB;      // stream map byte 22 (low byte)
+    uint32_t u32VideoByte;        // section record byte 0x2A
+    uint32_t u32AudioCodeType;    // 0 G.711U, 1 G.711A, 3 AAC, other: unknown
+    uint32_t u32AudioSampleRate;  // used for an unknown audio codec type
+    uint32_t u32AudioValue;       // used for an unknown audio codec type
+};
+
+// Where the settings come from; the default reads the configuration record
+// through the camera-access layer. 0 on success.
+typedef int (*RecordEncodingSource)(int channel, RecordEncodingInfo *info);
+// Installs a source (nullptr restores the default). Tools that record
+// without the configuration server use it.
+void LS_RecordSetEncodingSource(RecordEncodingSource source);
+
+// Clocks of the writer: wall clock and seconds since boot. Tests replace
+// them (nullptr restores the system clocks).
+typedef void (*RecordWallClock)(struct timeval *now);
+typedef uint32_t (*RecordUptimeClock)();
+void LS_RecordSetClocks(RecordWallClock wall, RecordUptimeClock uptime);
+
+// Opens index000.bin and the file record's media file and arms the writer
+// for channel. 0, or -1 for a null record or a failed open.
+int LS_RecordInit(const FileInfoHead *file, int channel);
+
+// One frame of kind 0 (video) or 1 (audio). 0 when handled or ignored, -1
+// when refused (before the first key frame, unknown audio codec, bad frame).
+int libAVRecordWriteFrame(int channel, int kind, const uint8_t *data, const AVDataInfo *info);
+
+// Closes both descriptors and disarms the writer; 0.
+int LS_RecordClose();
+
+// Video frames seen per channel while recording (also those refused).
+uint32_t LS_RecordVideoFrameTally(int channel);

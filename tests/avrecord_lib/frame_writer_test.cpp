@@ -1,0 +1,339 @@
+#include "avrecord_lib/frame_writer.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <vector>
+
+#include "avrecord_lib/playback_reader.h"
+#include "avrecord_lib/ps_packetizer.h"
+#include "avrecord_lib/record_builder.h"
+#include "avrecord_lib/record_section.h"
+#include "common/file_io.h"
+#include "support/test_support.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+Bytes Nal(uint8_t h0, uint8_t h1, size_t size, uint8_t fill) {
+    Bytes nal = {0, 0, 0, 1, h0, h1};
+    nal.insert(nal.end(), size, fill);
+    return nal;
+}
+
+Bytes Concat(std::initializer_list<Bytes> parts) {
+    Bytes all;
+    for (const Bytes &part : parts) all.insert(all.end(), part.begin(), part.end());
+    return all;
+}
+
+const Bytes kH264Key = Concat({Nal(0x67, 0x42, 10, 1), Nal(0x68, 0xCE, 2, 2), Nal(0x65, 0x88, 3000, 3)});
+const Bytes kH264Idr = Nal(0x65, 0x88, 3000, 3);
+const Bytes kH264Other = Nal(0x41, 0x9A, 800, 4);
+const Bytes kH265Key =
+    Concat({Nal(0x40, 0x01, 20, 1), Nal(0x42, 0x01, 30, 2), Nal(0x44, 0x01, 5, 3), Nal(0x26, 0x01, 4000, 4)});
+const Bytes kH265Idr = Nal(0x26, 0x01, 4000, 4);
+const Bytes kH265Other = Nal(0x02, 0x01, 900, 5);
+
+RecordEncodingInfo g_encoding;
+struct timeval g_wall;
+uint32_t g_uptime;
+
+int TestEncoding(int, RecordEncodingInfo *info) {
+    *info = g_encoding;
+    return 0;
+}
+void TestWall(struct timeval *now) { *now = g_wall; }
+uint32_t TestUptime() { return g_uptime; }
+uint32_t TestRecordClock() { return static_cast<uint32_t>(g_wall.tv_sec); }
+
+constexpr uint32_t kStartTime = 1700000000;
+
+class FrameWriterTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        card_ = root_.Under("/media/SDCard/");
+        MakeDirectories(card_);
+        Sparse(card_ + "index000.bin", kIndexFileSize);
+        Sparse(card_ + "hi000000.mp4", kMediaFileSize);
+        g_encoding = RecordEncodingInfo{1280, 720, 25, 0, 7, 0x1234, 9, 0, 0, 0};
+        g_wall = {kStartTime, 0};
+        g_uptime = 5000;
+        LS_RecordSetEncodingSource(TestEncoding);
+        LS_RecordSetClocks(TestWall, TestUptime);
+        SetRecordClockForTest(TestRecordClock);
+    }
+
+    void TearDown() override {
+        LS_RecordClose();
+        LS_RecordSetEncodingSource(nullptr);
+        LS_RecordSetClocks(nullptr, nullptr);
+        SetRecordClockForTest(nullptr);
+    }
+
+    static void Sparse(const std::string &path, off_t size) {
+        int fd = open(path.c_str(), O_RDWR | O_CREAT, 0644);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(ftruncate(fd, size), 0);
+        close(fd);
+    }
+
+    // Index header for one media file, a section opened on it, writer armed.
+    void Open() {
+        RecordConfigInfo *info = GetRecordConfigInfo();
+        AV_RecordConfigInfoInit(info, 0, 1);
+        memset(GetFileInfoHead(), 0, sizeof(FileInfoHead));
+        memset(GetSectionInfoHead(), 0, sizeof(SectionInfoHead));
+        AV_RecordFileConfigParamGet(info, GetFileInfoHead(), GetSectionInfoHead(), 1);
+        ASSERT_EQ(LS_RecordInit(GetFileInfoHead(), 0), 0);
+    }
+
+    static int Write(const Bytes &frame, uint8_t mark = 0, int kind = kFrameKindVideo, int channel = 0) {
+        AVDataInfo info{};
+        info.AVDataLen = static_cast<int32_t>(frame.size());
+        info.AVSource = kind;
+        info.KeyFrameFlag = mark;
+        return libAVRecordWriteFrame(channel, kind, frame.data(), &info);
+    }
+
+    Bytes ReadAt(const std::string &name, uint32_t offset, size_t length) const {
+        Bytes bytes(length);
+        int fd = open((card_ + name).c_str(), O_RDONLY);
+        EXPECT_EQ(pread(fd, bytes.data(), length, offset), static_cast<ssize_t>(length));
+        close(fd);
+        return bytes;
+    }
+
+    template <typename Record>
+    Record ReadRecord(const std::string &name, uint32_t offset) const {
+        Record record;
+        Bytes bytes = ReadAt(name, offset, sizeof record);
+        memcpy(&record, bytes.data(), sizeof record);
+        return record;
+    }
+
+    KeyFrameEntry Entry(uint32_t k) const {
+        return ReadRecord<KeyFrameEntry>("hi000000.mp4", kKeyFrameTableOffset + kKeyFrameEntrySize * k);
+    }
+
+    // Every frame of the section through the playback reader.
+    std::vector<Bytes> ReadSection() const {
+        const SectionInfoHead *section = GetSectionInfoHead();
+        int fd = open((card_ + "hi000000.mp4").c_str(), O_RDONLY);
+        std::vector<Bytes> frames;
+        Bytes buf(1 << 20);
+        uint32_t end = section->m_u32SectionOffset + section->m_u32SectionSize;
+        for (uint32_t at = section->m_u32SectionOffset + kRecordFileHeaderSize; at < end;) {
+            int type;
+            uint32_t length;
+            if (libAVRecordPlayBackGetPSFrameBounded(fd, &at, end, &type, buf.data(), buf.size(), &length,
+                                                     nullptr, nullptr) != 0) {
+                ADD_FAILURE() << "unreadable frame at " << at;
+                break;
+            }
+            frames.emplace_back(buf.begin(), buf.begin() + length);
+        }
+        close(fd);
+        return frames;
+    }
+
+    ScopedRoot root_;
+    std::string card_;
+};
+
+TEST_F(FrameWriterTest, SectionStartsAtFirstKeyFrameWithRecordFileHeader) {
+    Open();
+    EXPECT_EQ(Write(kH264Other), -1);
+    EXPECT_EQ(g_u32Offset, 0u);
+    EXPECT_EQ(GetSectionInfoHead()->m_u32SectionSize, 0u);
+
+    ASSERT_EQ(Write(kH264Key), 0);
+    uint32_t keyLength = g_u32Offset;
+    Bytes head = ReadAt("hi000000.mp4", 0, kRecordFileHeaderSize + 4);
+    EXPECT_EQ(Bytes(head.begin(), head.begin() + 4), (Bytes{'I', 'M', 'K', 'H'}));
+    EXPECT_EQ(Bytes(head.begin() + kRecordFileHeaderSize, head.end()), (Bytes{0, 0, 1, 0xBA}));
+    KeyFrameEntry entry = Entry(0);
+    EXPECT_EQ(entry.m_u32HeadFlag, kKeyFrameEntryFlag);
+    EXPECT_EQ(entry.m_u8KeyType, kKeyTypeParameterSet);
+    EXPECT_EQ(entry.m_u32FrameOffset, 0u);
+    EXPECT_EQ(entry.m_u32FrameSize, keyLength);
+    EXPECT_EQ(entry.m_u32Time, kStartTime);
+
+    ASSERT_EQ(Write(kH264Other), 0);
+    ASSERT_EQ(Write(kH264Key), 0);
+    const SectionInfoHead *section = GetSectionInfoHead();
+    EXPECT_EQ(section->m_u32VideoFrameSum, 3u);
+    EXPECT_EQ(section->m_u32KeyFrameSum, 2u);
+    EXPECT_EQ(section->m_u32SectionSize, g_u32Offset);
+    EXPECT_EQ(section->m_u16Width, 1280);
+    EXPECT_EQ(section->m_u8FrameRate, 25);
+    EXPECT_EQ(section->m_u8VideoParam, 9);
+    EXPECT_EQ(Entry(1).m_u32FrameOffset + Entry(1).m_u32FrameSize, g_u32Offset);
+    EXPECT_EQ(GetFileInfoHead()->m_u32KeyFrameSum, 2u);
+
+    // The index on the card is what the writer holds.
+    SectionInfoHead onCard = ReadRecord<SectionInfoHead>("index000.bin", SectionInfoHeadPosition(0, 1));
+    EXPECT_EQ(memcmp(&onCard, section, sizeof onCard), 0);
+    FileInfoHead fileOnCard = ReadRecord<FileInfoHead>("index000.bin", FileInfoHeadPosition(0));
+    EXPECT_EQ(memcmp(&fileOnCard, GetFileInfoHead(), sizeof fileOnCard), 0);
+    EXPECT_EQ(fileOnCard.m_u32DataSize, g_u32Offset);
+    RecordConfigInfo infoOnCard = ReadRecord<RecordConfigInfo>("index000.bin", 0);
+    EXPECT_EQ(infoOnCard.m_u32HeadFlag, kRecordConfigHeadFlag);
+
+    std::vector<Bytes> frames = ReadSection();
+    ASSERT_EQ(frames.size(), 3u);
+    EXPECT_EQ(frames[0], kH264Key);
+    EXPECT_EQ(frames[1], kH264Other);
+    EXPECT_EQ(frames[2], kH264Key);
+}
+
+TEST_F(FrameWriterTest, KeyFramesRecognisedFromTheirLeadingNal) {
+    struct Case {
+        const char *name;
+        Bytes first;
+        int result;
+        uint8_t streamType;  // stream map byte of a written key frame
+    } cases[] = {
+        {"H.264 SPS-led", kH264Key, 0, 0x1B},          {"H.264 IDR without SPS", kH264Idr, -1, 0},
+        {"H.265 VPS-led", kH265Key, 0, 0x24},          {"H.265 IDR without VPS", kH265Idr, -1, 0},
+        {"H.265 trailing picture", kH265Other, -1, 0},
+    };
+    for (const Case &c : cases) {
+        Open();
+        EXPECT_EQ(Write(c.first), c.result) << c.name;
+        if (c.result == 0) {
+            uint32_t mapAt = kRecordFileHeaderSize + kPackHeaderSize + kSystemHeaderSize;
+            EXPECT_EQ(ReadAt("hi000000.mp4", mapAt + 12, 1)[0], c.streamType) << c.name;
+        }
+        LS_RecordClose();
+    }
+}
+
+TEST_F(FrameWriterTest, FrameTimesIgnoreLargeWallClockSteps) {
+    struct Case {
+        int wallStep;
+        int expectedShift;  // frame time after the step and one second of uptime
+    } cases[] = {{120, 1}, {-120, 1}, {30, 31}, {-30, -29}, {59, 60}, {60, 1}};
+    for (const Case &c : cases) {
+        g_wall = {kStartTime, 0};
+        g_uptime = 5000;
+        Open();
+        ASSERT_EQ(Write(kH264Key), 0);
+        g_wall.tv_sec += c.wallStep + 1;
+        g_uptime += 1;
+        ASSERT_EQ(Write(kH264Other), 0);
+        EXPECT_EQ(GetSectionInfoHead()->m_u32EndTime, kStartTime + c.expectedShift) << c.wallStep;
+        LS_RecordClose();
+    }
+}
+
+TEST_F(FrameWriterTest, EncoderMarkedKeyFramesNeedTheLargerPictures) {
+    struct Case {
+        uint32_t width, height;
+        uint32_t entries;  // after the SPS-led first frame and one marked IDR
+    } cases[] = {{640, 480, 1}, {720, 480, 2}, {480, 720, 2}};
+    for (const Case &c : cases) {
+        g_encoding.u32Width = c.width;
+        g_encoding.u32Height = c.height;
+        Open();
+        ASSERT_EQ(Write(kH264Key), 0);
+        ASSERT_EQ(Write(kH264Idr, 1), 0);
+        EXPECT_EQ(GetSectionInfoHead()->m_u32KeyFrameSum, c.entries) << c.width;
+        if (c.entries == 2) {
+            EXPECT_EQ(Entry(1).m_u8KeyType, kKeyTypeEncoderMark);
+        }
+        LS_RecordClose();
+    }
+    // The mark wins over the parameter set at any size.
+    Open();
+    ASSERT_EQ(Write(kH264Key, 1), 0);
+    EXPECT_EQ(Entry(0).m_u8KeyType, kKeyTypeEncoderMark);
+}
+
+TEST_F(FrameWriterTest, RotationSwapsTheRecordedPictureSize) {
+    for (uint32_t rotate : {0u, 1u, 2u, 3u}) {
+        g_encoding.u32RotateMode = rotate;
+        Open();
+        ASSERT_EQ(Write(kH264Key), 0);
+        bool swapped = rotate % 2 == 1;
+        EXPECT_EQ(GetSectionInfoHead()->m_u16Width, swapped ? 720 : 1280);
+        Bytes size = ReadAt("hi000000.mp4", kRecordFileHeaderSize + 36 + 16, 4);
+        EXPECT_EQ(size[0] | (size[1] << 8), swapped ? 720 : 1280);
+        EXPECT_EQ(size[2] | (size[3] << 8), swapped ? 1280 : 720);
+        LS_RecordClose();
+    }
+}
+
+TEST_F(FrameWriterTest, AudioFollowsTheVideoCounterWithKnownCodecsOnly) {
+    struct Case {
+        uint32_t audioType;
+        int result;
+        uint8_t streamType;
+    } cases[] = {{0, 0, 0x91}, {1, 0, 0x90}, {3, 0, 0x0F}, {2, -1, 0}};
+    Bytes audio(320, 0x5A);
+    for (const Case &c : cases) {
+        g_encoding.u32AudioCodeType = c.audioType;
+        Open();
+        EXPECT_EQ(Write(audio, 0, kFrameKindAudio), -1);  // nothing before the first key frame
+        ASSERT_EQ(Write(kH264Key), 0);
+        uint32_t at = g_u32Offset;
+        EXPECT_EQ(Write(audio, 0, kFrameKindAudio), c.result) << c.audioType;
+        EXPECT_EQ(GetSectionInfoHead()->m_u32VideoFrameSum, 1u);
+        if (c.result == 0) {
+            EXPECT_EQ(ReadAt("hi000000.mp4", kRecordFileHeaderSize + 36 + 28, 1)[0], c.streamType);
+            Bytes pes = ReadAt("hi000000.mp4", at, kPesHeaderSize);
+            EXPECT_EQ(pes[3], 0xC0);
+            EXPECT_EQ(PSDecodePts(&pes[9]), PSTimeStamp(3, kPsTimeStampRate));
+            EXPECT_EQ(g_u32Offset, at + kPesHeaderSize + audio.size());
+        }
+        LS_RecordClose();
+    }
+}
+
+// Media writes fail; the index still advances as if they had landed.
+ssize_t FailLargeWrites(int fd, const void *buf, size_t length) {
+    if (length > sizeof(RecordConfigInfo)) {
+        errno = EIO;
+        return -1;
+    }
+    return PosixFileIo().write(fd, buf, length);
+}
+
+TEST_F(FrameWriterTest, FailedMediaWritesStillAdvanceTheIndex) {
+    Open();
+    FileIoOps ops = PosixFileIo();
+    ops.write = FailLargeWrites;
+    SetFileIo(&ops);
+    int result = Write(kH264Key);
+    SetFileIo(nullptr);
+    EXPECT_EQ(result, 0);
+    EXPECT_GT(g_u32Offset, kH264Key.size());
+    EXPECT_EQ(GetSectionInfoHead()->m_u32SectionSize, g_u32Offset);
+    EXPECT_EQ(ReadAt("hi000000.mp4", 0, 4), Bytes(4, 0));
+}
+
+TEST_F(FrameWriterTest, ErrorsAndIgnoredFrames) {
+    EXPECT_EQ(LS_RecordInit(nullptr, 0), -1);
+    EXPECT_EQ(Write(kH264Key), 0);  // writer closed: ignored
+
+    Open();
+    EXPECT_EQ(Write(kH264Key, 0, kFrameKindVideo, 1), 0);  // another channel: ignored
+    EXPECT_EQ(g_u32Offset, 0u);
+    EXPECT_EQ(LS_RecordVideoFrameTally(1), 0u);
+    AVDataInfo negative{};
+    negative.AVDataLen = -5;
+    EXPECT_EQ(libAVRecordWriteFrame(0, kFrameKindVideo, kH264Key.data(), &negative), -1);
+    EXPECT_EQ(libAVRecordWriteFrame(0, kFrameKindVideo, nullptr, &negative), -1);
+    EXPECT_EQ(Write(kH264Key), 0);
+    LS_RecordClose();
+    EXPECT_EQ(g_u32Offset, 0u);
+    EXPECT_EQ(Write(kH264Other), 0);  // after the close: ignored
+
+    RemoveTree(card_);
+    EXPECT_EQ(LS_RecordInit(GetFileInfoHead(), 0), -1);
+}
+
+}  // namespace

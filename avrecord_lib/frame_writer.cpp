@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <string>
 
 #include "avrecord_lib/ps_packetizer.h"
 #include "avrecord_lib/record_builder.h"
@@ -79,6 +80,7 @@ int NoEncodingSource(int, RecordEncodingInfo *) { return -1; }
 RecordWallClock g_wallClock = SystemWallClock;
 RecordUptimeClock g_uptimeClock = SystemUptime;
 RecordEncodingSource g_encodingSource = NoEncodingSource;
+std::string g_cardDir;  // empty: the card mount point
 
 // What the NAL header of a video frame tells.
 struct FrameClass {
@@ -221,6 +223,8 @@ void LS_RecordSetEncodingSource(RecordEncodingSource source) {
     g_encodingSource = source != nullptr ? source : NoEncodingSource;
 }
 
+void LS_RecordSetCardDir(const char *dir) { g_cardDir = dir != nullptr ? dir : ""; }
+
 void LS_RecordSetClocks(RecordWallClock wall, RecordUptimeClock uptime) {
     g_wallClock = wall != nullptr ? wall : SystemWallClock;
     g_uptimeClock = uptime != nullptr ? uptime : SystemUptime;
@@ -237,7 +241,7 @@ int LS_RecordInit(const FileInfoHead *file, int channel) {
     pthread_mutex_init(&w.mutex, nullptr);
 
     char path[256];
-    std::string card = PlatformPath(kCardMountPoint);
+    std::string card = g_cardDir.empty() ? PlatformPath(kCardMountPoint) : g_cardDir;
     snprintf(path, sizeof path, "%s%s", card.c_str(), kIndexFileName);
     w.indexFd = AVFileOpen(path, kAVFileModeReadWrite);
     if (w.indexFd < 0) return -1;

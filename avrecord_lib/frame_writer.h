@@ -53,6 +53,10 @@ typedef void (*RecordWallClock)(struct timeval *now);
 typedef uint32_t (*RecordUptimeClock)();
 void LS_RecordSetClocks(RecordWallClock wall, RecordUptimeClock uptime);
 
+// Card directory the writer opens its files in (with a trailing '/');
+// nullptr restores the card mount point. Tools writing to a card image use it.
+void LS_RecordSetCardDir(const char *dir);
+
 // Opens index000.bin and the file record's media file and arms the writer
 // for channel. 0, or -1 for a null record or a failed open.
 int LS_RecordInit(const FileInfoHead *file, int channel);

@@ -16,6 +16,9 @@
 #include "avrecord_lib/record_section.h"
 #include "common/log.h"
 #include "common/platform_paths.h"
+#include "sysconfig/camera_access.h"
+#include "sysconfig/camera_property.h"
+#include "sysconfig/sys_info.h"
 
 uint32_t g_u32Offset = 0;
 
@@ -75,11 +78,32 @@ uint32_t SystemUptime() {
     return sysinfo(&info) == 0 ? static_cast<uint32_t>(info.uptime) : 0;
 }
 
-int NoEncodingSource(int, RecordEncodingInfo *) { return -1; }
+// The channel's settings from the configuration record: the stream's
+// encoding property, the audio encoding and the rotate mode.
+int CameraEncodingSource(int channel, RecordEncodingInfo *info) {
+    VideoEncodingProperty streams[kSysStreamCount] = {};
+    AudioEncodingProperty audio = {};
+    const SysInfo *sys = GetSysInfo();
+    if (channel < 0 || channel >= kSysStreamCount || sys == nullptr) return -1;
+    if (CameraGetVideoEncodingProperty(streams) != 0) return -1;
+    CameraGetAudioEncodingProperty(&audio);
+    const VideoEncodingProperty &v = streams[channel];
+    *info = RecordEncodingInfo{static_cast<uint32_t>(v.iWidth),
+                               static_cast<uint32_t>(v.iHeight),
+                               static_cast<uint32_t>(v.iFrameRate),
+                               sys->ucVideoRotateMode,
+                               static_cast<uint32_t>(v.iEncoding),
+                               static_cast<uint32_t>(v.iStreamMode),
+                               static_cast<uint32_t>(v.iStreamEncoding),
+                               static_cast<uint32_t>(audio.iEncoding),
+                               static_cast<uint32_t>(audio.entry[0].iSamplerate),
+                               static_cast<uint32_t>(audio.entry[0].iBitrate)};
+    return 0;
+}
 
 RecordWallClock g_wallClock = SystemWallClock;
 RecordUptimeClock g_uptimeClock = SystemUptime;
-RecordEncodingSource g_encodingSource = NoEncodingSource;
+RecordEncodingSource g_encodingSource = CameraEncodingSource;
 std::string g_cardDir;  // empty: the card mount point
 
 // What the NAL header of a video frame tells.
@@ -220,7 +244,7 @@ void UpdateIndex(WriterState &w, uint32_t time, uint32_t length, bool entryWritt
 }  // namespace
 
 void LS_RecordSetEncodingSource(RecordEncodingSource source) {
-    g_encodingSource = source != nullptr ? source : NoEncodingSource;
+    g_encodingSource = source != nullptr ? source : CameraEncodingSource;
 }
 
 void LS_RecordSetCardDir(const char *dir) { g_cardDir = dir != nullptr ? dir : ""; }

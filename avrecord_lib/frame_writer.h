@@ -19,9 +19,6 @@ inline constexpr uint32_t kKeyEntryMinPixels = 345600;
 inline constexpr int32_t kWallClockTolerance = 59;
 // Largest frame the writer takes (the main stream's ring capacity).
 inline constexpr uint32_t kMaxFrameLength = 0x400000;
-// Key-frame entry types.
-inline constexpr uint8_t kKeyTypeParameterSet = 1;
-inline constexpr uint8_t kKeyTypeEncoderMark = 2;
 
 // Byte offset of the next write in the media file.
 extern uint32_t g_u32Offset;
@@ -32,9 +29,9 @@ struct RecordEncodingInfo {
     uint32_t u32Height;           // encoded picture height
     uint32_t u32FrameRate;        // frames per second
     uint32_t u32RotateMode;       // 0..3 in quarter turns; 1 and 3 swap width and height
-    uint32_t u32VideoParamA;      // stream map bytes 20-21
-    uint32_t u32VideoParamB;      // stream map byte 22 (low byte)
-    uint32_t u32VideoByte;        // section record byte 0x2A
+    uint32_t u32VideoParamA;      // stream map bytes 20-21: the stream's iEncoding
+    uint32_t u32VideoParamB;      // stream map byte 22 (low byte): the stream mode byte
+    uint32_t u32VideoByte;        // section record byte 0x2A: the stream encoding byte
     uint32_t u32AudioCodeType;    // 0 G.711U, 1 G.711A, 3 AAC, other: unknown
     uint32_t u32AudioSampleRate;  // used for an unknown audio codec type
     uint32_t u32AudioValue;       // used for an unknown audio codec type

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "avrecord_lib/ps_packetizer.h"
 #include "avrecord_lib/record_file.h"
 #include "avrecord_lib/record_index.h"
 
@@ -11,8 +12,6 @@ namespace {
 
 constexpr uint8_t kPackStartCode[4] = {0x00, 0x00, 0x01, 0xBA};
 constexpr uint32_t kMaxKeyFrameEntries = (kMediaFileSize - kKeyFrameTableOffset) / kKeyFrameEntrySize;
-constexpr uint8_t kKeyTypeParameterSet = 1;
-constexpr uint8_t kKeyTypeEncoderMark = 2;
 
 // Closes a descriptor of this unit when it goes out of scope.
 struct ScopedFd {
@@ -189,8 +188,13 @@ void IndexChecker::CheckKeyFrame(int mediaFd, const FileInfoHead &file, const Se
     }
     uint8_t start[sizeof kPackStartCode];
     uint32_t position = section->m_u32SectionOffset + entry.m_u32FrameOffset;
-    if (AV_RecordStreamInfoRead(mediaFd, position, start, sizeof start) < 0 ||
-        memcmp(start, kPackStartCode, sizeof start) != 0) {
+    bool readable = AV_RecordStreamInfoRead(mediaFd, position, start, sizeof start) >= 0;
+    // A section's first frame stands behind the record file header.
+    if (readable && entry.m_u32FrameOffset == 0 && memcmp(start, kRecordFileHeader, sizeof start) == 0) {
+        position += kRecordFileHeaderSize;
+        readable = AV_RecordStreamInfoRead(mediaFd, position, start, sizeof start) >= 0;
+    }
+    if (!readable || memcmp(start, kPackStartCode, sizeof start) != 0) {
         Add(fileNo, slot, "key-frame entry %u points at %#x, which holds no pack header", entryNo, position);
     }
 }

@@ -189,3 +189,9 @@ int libAVRecordPlayBackGetPSFrameBounded(int fd, uint32_t *offset, uint32_t data
     FrameTarget target{fd, buf, bufSize, dataEnd, true, 0, 0};
     return GetPSFrame(target, offset, type, length, wallTime, pts);
 }
+
+int libAVRecordPlayBackIsKeyFrame(int fd, uint32_t offset) {
+    uint8_t next4[kStartCodeSize];
+    if (AV_RecordStreamInfoRead(fd, offset + kPackHeaderSize, next4, sizeof next4) < 0) return -1;
+    return IsPes(next4, kSystemHeaderId) ? 1 : 0;
+}

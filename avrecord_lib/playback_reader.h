@@ -31,3 +31,7 @@ int libAVRecordPlayBackGetPSFrame(int fd, uint32_t *offset, int *type, uint8_t *
 int libAVRecordPlayBackGetPSFrameBounded(int fd, uint32_t *offset, uint32_t dataEnd, int *type, uint8_t *buf,
                                          uint32_t bufSize, uint32_t *length, uint32_t *wallTime,
                                          uint32_t *pts);
+
+// 1 when the video frame whose pack header is at offset is a key frame
+// (a system header follows the pack header), 0 when not, -1 when unreadable.
+int libAVRecordPlayBackIsKeyFrame(int fd, uint32_t offset);

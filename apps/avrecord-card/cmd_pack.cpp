@@ -324,8 +324,14 @@ int RunPack(const CardArgs &args) {
     LS_RecordSetCardDir(args.card.c_str());
 
     int rc = LoadIndex(args);
-    if (rc == kExitOk) rc = StartSection(args);
     if (rc != kExitOk) return rc;
+    // Frame times run ahead of the clock while packing; a clip packed after
+    // another starts behind it rather than inside its time span.
+    uint32_t lastEnd =
+        GetFileInfoHead()->m_u32HeadFlag == kFileInfoHeadFlag ? GetFileInfoHead()->m_u32EndTime : 0;
+    if (static_cast<uint32_t>(g_pack.startWall.tv_sec) <= lastEnd)
+        g_pack.startWall = {static_cast<time_t>(lastEnd) + 1, 0};
+    if ((rc = StartSection(args)) != kExitOk) return rc;
 
     SectionTally tally;
     std::vector<uint8_t> scratch;

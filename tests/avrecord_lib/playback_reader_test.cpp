@@ -114,6 +114,10 @@ TEST(PlaybackReader, WalksKeyOtherAndAudioFrames) {
     uint32_t audioAt = file.AddAudio(audio, 3);
     int fd = file.Open();
 
+    EXPECT_EQ(libAVRecordPlayBackIsKeyFrame(fd, keyAt), 1);
+    EXPECT_EQ(libAVRecordPlayBackIsKeyFrame(fd, otherAt), 0);
+    EXPECT_EQ(libAVRecordPlayBackIsKeyFrame(fd, file.size()), -1);
+
     Frame f = Read(fd, keyAt);
     ASSERT_EQ(f.rc, 0);
     EXPECT_EQ(f.type, kPSFrameVideo);

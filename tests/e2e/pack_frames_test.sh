@@ -65,6 +65,25 @@ expect 0 "$tool" frames hi000000_000004.mp4 --card "$card" --json
 expect 0 "$tool" check --card "$card"
 [[ "$out" == *"index consistent"* ]] || fail "check after packing: $out"
 
+# An alarm event of file 0 inside section 1, from its start + 2 s to + 3 s:
+# the walk starts at the key frame before the event and ends with it.
+put() { printf "$(sed 's/../\\x&/g' <<<"$2")" | dd of="$3" bs=1 seek="$1" conv=notrunc status=none; }
+le32() { printf '%02x%02x%02x%02x' $(($1 & 255)) $(($1 >> 8 & 255)) $(($1 >> 16 & 255)) $(($1 >> 24 & 255)); }
+expect 0 "$tool" frames hi000000_000001.mp4 --card "$card" --json
+start=$(head -1 <<<"$out" | sed -E 's/.*"time":([0-9]+).*/\1/')
+put 0 "41454d4600000000$(le32 $((start + 2)))$(le32 $((start + 3)))01000000" "$card/event000.bin"
+put $((0x100000)) "41444546$(le32 $((start + 2)))$(le32 $((start + 3)))0000000000000000000000000100" \
+  "$card/event000.bin"
+expect 0 "$tool" frames he000000_000000.mp4 --card "$card" --json
+first=$(head -1 <<<"$out")
+[[ "$first" == *'"kind":"key"'* ]] || fail "event walk does not start at a key frame: $first"
+times=$(sed -E 's/.*"time":([0-9]+).*/\1/' <<<"$out" | sort -u)
+[ "$(head -1 <<<"$times")" -le $((start + 2)) ] && [ "$(tail -1 <<<"$times")" -le $((start + 3)) ] ||
+  fail "event walk times: $(tr '\n' ' ' <<<"$times")"
+n=$(wc -l <<<"$out")
+[ "$n" -gt 20 ] && [ "$n" -lt 100 ] || fail "event walk took $n frames"
+expect 1 "$tool" frames he000000_000001.mp4 --card "$card"
+
 # Usage and card problems.
 expect 2 "$tool" pack --card "$card"
 expect 2 "$tool" pack "$work/clip.h264" --card "$card" --codec vp9

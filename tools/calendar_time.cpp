@@ -1,5 +1,10 @@
 #include "tools/calendar_time.h"
 
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <ctime>
 
 namespace {
@@ -35,4 +40,61 @@ int64_t LocalSeconds(const DateTime &local) {
     t.tm_isdst = -1;
     time_t value = mktime(&t);
     return static_cast<int64_t>(value);
+}
+
+namespace {
+
+bool AllDigits(const char *text) {
+    if (*text == '\0') return false;
+    for (const char *p = text; *p != '\0'; ++p) {
+        if (*p < '0' || *p > '9') return false;
+    }
+    return true;
+}
+
+// The fields name a time the local clock shows (no 02-30, no 25:00).
+bool ExistsLocally(const DateTime &fields, int64_t *seconds) {
+    *seconds = LocalSeconds(fields);
+    if (*seconds < 0 || *seconds > static_cast<int64_t>(UINT32_MAX)) return false;
+    DateTime back = LocalDateTime(static_cast<uint32_t>(*seconds));
+    return back.year == fields.year && back.month == fields.month && back.day == fields.day &&
+           back.hour == fields.hour && back.minute == fields.minute && back.second == fields.second;
+}
+
+}  // namespace
+
+bool ParseDate(const char *text, DateTime *date) {
+    if (text == nullptr || date == nullptr) return false;
+    DateTime fields{};
+    int used = -1;
+    if (std::sscanf(text, "%4d-%2d-%2d%n", &fields.year, &fields.month, &fields.day, &used) != 3 ||
+        used != static_cast<int>(std::strlen(text))) {
+        return false;
+    }
+    int64_t seconds = 0;
+    if (!ExistsLocally(fields, &seconds)) return false;
+    *date = fields;
+    return true;
+}
+
+bool ParseTimeArgument(const char *text, uint32_t *seconds) {
+    if (text == nullptr || seconds == nullptr) return false;
+    if (AllDigits(text)) {
+        errno = 0;
+        unsigned long long value = std::strtoull(text, nullptr, 10);
+        if (errno != 0 || value > UINT32_MAX) return false;
+        *seconds = static_cast<uint32_t>(value);
+        return true;
+    }
+    DateTime fields{};
+    int used = -1;
+    if (std::sscanf(text, "%4d-%2d-%2dT%2d:%2d:%2d%n", &fields.year, &fields.month, &fields.day, &fields.hour,
+                    &fields.minute, &fields.second, &used) != 6 ||
+        used != static_cast<int>(std::strlen(text))) {
+        return false;
+    }
+    int64_t local = 0;
+    if (!ExistsLocally(fields, &local)) return false;
+    *seconds = static_cast<uint32_t>(local);
+    return true;
 }

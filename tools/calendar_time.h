@@ -18,3 +18,9 @@ DateTime LocalDateTime(uint32_t seconds);
 // The local time given by the fields (weekday ignored; daylight saving as
 // the zone has it), as UTC seconds; -1 when it cannot be represented.
 int64_t LocalSeconds(const DateTime &local);
+
+// "YYYY-MM-DD" as a real calendar date. False for anything else.
+bool ParseDate(const char *text, DateTime *date);
+// Seconds since the epoch (digits only), or a local "YYYY-MM-DDTHH:MM:SS"
+// that exists on the local clock. False for anything else.
+bool ParseTimeArgument(const char *text, uint32_t *seconds);

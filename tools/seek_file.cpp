@@ -35,8 +35,6 @@ bool IsAlarmType(uint16_t type) {
     return type == kSeekTypeAlarm1 || type == kSeekTypeAlarm4 || type == kSeekTypeAlarm8;
 }
 
-std::string CardFile(const char *name) { return PlatformPath(kCardMountPoint) + name; }
-
 // A media file is searched when its span touches the range at all.
 bool FileTouchesRange(uint32_t fileStart, uint32_t fileEnd, const SeekQuery &q) {
     if (fileStart >= fileEnd) return false;
@@ -119,8 +117,8 @@ int SearchEvents(int fd, uint32_t fileNo, const SeekQuery &q, FileListInfo *list
     return 0;
 }
 
-int OpenIndex(SeekFiles &files, RecordConfigInfo *info) {
-    files.indexFd = AVFileOpen(CardFile(kIndexFileName).c_str(), kAVFileModeRead);
+int OpenIndex(const std::string &cardDir, SeekFiles &files, RecordConfigInfo *info) {
+    files.indexFd = AVFileOpen((cardDir + kIndexFileName).c_str(), kAVFileModeRead);
     if (files.indexFd < 0) {
         LogTrace("%s %d: open file fail \n", __func__, __LINE__);
         return -1;
@@ -163,16 +161,23 @@ void SeekFileSortByStartTime(FileListInfo *pFileListInfo) {
 }
 
 int SeekFile(uint16_t fileType, uint32_t startTime, uint32_t endTime, FileListInfo *pFileListInfo) {
-    if (pFileListInfo == nullptr) {
+    return SeekFileOnCard(PlatformPath(kCardMountPoint).c_str(), fileType, startTime, endTime, pFileListInfo);
+}
+
+int SeekFileOnCard(const char *cardDir, uint16_t fileType, uint32_t startTime, uint32_t endTime,
+                   FileListInfo *pFileListInfo) {
+    if (cardDir == nullptr || pFileListInfo == nullptr) {
         LogTrace("[SeekFile]NULL == dir || NULL == pFileListInfo\n");
         return -1;
     }
     LogRange(startTime, endTime);
     SeekFiles files;
     RecordConfigInfo info;
-    if (OpenIndex(files, &info) != 0) return -1;
+    std::string card(cardDir);
+    if (!card.empty() && card.back() != '/') card += '/';
+    if (OpenIndex(card, files, &info) != 0) return -1;
     if (IsAlarmType(fileType)) {
-        files.eventFd = AVFileOpen(CardFile(kEventFileName).c_str(), kAVFileModeRead);
+        files.eventFd = AVFileOpen((card + kEventFileName).c_str(), kAVFileModeRead);
         if (files.eventFd < 0) return -1;
     }
     pFileListInfo->s32FileNum = 0;

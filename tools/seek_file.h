@@ -20,6 +20,11 @@ inline constexpr uint16_t kSeekTypeAlarm8 = 8;
 // until then stay listed).
 int SeekFile(uint16_t fileType, uint32_t startTime, uint32_t endTime, FileListInfo *pFileListInfo);
 
+// The same search on the card mounted at cardDir (SeekFile searches the
+// daemon's mount point).
+int SeekFileOnCard(const char *cardDir, uint16_t fileType, uint32_t startTime, uint32_t endTime,
+                   FileListInfo *pFileListInfo);
+
 // The end time as listed: an end at exactly local midnight is moved one
 // second back, into the day it belongs to.
 uint32_t SeekFileMidnightCorrected(uint32_t endTime);

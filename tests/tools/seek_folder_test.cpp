@@ -53,8 +53,8 @@ TEST(SeekFolderTest, SeekFileExRanges) {
     tree.Add(start - 10);
     tree.Add(start + 600);
     tree.Add(Local(10, 11, 59, 59));
-    tree.Add(Local(10, 12, 0, 1));   // after the end
-    tree.Add(Local(10, 12, 30));     // an hour directory past the end's hour
+    tree.Add(Local(10, 12, 0, 1));  // after the end
+    tree.Add(Local(10, 12, 30));    // an hour directory past the end's hour
     auto list = std::make_unique<FileListInfo>();
     ASSERT_EQ(SeekFileEx(tree.root().c_str(), start, Local(10, 12), list.get()), 0);
     EXPECT_EQ(Names(*list),

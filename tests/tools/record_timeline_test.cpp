@@ -1,0 +1,96 @@
+#include "tools/record_timeline.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "support/test_support.h"
+#include "tools/test_card_index.h"
+#include "tools/test_zone.h"
+
+namespace {
+
+size_t Count(const std::string &text, const std::string &what) {
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+    return n;
+}
+
+std::string RunCommand(const std::string &command) {
+    std::string out;
+    FILE *p = popen(command.c_str(), "r");
+    if (p == nullptr) return out;
+    char buf[256];
+    while (fgets(buf, sizeof(buf), p) != nullptr) out += buf;
+    pclose(p);
+    return out;
+}
+
+// A day on a crafted card: two sections (one ending at midnight), events of
+// two alarm types, and recordings of the neighbouring days left out.
+TEST(RecordTimelineTest, DayOfCardAsSvg) {
+    ScopedZone zone("XST-2");
+    TempDir dir;
+    CardIndex card(dir.path() + "/");
+    card.Header(3);
+    card.File(0, Local(9, 23), Local(10, 1), 2);
+    card.Section(0, 1, Local(9, 23), Local(10, 0));  // the day before
+    card.Section(0, 2, Local(10, 0), Local(10, 1));
+    card.File(1, Local(10, 12), Local(11, 0), 1);
+    card.Section(1, 1, Local(10, 12), Local(11, 0));  // ends at midnight
+    card.File(2, Local(11, 0), Local(11, 1), 1);
+    card.Section(2, 1, Local(11, 0), Local(11, 1));  // the day after
+    card.EventSlot(1, Local(10, 12), 2);
+    card.Event(1, 0, Local(10, 12, 5), Local(10, 12, 6), 1);
+    card.Event(1, 1, Local(10, 13), Local(10, 13, 1), 4);
+
+    RecordTimeline timeline;
+    ASSERT_EQ(RecordTimelineLoad(dir.path().c_str(), 2026, 3, 10, &timeline), 0);
+    EXPECT_EQ(timeline.day, "2026-03-10");
+    ASSERT_EQ(timeline.sections.size(), 2u);
+    EXPECT_EQ(timeline.sections[0].name, "hi000000_000002.mp4");
+    EXPECT_EQ(timeline.sections[1].name, "hi000001_000001.mp4");
+    ASSERT_EQ(timeline.events.size(), 2u);
+    EXPECT_EQ(timeline.events[0].alarmType, 1);
+    EXPECT_EQ(timeline.events[1].alarmType, 4);
+
+    std::string svg = RecordTimelineSvg(timeline);
+    EXPECT_EQ(Count(svg, "<rect class=\"section\""), 2u);
+    EXPECT_EQ(Count(svg, "<rect class=\"alarm alarm-type-1\""), 1u);
+    EXPECT_EQ(Count(svg, "<rect class=\"alarm alarm-type-4\""), 1u);
+    EXPECT_NE(svg.find("<title>hi000001_000001.mp4 12:00:00-23:59:59, file 1, section 1</title>"),
+              std::string::npos);
+    EXPECT_NE(svg.find("<title>he000001_000001.mp4 13:00:00-13:01:00, file 1, event 1, alarm type 4</title>"),
+              std::string::npos);
+    // Noon starts at the middle of the axis, the last section ends at its end.
+    EXPECT_NE(svg.find("class=\"section\" x=\"655.00\" y=\"50\" width=\"554.99\""), std::string::npos) << svg;
+
+    if (std::system("command -v python3 >/dev/null") != 0) GTEST_SKIP() << "python3 not installed";
+    std::string file = dir.File("day.svg");
+    WriteWholeFile(file, svg);
+    std::string parsed = RunCommand(
+        "python3 -c \"import sys, xml.etree.ElementTree as E; r = E.parse(sys.argv[1]).getroot(); "
+        "n = '{http://www.w3.org/2000/svg}'; print(r.tag == n + 'svg', len(r.findall(n + 'rect')), "
+        "len(r.findall('.//' + n + 'title')))\" " +
+        file);
+    EXPECT_EQ(parsed, "True 9 4\n");  // background, 4 bars, 4 legend boxes
+}
+
+// Error paths.
+TEST(RecordTimelineTest, MissingCard) {
+    TempDir dir;
+    RecordTimeline timeline;
+    EXPECT_EQ(RecordTimelineLoad(dir.path().c_str(), 2026, 3, 10, &timeline), -1);
+    EXPECT_EQ(RecordTimelineLoad(nullptr, 2026, 3, 10, &timeline), -1);
+    // Sections without an event file: the alarm lane cannot be searched.
+    CardIndex card(dir.path() + "/");
+    card.Header(0);
+    EXPECT_EQ(RecordTimelineLoad(dir.path().c_str(), 2026, 3, 10, &timeline), -1);
+    card.EventSlot(0, 0, 0);
+    EXPECT_EQ(RecordTimelineLoad(dir.path().c_str(), 2026, 3, 10, &timeline), 0);
+    EXPECT_NE(RecordTimelineSvg(timeline).find("0 sections, 0 alarm events"), std::string::npos);
+}
+
+}  // namespace

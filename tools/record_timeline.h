@@ -1,0 +1,34 @@
+// A picture of one recorded day: a 24-hour axis, one bar per recording
+// section and, in a second lane, the alarm events coloured by alarm type,
+// as SVG. Hovering a bar shows its name, times and file number.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+struct TimelineItem {
+    std::string name;    // "hi%06d_%06d.mp4" or "he%06d_%06d.mp4"
+    uint32_t start;      // UTC seconds
+    uint32_t end;        // UTC seconds
+    uint16_t alarmType;  // 1, 4 or 8 for events; 0 for sections
+};
+
+struct RecordTimeline {
+    std::string day;                     // "YYYY-MM-DD", local
+    uint32_t dayStart;                   // local midnight
+    uint32_t dayEnd;                     // next local midnight
+    std::vector<TimelineItem> sections;  // normal recordings
+    std::vector<TimelineItem> events;    // alarm events
+};
+
+// Alarm types drawn in the event lane.
+inline constexpr uint16_t kTimelineAlarmTypes[] = {1, 4, 8};
+
+// Collects the sections and alarm events of the local day from the card
+// mounted at cardDir. 0, or -1 when the card's index or event file cannot
+// be searched.
+int RecordTimelineLoad(const char *cardDir, int year, int month, int day, RecordTimeline *timeline);
+
+// The SVG document of the timeline.
+std::string RecordTimelineSvg(const RecordTimeline &timeline);

@@ -17,10 +17,10 @@ TEST(CardFileSetTest, PicturesThenMediaThenTheFixedFiles) {
         const char *longName;
         uint32_t size;
     } expected[] = {
-        {0, "HI000000PIC", "hi000000.pic", 0x10000000}, {1, "HI000001PIC", "hi000001.pic", 0x10000000},
-        {2, "HI000000MP4", "hi000000.mp4", 0x10000000}, {4, "HI000002MP4", "hi000002.mp4", 0x10000000},
-        {5, "EVENT000BIN", "event000.bin", 0x10000000}, {6, "KEYFRAMEBIN", "keyframe.bin", 0x10000000},
-        {7, "INDEX000BIN", "index000.bin", 0x4000000},  {8, "INDEX001BIN", "index001.bin", 0x4000000},
+        {1, "HI000001PIC", "hi000001.pic", 0x10000000},
+        {2, "HI000000MP4", "hi000000.mp4", 0x10000000},
+        {6, "KEYFRAMEBIN", "keyframe.bin", 0x10000000},
+        {7, "INDEX000BIN", "index000.bin", 0x4000000},
     };
     CardFile file;
     for (const auto &e : expected) {
@@ -66,14 +66,4 @@ TEST(CardFileSetTest, SplitsTheSpaceAfterTheFirstGiB) {
     EXPECT_EQ(CardSplitCapacity(2 * kGiB, 101, &capacity), -1);
     EXPECT_EQ(CardSplitCapacity(2 * kGiB, -1, &capacity), -1);
     EXPECT_EQ(CardMaxMediaFiles(), 2040u);
-}
-
-TEST(CardFileSetTest, DescribesAPreallocatedSet) {
-    MkfsCapacityInfo capacity{};
-    CardDescribeFileSet(2, 3, &capacity);
-    EXPECT_EQ(capacity.m_u64TotalSize, 5u * 256 + 640);
-    EXPECT_EQ(capacity.m_u64VideoSpace, 768u);
-    EXPECT_EQ(capacity.m_u32VideoFileNum, 3u);
-    EXPECT_EQ(capacity.m_u64PictureSpace, 512u);
-    EXPECT_EQ(capacity.m_u32PictureFileNum, 2u);
 }

@@ -119,28 +119,10 @@ inline bool HaveTool(const char *name) {
 }
 
 // What fsck.fat -n finds wrong beyond the two things the card carries on
-// purpose: the free-cluster count of an empty card and the empty label.
+// purpose (see scripts/fsck-card).
 inline std::string FsckProblems(const std::string &image) {
     int status = 0;
-    std::string output = RunCommand("fsck.fat -n '" + image + "'", &status);
-    static const char *const kAccepted[] = {"fsck.fat ",
-                                            "Free cluster summary wrong",
-                                            "  Auto-correcting.",
-                                            "Label '' stored in boot sector is not valid.",
-                                            "  Auto-removing label",
-                                            "Leaving filesystem unchanged.",
-                                            "files, "};
-    std::string problems;
-    size_t start = 0;
-    while (start < output.size()) {
-        size_t end = output.find('\n', start);
-        if (end == std::string::npos) end = output.size();
-        std::string line = output.substr(start, end - start);
-        start = end + 1;
-        bool accepted = line.empty();
-        for (const char *prefix : kAccepted) accepted = accepted || line.find(prefix) != std::string::npos;
-        if (!accepted) problems += line + "\n";
-    }
-    if (status > 1) problems += "fsck.fat exit status " + std::to_string(status) + "\n";
-    return problems;
+    std::string output =
+        RunCommand(std::string(AVRECORD_SOURCE_DIR) + "/scripts/fsck-card '" + image + "'", &status);
+    return status == 0 ? "" : output + "(exit " + std::to_string(status) + ")";
 }

@@ -1,0 +1,46 @@
+// One recording of the card, named as the search lists it: a section
+// "hi%06d_%06d.mp4" (media file, section number) or an alarm event
+// "he%06d_%06d.mp4" (media file, event index). The index records locate its
+// program-stream bytes in the media file; the playback reader returns its
+// frames one by one.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "avrecord_lib/index_records.h"
+
+struct RecordingSpan {
+    bool bEvent;                // an alarm event (he name)
+    uint32_t u32FileNo;         // media file number
+    uint32_t u32Number;         // section number, or event index
+    SectionInfoHead stSection;  // the section holding the recording
+    uint32_t u32DataBegin;      // first frame's offset in the media file
+    uint32_t u32DataEnd;        // end of the section's program stream
+    uint32_t u32FromTime;       // event start (0 for a section)
+    uint32_t u32ToTime;         // event end (0 for a section)
+};
+
+struct RecordingFrame {
+    uint32_t u32Offset;    // pack header or audio packet in the media file
+    int iType;             // kPSFrameVideo or kPSFrameAudio
+    bool bKey;             // a key frame
+    const uint8_t *pData;  // elementary-stream bytes
+    uint32_t u32Length;    // bytes at pData
+    uint32_t u32Time;      // wall clock of the latest video frame
+    uint32_t u32Pts;       // presentation time stamp, low 32 bits
+};
+
+// Takes a name apart. 0, or -1 when it is no recording name.
+int RecordingParseName(const char *name, RecordingSpan *span);
+
+// Reads the index records of the recording from the card at cardDir. 0, or
+// -1 with the reason.
+int RecordingLocate(const char *cardDir, RecordingSpan *span, std::string *reason);
+
+// Hands the recording's frames to visit, which returns false to stop: a
+// section from its first frame to its end, an event from the key frame
+// before its start to its end. 0, or -1 with the reason.
+int RecordingReadFrames(const char *cardDir, const RecordingSpan &span,
+                        const std::function<bool(const RecordingFrame &)> &visit, std::string *reason);

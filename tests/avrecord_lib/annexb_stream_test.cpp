@@ -5,29 +5,14 @@
 #include <string>
 #include <vector>
 
-namespace {
+#include "support/es_frames.h"
 
-using Bytes = std::vector<uint8_t>;
+namespace {
 
 Bytes Hex(const std::string &hex) {
     Bytes bytes;
     for (size_t i = 0; i + 1 < hex.size(); i += 2) bytes.push_back(std::stoi(hex.substr(i, 2), nullptr, 16));
     return bytes;
-}
-
-// A NAL unit behind a four- or three-byte start code.
-Bytes Nal(const std::string &headerHex, size_t filler, bool longCode = true) {
-    Bytes nal = longCode ? Bytes{0, 0, 0, 1} : Bytes{0, 0, 1};
-    Bytes header = Hex(headerHex);
-    nal.insert(nal.end(), header.begin(), header.end());
-    nal.insert(nal.end(), filler, 0x5A);
-    return nal;
-}
-
-Bytes Concat(std::initializer_list<Bytes> parts) {
-    Bytes all;
-    for (const Bytes &part : parts) all.insert(all.end(), part.begin(), part.end());
-    return all;
 }
 
 // Sizes of the access units the splitter finds.
@@ -50,20 +35,21 @@ TEST(AnnexBStream, StartCodesKeepOneLeadingZero) {
 }
 
 TEST(AnnexBStream, H264AccessUnits) {
-    Bytes idr = Concat({Nal("67", 10), Nal("68", 4), Nal("06", 8), Nal("6588", 300)});
-    Bytes p1 = Nal("419a", 100);
-    Bytes twoSlices = Concat({Nal("419a", 50), Nal("411a", 50, false)});  // second slice: first_mb != 0
-    Bytes withAud = Concat({Nal("09f0", 0), Nal("419a", 20)});
+    Bytes idr = Concat({Nal({0x67}, 10), Nal({0x68}, 4), Nal({0x06}, 8), Nal({0x65, 0x88}, 300)});
+    Bytes p1 = Nal({0x41, 0x9a}, 100);
+    Bytes twoSlices =
+        Concat({Nal({0x41, 0x9a}, 50), Nal({0x41, 0x1a}, 50, 0x5A, false)});  // second slice: first_mb != 0
+    Bytes withAud = Concat({Nal({0x09, 0xf0}, 0), Nal({0x41, 0x9a}, 20)});
     Bytes stream = Concat({{0x00}, idr, p1, twoSlices, withAud, p1});
     EXPECT_EQ(UnitSizes(stream, VideoCodec::kH264),
               (std::vector<size_t>{idr.size(), p1.size(), twoSlices.size(), withAud.size(), p1.size()}));
 }
 
 TEST(AnnexBStream, H265AccessUnits) {
-    Bytes idr =
-        Concat({Nal("4001", 10), Nal("4201", 20), Nal("4401", 4), Nal("4e01", 6), Nal("2601af", 400)});
-    Bytes trail = Nal("0201d0", 90);
-    Bytes twoSegments = Concat({Nal("0201d0", 40), Nal("020140", 40)});
+    Bytes idr = Concat({Nal({0x40, 0x01}, 10), Nal({0x42, 0x01}, 20), Nal({0x44, 0x01}, 4),
+                        Nal({0x4e, 0x01}, 6), Nal({0x26, 0x01, 0xaf}, 400)});
+    Bytes trail = Nal({0x02, 0x01, 0xd0}, 90);
+    Bytes twoSegments = Concat({Nal({0x02, 0x01, 0xd0}, 40), Nal({0x02, 0x01, 0x40}, 40)});
     Bytes stream = Concat({idr, trail, twoSegments, trail});
     EXPECT_EQ(UnitSizes(stream, VideoCodec::kH265),
               (std::vector<size_t>{idr.size(), trail.size(), twoSegments.size(), trail.size()}));
@@ -87,10 +73,10 @@ TEST(AnnexBStream, PictureSizeFromSequenceParameterSets) {
          360},
     };
     for (const Case &c : cases) {
-        Bytes unit = Concat({Nal(c.codec == VideoCodec::kH264 ? "09f0" : "460150", 0),
-                             {0, 0, 0, 1},
-                             Hex(c.sps),
-                             Nal(c.codec == VideoCodec::kH264 ? "6588" : "2601af", 20)});
+        bool avc = c.codec == VideoCodec::kH264;
+        Bytes aud = avc ? Nal({0x09, 0xf0}, 0) : Nal({0x46, 0x01, 0x50}, 0);
+        Bytes slice = avc ? Nal({0x65, 0x88}, 20) : Nal({0x26, 0x01, 0xaf}, 20);
+        Bytes unit = Concat({aud, {0, 0, 0, 1}, Hex(c.sps), slice});
         PictureSize size{};
         ASSERT_EQ(AnnexBPictureSize(unit.data(), unit.size(), c.codec, &size), 0) << c.name;
         EXPECT_EQ(size.width, c.width) << c.name;
@@ -100,9 +86,9 @@ TEST(AnnexBStream, PictureSizeFromSequenceParameterSets) {
 
 TEST(AnnexBStreamErrors, NoOrBrokenParameterSet) {
     PictureSize size{};
-    Bytes noSps = Nal("419a", 50);
+    Bytes noSps = Nal({0x41, 0x9a}, 50);
     EXPECT_EQ(AnnexBPictureSize(noSps.data(), noSps.size(), VideoCodec::kH264, &size), -1);
-    Bytes cut = Nal("6764", 0);  // header and profile only
+    Bytes cut = Nal({0x67, 0x64}, 0);  // header and profile only
     EXPECT_EQ(AnnexBPictureSize(cut.data(), cut.size(), VideoCodec::kH264, &size), -1);
     Bytes empty;
     EXPECT_EQ(UnitSizes(empty, VideoCodec::kH265).size(), 0u);

@@ -12,31 +12,19 @@
 #include "avrecord_lib/record_builder.h"
 #include "avrecord_lib/record_section.h"
 #include "common/file_io.h"
+#include "support/es_frames.h"
 #include "support/test_support.h"
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
-Bytes Nal(uint8_t h0, uint8_t h1, size_t size, uint8_t fill) {
-    Bytes nal = {0, 0, 0, 1, h0, h1};
-    nal.insert(nal.end(), size, fill);
-    return nal;
-}
-
-Bytes Concat(std::initializer_list<Bytes> parts) {
-    Bytes all;
-    for (const Bytes &part : parts) all.insert(all.end(), part.begin(), part.end());
-    return all;
-}
-
-const Bytes kH264Key = Concat({Nal(0x67, 0x42, 10, 1), Nal(0x68, 0xCE, 2, 2), Nal(0x65, 0x88, 3000, 3)});
-const Bytes kH264Idr = Nal(0x65, 0x88, 3000, 3);
-const Bytes kH264Other = Nal(0x41, 0x9A, 800, 4);
-const Bytes kH265Key =
-    Concat({Nal(0x40, 0x01, 20, 1), Nal(0x42, 0x01, 30, 2), Nal(0x44, 0x01, 5, 3), Nal(0x26, 0x01, 4000, 4)});
-const Bytes kH265Idr = Nal(0x26, 0x01, 4000, 4);
-const Bytes kH265Other = Nal(0x02, 0x01, 900, 5);
+const Bytes kH264Key =
+    Concat({Nal({0x67, 0x42}, 10, 1), Nal({0x68, 0xCE}, 2, 2), Nal({0x65, 0x88}, 3000, 3)});
+const Bytes kH264Idr = Nal({0x65, 0x88}, 3000, 3);
+const Bytes kH264Other = Nal({0x41, 0x9A}, 800, 4);
+const Bytes kH265Key = Concat({Nal({0x40, 0x01}, 20, 1), Nal({0x42, 0x01}, 30, 2), Nal({0x44, 0x01}, 5, 3),
+                               Nal({0x26, 0x01}, 4000, 4)});
+const Bytes kH265Idr = Nal({0x26, 0x01}, 4000, 4);
+const Bytes kH265Other = Nal({0x02, 0x01}, 900, 5);
 
 RecordEncodingInfo g_encoding;
 struct timeval g_wall;

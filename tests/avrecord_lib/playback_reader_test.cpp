@@ -7,23 +7,10 @@
 #include <vector>
 
 #include "avrecord_lib/ps_packetizer.h"
+#include "support/es_frames.h"
 #include "support/test_support.h"
 
 namespace {
-
-using Bytes = std::vector<uint8_t>;
-
-Bytes Nal(uint8_t header, size_t size, uint8_t fill) {
-    Bytes nal = {0, 0, 0, 1, header};
-    nal.insert(nal.end(), size, fill);
-    return nal;
-}
-
-Bytes Concat(std::initializer_list<Bytes> parts) {
-    Bytes all;
-    for (const Bytes &part : parts) all.insert(all.end(), part.begin(), part.end());
-    return all;
-}
 
 const PSStreamParam kParam = {kVideoCodecH264, kAudioCodecG711U, 1280, 720, 0, 0, 8000, 33000};
 
@@ -106,8 +93,8 @@ Frame ReadBounded(int fd, uint32_t offset, uint32_t dataEnd, uint32_t bufSize) {
 
 TEST(PlaybackReader, WalksKeyOtherAndAudioFrames) {
     PsFile file;
-    Bytes key = Concat({Nal(0x67, 12, 1), Nal(0x68, 3, 2), Nal(0x06, 5, 3), Nal(0x65, 150000, 4)});
-    Bytes other = Nal(0x41, 70000, 5);
+    Bytes key = Concat({Nal({0x67}, 12, 1), Nal({0x68}, 3, 2), Nal({0x06}, 5, 3), Nal({0x65}, 150000, 4)});
+    Bytes other = Nal({0x41}, 70000, 5);
     Bytes audio(160, 0x77);
     uint32_t keyAt = file.AddKey(key, 1, 1700000000);
     uint32_t otherAt = file.AddOther(other, 2, 1700000001);
@@ -152,7 +139,7 @@ TEST(PlaybackReader, FrameEndsAtFirstBytesThatAreNoVideoPes) {
     };
     for (const Case &c : cases) {
         PsFile file;
-        Bytes other = Nal(0x41, 500, 9);
+        Bytes other = Nal({0x41}, 500, 9);
         file.AddOther(other, 5, 0);
         file.AddRaw(c.tail);
         int fd = file.Open();
@@ -164,7 +151,7 @@ TEST(PlaybackReader, FrameEndsAtFirstBytesThatAreNoVideoPes) {
 }
 
 TEST(PlaybackReader, KeyFramesAreLimitedToTwoMebibytes) {
-    Bytes big = Nal(0x65, 0x200000 + 70000, 0x3C);
+    Bytes big = Nal({0x65}, 0x200000 + 70000, 0x3C);
     PsFile file;
     uint32_t keyAt = file.AddKey(big, 1, 0);
     uint32_t otherAt = file.AddOther(big, 2, 0);
@@ -179,7 +166,7 @@ TEST(PlaybackReader, KeyFramesAreLimitedToTwoMebibytes) {
 
 TEST(PlaybackReaderBounded, RefusesFramesLargerThanTheBuffer) {
     PsFile file;
-    Bytes other = Nal(0x41, 100000, 1);
+    Bytes other = Nal({0x41}, 100000, 1);
     file.AddOther(other, 1, 0);
     int fd = file.Open();
     EXPECT_EQ(ReadBounded(fd, 0, 0, other.size() - 1).rc, -1);
@@ -191,10 +178,10 @@ TEST(PlaybackReaderBounded, RefusesFramesLargerThanTheBuffer) {
 TEST(PlaybackReaderBounded, StopsAtTheEndOfTheSectionData) {
     // Stale packets of an earlier recording right behind the section.
     PsFile file;
-    Bytes frame = Nal(0x41, 1000, 1);
+    Bytes frame = Nal({0x41}, 1000, 1);
     file.AddOther(frame, 1, 0);
     uint32_t end = file.size();
-    file.AddOther(Nal(0x41, 1000, 2), 7, 0);
+    file.AddOther(Nal({0x41}, 1000, 2), 7, 0);
     file.AddRaw({0, 0, 1, 0xE0});  // a PES start continuing the stale data
     int fd = file.Open();
     Frame f = ReadBounded(fd, 0, end, 1 << 20);

@@ -4,24 +4,11 @@
 
 #include <vector>
 
+#include "support/es_frames.h"
+
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
 Bytes Slice(const uint8_t *at, size_t n) { return Bytes(at, at + n); }
-
-// A NAL unit behind a four-byte start code: header byte, then `size` filler bytes.
-Bytes Nal(uint8_t header, size_t size, uint8_t fill) {
-    Bytes nal = {0, 0, 0, 1, header};
-    nal.insert(nal.end(), size, fill);
-    return nal;
-}
-
-Bytes Concat(std::initializer_list<Bytes> parts) {
-    Bytes all;
-    for (const Bytes &part : parts) all.insert(all.end(), part.begin(), part.end());
-    return all;
-}
 
 PSStreamParam Params(uint16_t videoCodec, uint16_t audioCodec) {
     return PSStreamParam{videoCodec, audioCodec, 1920, 1080, 0x1234, 0x5678, 8000, 33000};
@@ -136,8 +123,8 @@ TEST(PsHeaders, RecordFileHeaderIsConstant) {
 }
 
 TEST(PsIFrame, SpsPpsSeiIdrGiveThreeParts) {
-    Bytes sps = Nal(0x67, 20, 0x11), pps = Nal(0x68, 4, 0x22), sei = Nal(0x06, 9, 0x33);
-    Bytes idr = Nal(0x65, 70000, 0x44);
+    Bytes sps = Nal({0x67}, 20, 0x11), pps = Nal({0x68}, 4, 0x22), sei = Nal({0x06}, 9, 0x33);
+    Bytes idr = Nal({0x65}, 70000, 0x44);
     Bytes frame = Concat({sps, pps, sei, idr});
     PSStreamParam param = Params(kVideoCodecH264, kAudioCodecG711U);
     Bytes out(PSFrameBufferSize(frame.size()));
@@ -196,7 +183,7 @@ TEST(PsIFrame, BytesOutsideFourByteStartCodesAreDroppedOrKept) {
 }
 
 TEST(PsPFrame, LargeFrameSplitIntoFullChunks) {
-    Bytes frame = Nal(0x41, 200000 - 5, 0x5A);
+    Bytes frame = Nal({0x41}, 200000 - 5, 0x5A);
     Bytes out(PSFrameBufferSize(frame.size()));
     int n = makePFrameHeader(frame.data(), frame.size(), out.data(), 2, 0, 77);
     ASSERT_GT(n, 0);
@@ -214,7 +201,7 @@ TEST(PsPFrame, LargeFrameSplitIntoFullChunks) {
 }
 
 TEST(PsPFrame, DispatcherChoosesByKeyFlag) {
-    Bytes frame = Nal(0x41, 100, 1);
+    Bytes frame = Nal({0x41}, 100, 1);
     PSStreamParam param = Params(kVideoCodecH264, kAudioCodecG711U);
     Bytes out(PSFrameBufferSize(frame.size()));
     EXPECT_EQ(makeVideoPSFrame(1, frame.data(), frame.size(), out.data(), 1, &param, 0),

@@ -5,22 +5,9 @@
 # for byte; ffprobe reads each section's program stream; the index check
 # passes. Bad usage and a card without index give their exit codes.
 set -uo pipefail
-tool="$AVRECORD_BUILD_DIR/apps/avrecord-card/avrecord-card"
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+source "$(dirname "$0")/lib.sh"
 card="$work/card"
 mkdir "$card"
-failures=0
-
-fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
-
-expect() {
-  local code=$1; shift
-  "$@" >"$work/out" 2>"$work/err"
-  local got=$?
-  out=$(cat "$work/out"); err=$(cat "$work/err")
-  [ "$got" -eq "$code" ] || fail "$* exited $got, not $code (stderr: $err)"
-}
 
 json_field() { sed -E "s/.*\"$1\":\"?([^,\"}]*).*/\1/" <<<"$2"; }
 
@@ -67,8 +54,6 @@ expect 0 "$tool" check --card "$card"
 
 # An alarm event of file 0 inside section 1, from its start + 2 s to + 3 s:
 # the walk starts at the key frame before the event and ends with it.
-put() { printf "$(sed 's/../\\x&/g' <<<"$2")" | dd of="$3" bs=1 seek="$1" conv=notrunc status=none; }
-le32() { printf '%02x%02x%02x%02x' $(($1 & 255)) $(($1 >> 8 & 255)) $(($1 >> 16 & 255)) $(($1 >> 24 & 255)); }
 expect 0 "$tool" frames hi000000_000001.mp4 --card "$card" --json
 start=$(head -1 <<<"$out" | sed -E 's/.*"time":([0-9]+).*/\1/')
 put 0 "41454d4600000000$(le32 $((start + 2)))$(le32 $((start + 3)))01000000" "$card/event000.bin"

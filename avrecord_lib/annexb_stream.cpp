@@ -215,16 +215,23 @@ int HevcSpsSize(BitReader &bits, PictureSize *picture) {
 }  // namespace
 
 size_t AnnexBNextStartCode(const uint8_t *data, size_t size, size_t from) {
-    size_t pos = from + 2;
-    while (pos < size) {
-        const void *one = memchr(data + pos, 0x01, size - pos);
-        if (one == nullptr) break;
-        pos = static_cast<const uint8_t *>(one) - data;
-        if (data[pos - 1] == 0 && data[pos - 2] == 0) {
-            size_t start = pos - 2;
-            return start > from && data[start - 1] == 0 ? start - 1 : start;
+    constexpr uint64_t kOnes = 0x0101010101010101;
+    constexpr uint64_t kHighBits = 0x8080808080808080;
+    size_t pos = from;
+    while (pos + kStartCodeShort <= size) {
+        // Eight bytes without a zero byte hold no start of a start code.
+        uint64_t word;
+        if (pos + sizeof word <= size) {
+            memcpy(&word, data + pos, sizeof word);
+            if (((word - kOnes) & ~word & kHighBits) == 0) {
+                pos += sizeof word;
+                continue;
+            }
         }
-        pos += 1;
+        if (data[pos] == 0x00 && data[pos + 1] == 0x00 && data[pos + 2] == 0x01) {
+            return pos > from && data[pos - 1] == 0x00 ? pos - 1 : pos;
+        }
+        ++pos;
     }
     return size;
 }

@@ -81,7 +81,10 @@ void IndexChecker::CheckHeader(const RecordConfigInfo &header) {
 
 void IndexChecker::CheckFile(int indexFd, uint32_t fileNo, const FileInfoHead &file) {
     if (file.m_u32HeadFlag != kFileInfoHeadFlag) return;  // no recording in this file
-    if (file.m_u32FileNo != fileNo) Add(fileNo, 0, "record names file %u", file.m_u32FileNo);
+    if (file.m_u32FileNo != fileNo) {
+        Add(fileNo, 0, "record names file %u", file.m_u32FileNo);
+        return;  // its sections would be looked for in another file's block
+    }
     if (file.m_u32DataSize > kKeyFrameTableOffset) {
         Add(fileNo, 0, "data size %#x reaches the key-frame table", file.m_u32DataSize);
     }

@@ -12,6 +12,7 @@
 #include "avrecord_lib/record_builder.h"
 #include "avrecord_lib/record_section.h"
 #include "common/file_io.h"
+#include "support/card_fixture.h"
 #include "support/es_frames.h"
 #include "support/test_support.h"
 
@@ -43,10 +44,9 @@ constexpr uint32_t kStartTime = 1700000000;
 class FrameWriterTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        card_ = root_.Under("/media/SDCard/");
         MakeDirectories(card_);
-        Sparse(card_ + "index000.bin", kIndexFileSize);
-        Sparse(card_ + "hi000000.mp4", kMediaFileSize);
+        MakeSparseFile(card_ + kIndexFileName, kIndexFileSize);
+        MakeSparseFile(media_, kMediaFileSize);
         g_encoding = RecordEncodingInfo{1280, 720, 25, 0, 7, 0x1234, 9, 0, 0, 0};
         g_wall = {kStartTime, 0};
         g_uptime = 5000;
@@ -60,13 +60,6 @@ protected:
         LS_RecordSetEncodingSource(nullptr);
         LS_RecordSetClocks(nullptr, nullptr);
         SetRecordClockForTest(nullptr);
-    }
-
-    static void Sparse(const std::string &path, off_t size) {
-        int fd = open(path.c_str(), O_RDWR | O_CREAT, 0644);
-        ASSERT_GE(fd, 0);
-        ASSERT_EQ(ftruncate(fd, size), 0);
-        close(fd);
     }
 
     // Index header for one media file, a section opened on it, writer armed.
@@ -87,30 +80,19 @@ protected:
         return libAVRecordWriteFrame(channel, kind, frame.data(), &info);
     }
 
-    Bytes ReadAt(const std::string &name, uint32_t offset, size_t length) const {
-        Bytes bytes(length);
-        int fd = open((card_ + name).c_str(), O_RDONLY);
-        EXPECT_EQ(pread(fd, bytes.data(), length, offset), static_cast<ssize_t>(length));
-        close(fd);
-        return bytes;
-    }
-
-    template <typename Record>
-    Record ReadRecord(const std::string &name, uint32_t offset) const {
-        Record record;
-        Bytes bytes = ReadAt(name, offset, sizeof record);
-        memcpy(&record, bytes.data(), sizeof record);
-        return record;
-    }
+    std::string MediaAt(uint32_t offset, size_t length) const { return ReadFileAt(media_, offset, length); }
 
     KeyFrameEntry Entry(uint32_t k) const {
-        return ReadRecord<KeyFrameEntry>("hi000000.mp4", kKeyFrameTableOffset + kKeyFrameEntrySize * k);
+        KeyFrameEntry entry;
+        memcpy(&entry, MediaAt(kKeyFrameTableOffset + kKeyFrameEntrySize * k, sizeof entry).data(),
+               sizeof entry);
+        return entry;
     }
 
     // Every frame of the section through the playback reader.
     std::vector<Bytes> ReadSection() const {
         const SectionInfoHead *section = GetSectionInfoHead();
-        int fd = open((card_ + "hi000000.mp4").c_str(), O_RDONLY);
+        int fd = open(media_.c_str(), O_RDONLY);
         std::vector<Bytes> frames;
         Bytes buf(1 << 20);
         uint32_t end = section->m_u32SectionOffset + section->m_u32SectionSize;
@@ -129,7 +111,8 @@ protected:
     }
 
     ScopedRoot root_;
-    std::string card_;
+    std::string card_ = root_.Under("/media/SDCard/");
+    std::string media_ = card_ + "hi000000.mp4";
 };
 
 TEST_F(FrameWriterTest, SectionStartsAtFirstKeyFrameWithRecordFileHeader) {
@@ -140,9 +123,8 @@ TEST_F(FrameWriterTest, SectionStartsAtFirstKeyFrameWithRecordFileHeader) {
 
     ASSERT_EQ(Write(kH264Key), 0);
     uint32_t keyLength = g_u32Offset;
-    Bytes head = ReadAt("hi000000.mp4", 0, kRecordFileHeaderSize + 4);
-    EXPECT_EQ(Bytes(head.begin(), head.begin() + 4), (Bytes{'I', 'M', 'K', 'H'}));
-    EXPECT_EQ(Bytes(head.begin() + kRecordFileHeaderSize, head.end()), (Bytes{0, 0, 1, 0xBA}));
+    EXPECT_EQ(MediaAt(0, 4), "IMKH");
+    EXPECT_EQ(MediaAt(kRecordFileHeaderSize, 4), std::string("\0\0\1\xBA", 4));
     KeyFrameEntry entry = Entry(0);
     EXPECT_EQ(entry.m_u32HeadFlag, kKeyFrameEntryFlag);
     EXPECT_EQ(entry.m_u8KeyType, kKeyTypeParameterSet);
@@ -163,13 +145,12 @@ TEST_F(FrameWriterTest, SectionStartsAtFirstKeyFrameWithRecordFileHeader) {
     EXPECT_EQ(GetFileInfoHead()->m_u32KeyFrameSum, 2u);
 
     // The index on the card is what the writer holds.
-    SectionInfoHead onCard = ReadRecord<SectionInfoHead>("index000.bin", SectionInfoHeadPosition(0, 1));
-    EXPECT_EQ(memcmp(&onCard, section, sizeof onCard), 0);
-    FileInfoHead fileOnCard = ReadRecord<FileInfoHead>("index000.bin", FileInfoHeadPosition(0));
-    EXPECT_EQ(memcmp(&fileOnCard, GetFileInfoHead(), sizeof fileOnCard), 0);
-    EXPECT_EQ(fileOnCard.m_u32DataSize, g_u32Offset);
-    RecordConfigInfo infoOnCard = ReadRecord<RecordConfigInfo>("index000.bin", 0);
-    EXPECT_EQ(infoOnCard.m_u32HeadFlag, kRecordConfigHeadFlag);
+    std::string index = card_ + kIndexFileName;
+    EXPECT_EQ(ReadFileAt(index, SectionInfoHeadPosition(0, 1), sizeof *section), RecordBytes(*section));
+    EXPECT_EQ(ReadFileAt(index, FileInfoHeadPosition(0), sizeof(FileInfoHead)),
+              RecordBytes(*GetFileInfoHead()));
+    EXPECT_EQ(ReadFileAt(index, 0, sizeof(RecordConfigInfo)), RecordBytes(*GetRecordConfigInfo()));
+    EXPECT_EQ(GetFileInfoHead()->m_u32DataSize, g_u32Offset);
 
     std::vector<Bytes> frames = ReadSection();
     ASSERT_EQ(frames.size(), 3u);
@@ -194,7 +175,7 @@ TEST_F(FrameWriterTest, KeyFramesRecognisedFromTheirLeadingNal) {
         EXPECT_EQ(Write(c.first), c.result) << c.name;
         if (c.result == 0) {
             uint32_t mapAt = kRecordFileHeaderSize + kPackHeaderSize + kSystemHeaderSize;
-            EXPECT_EQ(ReadAt("hi000000.mp4", mapAt + 12, 1)[0], c.streamType) << c.name;
+            EXPECT_EQ(static_cast<uint8_t>(MediaAt(mapAt + 12, 1)[0]), c.streamType) << c.name;
         }
         LS_RecordClose();
     }
@@ -218,18 +199,31 @@ TEST_F(FrameWriterTest, FrameTimesIgnoreLargeWallClockSteps) {
     }
 }
 
-TEST_F(FrameWriterTest, EncoderMarkedKeyFramesNeedTheLargerPictures) {
+// Rotation swaps the recorded size; descriptor-marked key frames get an
+// entry only from 345600 recorded pixels on.
+TEST_F(FrameWriterTest, RecordedPictureSizeRotationAndMarkedEntries) {
     struct Case {
-        uint32_t width, height;
+        uint32_t width, height, rotate;
+        uint16_t recordedWidth, recordedHeight;
         uint32_t entries;  // after the SPS-led first frame and one marked IDR
-    } cases[] = {{640, 480, 1}, {720, 480, 2}, {480, 720, 2}};
+    } cases[] = {
+        {640, 480, 0, 640, 480, 1},   {720, 480, 0, 720, 480, 2},   {720, 480, 1, 480, 720, 2},
+        {1280, 720, 2, 1280, 720, 2}, {1280, 720, 3, 720, 1280, 2},
+    };
     for (const Case &c : cases) {
         g_encoding.u32Width = c.width;
         g_encoding.u32Height = c.height;
+        g_encoding.u32RotateMode = c.rotate;
         Open();
         ASSERT_EQ(Write(kH264Key), 0);
         ASSERT_EQ(Write(kH264Idr, 1), 0);
-        EXPECT_EQ(GetSectionInfoHead()->m_u32KeyFrameSum, c.entries) << c.width;
+        EXPECT_EQ(GetSectionInfoHead()->m_u16Width, c.recordedWidth);
+        EXPECT_EQ(GetSectionInfoHead()->m_u16Height, c.recordedHeight);
+        uint16_t size[2];
+        memcpy(size, MediaAt(kRecordFileHeaderSize + 36 + 16, 4).data(), 4);  // stream map width, height
+        EXPECT_EQ(size[0], c.recordedWidth);
+        EXPECT_EQ(size[1], c.recordedHeight);
+        EXPECT_EQ(GetSectionInfoHead()->m_u32KeyFrameSum, c.entries) << c.width << "x" << c.height;
         if (c.entries == 2) {
             EXPECT_EQ(Entry(1).m_u8KeyType, kKeyTypeEncoderMark);
         }
@@ -239,20 +233,6 @@ TEST_F(FrameWriterTest, EncoderMarkedKeyFramesNeedTheLargerPictures) {
     Open();
     ASSERT_EQ(Write(kH264Key, 1), 0);
     EXPECT_EQ(Entry(0).m_u8KeyType, kKeyTypeEncoderMark);
-}
-
-TEST_F(FrameWriterTest, RotationSwapsTheRecordedPictureSize) {
-    for (uint32_t rotate : {0u, 1u, 2u, 3u}) {
-        g_encoding.u32RotateMode = rotate;
-        Open();
-        ASSERT_EQ(Write(kH264Key), 0);
-        bool swapped = rotate % 2 == 1;
-        EXPECT_EQ(GetSectionInfoHead()->m_u16Width, swapped ? 720 : 1280);
-        Bytes size = ReadAt("hi000000.mp4", kRecordFileHeaderSize + 36 + 16, 4);
-        EXPECT_EQ(size[0] | (size[1] << 8), swapped ? 720 : 1280);
-        EXPECT_EQ(size[2] | (size[3] << 8), swapped ? 1280 : 720);
-        LS_RecordClose();
-    }
 }
 
 TEST_F(FrameWriterTest, AudioFollowsTheVideoCounterWithKnownCodecsOnly) {
@@ -271,10 +251,11 @@ TEST_F(FrameWriterTest, AudioFollowsTheVideoCounterWithKnownCodecsOnly) {
         EXPECT_EQ(Write(audio, 0, kFrameKindAudio), c.result) << c.audioType;
         EXPECT_EQ(GetSectionInfoHead()->m_u32VideoFrameSum, 1u);
         if (c.result == 0) {
-            EXPECT_EQ(ReadAt("hi000000.mp4", kRecordFileHeaderSize + 36 + 28, 1)[0], c.streamType);
-            Bytes pes = ReadAt("hi000000.mp4", at, kPesHeaderSize);
-            EXPECT_EQ(pes[3], 0xC0);
-            EXPECT_EQ(PSDecodePts(&pes[9]), PSTimeStamp(3, kPsTimeStampRate));
+            EXPECT_EQ(static_cast<uint8_t>(MediaAt(kRecordFileHeaderSize + 36 + 28, 1)[0]), c.streamType);
+            std::string pes = MediaAt(at, kPesHeaderSize);
+            EXPECT_EQ(static_cast<uint8_t>(pes[3]), 0xC0);
+            EXPECT_EQ(PSDecodePts(reinterpret_cast<const uint8_t *>(&pes[9])),
+                      PSTimeStamp(3, kPsTimeStampRate));
             EXPECT_EQ(g_u32Offset, at + kPesHeaderSize + audio.size());
         }
         LS_RecordClose();
@@ -300,7 +281,7 @@ TEST_F(FrameWriterTest, FailedMediaWritesStillAdvanceTheIndex) {
     EXPECT_EQ(result, 0);
     EXPECT_GT(g_u32Offset, kH264Key.size());
     EXPECT_EQ(GetSectionInfoHead()->m_u32SectionSize, g_u32Offset);
-    EXPECT_EQ(ReadAt("hi000000.mp4", 0, 4), Bytes(4, 0));
+    EXPECT_EQ(MediaAt(0, 4), std::string(4, '\0'));
 }
 
 TEST_F(FrameWriterTest, ErrorsAndIgnoredFrames) {

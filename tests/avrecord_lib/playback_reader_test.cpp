@@ -200,17 +200,9 @@ TEST(PlaybackReaderErrors, MalformedPacketsFailWithoutMovingOn) {
         EXPECT_EQ(f.rc, -1) << c.name;
         EXPECT_EQ(f.offset, 8u) << c.name;
     }
-}
-
-TEST(PlaybackReaderErrors, NullArgumentsAndBadDescriptor) {
-    uint8_t buf[16];
     uint32_t offset = 0, length = 0;
     int type = 0;
-    EXPECT_EQ(libAVRecordPlayBackGetPSFrame(-1, &offset, &type, buf, &length, nullptr, nullptr), -1);
-    EXPECT_EQ(libAVRecordPlayBackGetPSFrame(0, nullptr, &type, buf, &length, nullptr, nullptr), -1);
-    EXPECT_EQ(
-        libAVRecordPlayBackGetPSFrameBounded(0, &offset, 0, &type, nullptr, 16, &length, nullptr, nullptr),
-        -1);
+    EXPECT_EQ(libAVRecordPlayBackGetPSFrame(-1, &offset, &type, nullptr, &length, nullptr, nullptr), -1);
 }
 
 }  // namespace

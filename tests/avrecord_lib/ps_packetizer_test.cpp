@@ -83,26 +83,6 @@ TEST(PsHeaders, StreamMapCarriesParametersAndFixedBytes) {
                      0x01, 0x02, 0x03, 0x04, 0x05, 0x05, 0x07, 0x08, 0x00, 0x00, 0x00, 0x00}));
 }
 
-TEST(PsHeaders, StreamTypesByCodec) {
-    struct Case {
-        uint16_t video, audio;
-        uint8_t videoType, audioType;
-    } cases[] = {
-        {kVideoCodecH264, kAudioCodecAac, 0x1B, 0x0F},
-        {kVideoCodecH265, kAudioCodecG711U, 0x24, 0x91},
-        {0, kAudioCodecG711A, 0x1B, 0x90},
-        {kVideoCodecH265, 7, 0x24, 0xAB},  // unknown audio code: byte left as it was
-    };
-    for (const Case &c : cases) {
-        uint8_t out[kStreamMapSize];
-        memset(out, 0xAB, sizeof out);
-        PSStreamParam param = Params(c.video, c.audio);
-        makeStreamMapHeader(out, &param);
-        EXPECT_EQ(out[12], c.videoType);
-        EXPECT_EQ(out[28], c.audioType);
-    }
-}
-
 TEST(PsIFrame, SpsPpsSeiIdrGiveThreeParts) {
     Bytes sps = Nal({0x67}, 20, 0x11), pps = Nal({0x68}, 4, 0x22), sei = Nal({0x06}, 9, 0x33);
     Bytes idr = Nal({0x65}, 70000, 0x44);

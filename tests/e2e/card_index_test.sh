@@ -3,26 +3,9 @@
 # directory: a fresh index is consistent, damage is reported with exit 1,
 # a missing index and bad usage give their exit codes.
 set -uo pipefail
-tool="$AVRECORD_BUILD_DIR/apps/avrecord-card/avrecord-card"
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+source "$(dirname "$0")/lib.sh"
 card="$work/card"
 mkdir "$card"
-failures=0
-
-fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
-
-# expect CODE COMMAND...: runs the command, keeps stdout/stderr in $out/$err.
-expect() {
-  local code=$1; shift
-  "$@" >"$work/out" 2>"$work/err"
-  local got=$?
-  out=$(cat "$work/out"); err=$(cat "$work/err")
-  [ "$got" -eq "$code" ] || fail "$* exited $got, not $code (stderr: $err)"
-}
-
-# put OFFSET HEX FILE: writes the bytes given in hex at OFFSET.
-put() { printf "$(sed 's/../\\x&/g' <<<"$2")" | dd of="$3" bs=1 seek="$1" conv=notrunc status=none; }
 
 expect 1 "$tool" init --card "$card"
 [[ "$err" == *"not a prepared card"* ]] || fail "init on an empty directory: $err"
@@ -44,7 +27,7 @@ expect 0 "$tool" check --card "$card"
 
 # File 1 in use: "RFHF", number 1, start 1700000000, end 1700000060, 1000
 # bytes, type 1, one section, no key frames; its section record is missing.
-put $((0x430)) 524648460100000000f153653cf15365e8030000010000000100000000000000 "$card/index000.bin"
+put $((0x430)) 52464846$(le32 1)$(le32 1700000000)$(le32 1700000060)$(le32 1000)$(le32 1)$(le32 1)$(le32 0) "$card/index000.bin"
 expect 0 "$tool" info --card "$card"
 grep -q '^ *1  2023-11-14 22:13:20  2023-11-14 22:14:20 *1000 *1 *0 *1$' <<<"$out" || fail "info row: $out"
 expect 1 "$tool" check --card "$card" --json

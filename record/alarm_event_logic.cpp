@@ -22,12 +22,6 @@ constexpr uint32_t kSecondSource = 2;
 
 uint32_t Distance(uint32_t a, uint32_t b) { return a > b ? a - b : b - a; }
 
-uint32_t ReadWord(const uint8_t *bytes) {
-    uint32_t value = 0;
-    std::memcpy(&value, bytes, sizeof value);
-    return value;
-}
-
 }  // namespace
 
 uint32_t PreRecordSeconds(uint32_t index) { return index < kTableSize ? kPreRecordTable[index] : 0; }
@@ -44,14 +38,13 @@ bool AlarmSourceForRecordType(uint32_t recordType, uint32_t *source, uint8_t *al
     return false;
 }
 
-uint32_t AlarmSourceState(const uint8_t *alarmRecord, uint32_t source) {
+uint32_t AlarmSourceState(const AlarmShmEntry *alarms, uint32_t source) {
     if (source >= kAlarmSourceCount) return 0;
-    uint32_t state = ReadWord(alarmRecord + kAlarmEntrySize * source);
-    if (source == kAlarmCombinedSource && ReadWord(alarmRecord + kAlarmEntrySize * kMotionSource) != 0 &&
-        ReadWord(alarmRecord + kAlarmEntrySize * kSecondSource) != 0) {
-        state = 1;
+    if (source == kAlarmCombinedSource && alarms[kMotionSource].Status != 0 &&
+        alarms[kSecondSource].Status != 0) {
+        return 1;
     }
-    return state;
+    return alarms[source].Status;
 }
 
 AlarmEventTracker::AlarmEventTracker() { Reset(); }
@@ -74,7 +67,7 @@ AlarmAction AlarmEventTracker::Turn(const AlarmTurn &turn) {
     uint8_t alarmType = 0;
     if (!AlarmSourceForRecordType(turn.recordType, &source, &alarmType)) return AlarmAction::kNone;
 
-    bool active = AlarmSourceState(turn.alarmRecord, source) != 0;
+    bool active = AlarmSourceState(turn.alarms, source) != 0;
     if (active && open_[source] == 0) {
         open_[source] = 1;
         BeginEvent(turn, alarmType);

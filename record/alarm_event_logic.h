@@ -11,13 +11,11 @@
 #include <cstdint>
 
 #include "avrecord_lib/index_records.h"
+#include "ipc/alarm_shm.h"
 
-inline constexpr uint32_t kAlarmSourceCount = 16;
-inline constexpr uint32_t kAlarmEntrySize = 24;  // bytes per source in the alarm record
-inline constexpr uint32_t kAlarmRecordSize = kAlarmSourceCount * kAlarmEntrySize;  // 384
-inline constexpr uint32_t kAlarmCombinedSource = 14;                               // sources 0 and 2 together
-inline constexpr uint8_t kPreRecordKeepIndex = 10;   // keep the last index, pre-record off
-inline constexpr uint32_t kAlarmFlushInterval = 19;  // a tail is written every 20 s
+inline constexpr uint32_t kAlarmCombinedSource = 14;  // sources 0 and 2 together
+inline constexpr uint8_t kPreRecordKeepIndex = 10;    // keep the last index, pre-record off
+inline constexpr uint32_t kAlarmFlushInterval = 19;   // a tail is written every 20 s
 
 // Seconds for the pre-record index (ucpreRecordTime) and the record-delay
 // index (ucrecordDelay); 0 for an index off the table.
@@ -28,9 +26,9 @@ uint32_t RecordDelaySeconds(uint32_t index);
 // events carry; false for record type 0 or an unknown one.
 bool AlarmSourceForRecordType(uint32_t recordType, uint32_t *source, uint8_t *alarmType);
 
-// State word of source i in the 384-byte alarm record; for source 14 also
-// active when sources 0 and 2 are both active.
-uint32_t AlarmSourceState(const uint8_t *alarmRecord, uint32_t source);
+// State word of a source in the alarm record (kAlarmSourceCount entries);
+// source 14 is also active when sources 0 and 2 are both active.
+uint32_t AlarmSourceState(const AlarmShmEntry *alarms, uint32_t source);
 
 // What the caller has to do after a turn.
 enum class AlarmAction {
@@ -43,7 +41,7 @@ enum class AlarmAction {
 struct AlarmTurn {
     uint32_t now;                    // thread clock T
     uint32_t recordType;             // record type byte of the running segment (0: mark nothing)
-    const uint8_t *alarmRecord;      // the 384-byte alarm record
+    const AlarmShmEntry *alarms;     // the alarm record, kAlarmSourceCount entries
     uint8_t preRecordTime;           // SysInfo ucpreRecordTime as read this turn
     uint8_t recordDelay;             // SysInfo ucrecordDelay as read this turn
     const FileInfoHead *file;        // current file record

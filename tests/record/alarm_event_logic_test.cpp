@@ -22,12 +22,10 @@ public:
         section_.m_u32HeadFlag = kSectionInfoHeadFlag;
         section_.m_u32StartTime = sectionStart;
         section_.m_u8FrameRate = 25;
-        std::memset(alarm_, 0, sizeof alarm_);
+        std::memset(alarms_, 0, sizeof alarms_);
     }
 
-    void SetSource(uint32_t source, uint32_t state) {
-        std::memcpy(alarm_ + kAlarmEntrySize * source, &state, sizeof state);
-    }
+    void SetSource(uint32_t source, uint32_t state) { alarms_[source].Status = state; }
 
     // Runs turns from..to (inclusive, one per second); the section grows by
     // 25 frames of 4000 bytes a second. Returns the non-empty actions.
@@ -36,7 +34,7 @@ public:
         for (uint32_t t = from; t <= to; ++t) {
             section_.m_u32SectionSize += 100000;
             section_.m_u32VideoFrameSum += 25;
-            AlarmTurn turn{t, recordType, alarm_, preRecordTime, recordDelay, &file_, &section_};
+            AlarmTurn turn{t, recordType, alarms_, preRecordTime, recordDelay, &file_, &section_};
             AlarmAction action = tracker.Turn(turn);
             if (action != AlarmAction::kNone) actions.emplace_back(t, action);
         }
@@ -51,7 +49,7 @@ public:
 private:
     FileInfoHead file_{};
     SectionInfoHead section_{};
-    uint8_t alarm_[kAlarmRecordSize];
+    AlarmShmEntry alarms_[kAlarmSourceCount];
 };
 
 }  // namespace

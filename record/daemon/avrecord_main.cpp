@@ -59,7 +59,7 @@ int main(int /*argc*/, char ** /*argv*/) {
         }
         if (FlagGet(g_bRecordStop) == 1) {
             Command_System("sync");
-            sleep(kExitPauseSeconds);
+            for (unsigned left = kExitPauseSeconds; left > 0;) left = sleep(left);
             LogTrace("%s %d RecordStop AVRecord exit!!!\n", __func__, __LINE__);
             ExitAfterStop();
         }

@@ -42,17 +42,10 @@ protected:
     }
 
     AlarmEventInfo CardInfo(uint32_t fileNo) const {
-        AlarmEventInfo info{};
-        std::string bytes = ReadFileAt(card_ + kEventFileName, AlarmEventInfoPosition(fileNo), sizeof info);
-        memcpy(&info, bytes.data(), sizeof info);
-        return info;
+        return CardRecord<AlarmEventInfo>(kEventFileName, AlarmEventInfoPosition(fileNo));
     }
     AlarmEventEntry CardEntry(uint32_t fileNo, uint32_t index) const {
-        AlarmEventEntry entry{};
-        std::string bytes =
-            ReadFileAt(card_ + kEventFileName, AlarmEventEntryPosition(fileNo, index), sizeof entry);
-        memcpy(&entry, bytes.data(), sizeof entry);
-        return entry;
+        return CardRecord<AlarmEventEntry>(kEventFileName, AlarmEventEntryPosition(fileNo, index));
     }
 
     // One alarm of `length` seconds, `age` seconds into the section, with

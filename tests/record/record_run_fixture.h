@@ -202,12 +202,17 @@ protected:
         FlagSet(g_bRecordStop, 0);
     }
 
+    // A record of the card's file `name` at offset.
+    template <typename Record>
+    Record CardRecord(const char *name, uint32_t offset) const {
+        Record record{};
+        std::string bytes = ReadFileAt(card_ + name, offset, sizeof record);
+        memcpy(&record, bytes.data(), sizeof record);
+        return record;
+    }
+
     SectionInfoHead CardSection(uint32_t fileNo, uint32_t sectionNo) const {
-        SectionInfoHead section{};
-        std::string bytes =
-            ReadFileAt(card_ + kIndexFileName, SectionInfoHeadPosition(fileNo, sectionNo), sizeof section);
-        memcpy(&section, bytes.data(), sizeof section);
-        return section;
+        return CardRecord<SectionInfoHead>(kIndexFileName, SectionInfoHeadPosition(fileNo, sectionNo));
     }
 
     ScopedRoot root_;

@@ -26,6 +26,7 @@ constexpr useconds_t kWatchTurnUs = 20 * 1000;
 constexpr useconds_t kCloseSettleUs = 100 * 1000;
 constexpr useconds_t kDayEndPauseUs = 500 * 1000;
 constexpr unsigned kMjpegRefusalSeconds = 3;
+constexpr int kNewDayWaitTurns = 60;  // 1.2 s of 20 ms turns
 
 // The property records a run compares.
 struct RunProperties {
@@ -181,6 +182,16 @@ void LogPlayTimeEnd(uint32_t seconds) {
              utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
 }
 
+// The day end can be seen early in the day's last second: the next run
+// must not start before midnight, or its section would span two days.
+void WaitForNewDay() {
+    for (int turn = 0; turn < kNewDayWaitTurns; ++turn) {
+        struct tm now = RecordLocalNow();
+        if (!IsLastSecondOfDay(now.tm_hour, now.tm_min, now.tm_sec)) return;
+        usleep(kWatchTurnUs);
+    }
+}
+
 // The end steps of a run.
 void EndRun(const char *func, const RunClock &clock) {
     LogTrace("%s %d: #########Record Over !!!!!!!!!!!!#######\n", func, __LINE__);
@@ -196,6 +207,7 @@ void EndRun(const char *func, const RunClock &clock) {
     AV_RecordNextFileSelect(GetRecordConfigInfo(), GetFileInfoHead());
     if (FlagGet(g_bDayEnd) == 1) {
         usleep(kDayEndPauseUs);
+        WaitForNewDay();
         FlagSet(g_bDayEnd, 0);
     }
 }

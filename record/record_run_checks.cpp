@@ -10,11 +10,15 @@ constexpr int kDayEndMinute = 59;
 constexpr int kDayEndSecond = 59;
 
 bool IsDayEnd(const RunTurn &turn) {
-    return turn.hour == kDayEndHour && turn.minute == kDayEndMinute && turn.second == kDayEndSecond &&
+    return IsLastSecondOfDay(turn.hour, turn.minute, turn.second) &&
            turn.sectionEndTime > turn.sectionStartTime + 1;
 }
 
 }  // namespace
+
+bool IsLastSecondOfDay(int hour, int minute, int second) {
+    return hour == kDayEndHour && minute == kDayEndMinute && second == kDayEndSecond;
+}
 
 bool ScheduleSegmentOver(uint8_t dayMode, int nowSec, int startSec, int endSec) {
     return dayMode == TIME_SCOPE_DIFF && (nowSec < startSec || nowSec >= endSec);

@@ -70,5 +70,8 @@ RunEnd RecordRunCheck(const RunParams &start, uint32_t stream, const RunTurn &tu
 // time of day.
 bool ScheduleSegmentOver(uint8_t dayMode, int nowSec, int startSec, int endSec);
 
+// 23:59:59, the second in which a run is split at the day end.
+bool IsLastSecondOfDay(int hour, int minute, int second);
+
 // |since boot - wall clock| over the limit.
 bool ClockJumped(uint32_t sinceBootDuration, int32_t currentDuration);

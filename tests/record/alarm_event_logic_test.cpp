@@ -85,17 +85,12 @@ TEST(AlarmEventLogicTest, ThirtySecondAlarmWithTenSecondDelayIsOneFortySecondEve
     EXPECT_EQ(entry.m_u32HeadFlag, kAlarmEventEntryFlag);
     EXPECT_EQ(entry.m_u32StartTime, kNoon - 10);
     EXPECT_EQ(entry.m_u32EndTime, kNoon + 40);
-    EXPECT_EQ(entry.m_u8AlarmType, 4);
-    EXPECT_EQ(entry.m_u16FileNo, 7);
     EXPECT_EQ(entry.m_u16EventNo, 0);
     EXPECT_EQ(entry.m_u32FrameSum, 40u * 25);
     EXPECT_EQ(entry.m_u32DataSize, 40u * 100000);
     EXPECT_EQ(entry.m_u8FrameRate, 25);
-    EXPECT_EQ(info.m_u32HeadFlag, kAlarmEventInfoFlag);
-    EXPECT_EQ(info.m_u32AlarmFileNo, 7u);
     EXPECT_EQ(info.m_u32AlarmEventSum, 1u);
     EXPECT_EQ(info.m_u32EndTime, kNoon + 40);
-    EXPECT_EQ(info.m_u8AlarmType, 4);
     EXPECT_EQ(info.m_u32Reserved0, kNoon + 40);  // end of the last closed event
 }
 
@@ -185,17 +180,6 @@ TEST(AlarmEventLogicTest, PreRecordIndexTenKeepsTheLastIndexAndStartsAtTheSectio
     timeline.SetSource(0, 1);
     timeline.Run(kNoon, kNoon);
     EXPECT_EQ(timeline.tracker.entry().m_u32StartTime, kNoon - 600);
-}
-
-TEST(AlarmEventLogicTest, TablesAndOutOfRangeIndexes) {
-    const uint32_t pre[] = {0, 5, 10, 15, 20, 25, 30, 10, 0, 0};
-    const uint32_t delay[] = {10, 5, 10, 30, 60, 120, 300, 600, 0, 0};
-    for (uint32_t i = 0; i < 10; ++i) {
-        EXPECT_EQ(PreRecordSeconds(i), pre[i]);
-        EXPECT_EQ(RecordDelaySeconds(i), delay[i]);
-    }
-    EXPECT_EQ(PreRecordSeconds(200), 0u);
-    EXPECT_EQ(RecordDelaySeconds(11), 0u);
 }
 
 TEST(AlarmEventLogicTest, ResetForgetsTheFilesEvents) {

@@ -1,0 +1,127 @@
+# Shared steps of the AVRecord end-to-end tests (sourced, not run): a card
+# directory under a private AVRECORD_ROOT with a fake mount table and card
+# device, avcam-sim as the camera's encoder and configuration server, and the
+# daemon itself (natively, or the ARM build under qemu-arm when
+# AVRECORD_ARM_DAEMON points at it).
+set -uo pipefail
+
+card_tool="$AVRECORD_BUILD_DIR/apps/avrecord-card/avrecord-card"
+sim="$AVRECORD_BUILD_DIR/apps/avcam-sim/avcam-sim"
+daemon="$AVRECORD_BUILD_DIR/record/AVRecord"
+samples="$AVRECORD_BUILD_DIR/samples"
+work=$(mktemp -d)
+root="$work/root"
+card="$root/media/SDCard/"
+log="$work/avrecord.log"
+simpid=
+daemonpid=
+failures=0
+
+fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
+
+cleanup() {
+  [ -n "$daemonpid" ] && kill -KILL "$daemonpid" 2>/dev/null
+  [ -n "$simpid" ] && kill -TERM "$simpid" 2>/dev/null
+  wait 2>/dev/null
+  if [ -n "${AVRECORD_E2E_KEEP:-}" ]; then echo "kept $work"; else rm -rf "$work"; fi
+}
+trap cleanup EXIT
+
+finish() {
+  if [ "$failures" -ne 0 ]; then
+    echo "--- daemon log (last 40 lines) ---"
+    tail -40 "$log" 2>/dev/null
+    exit 1
+  fi
+  echo "PASS"
+  exit 0
+}
+
+# make_card MEDIA_FILES: the card's file set in a directory, mounted and
+# present as far as the daemon can tell.
+make_card() {
+  mkdir -p "$root/proc" "$root/dev" "$card"
+  echo "/dev/mmcblk1p1 /media/SDCard vfat rw,relatime 0 0" >"$root/proc/mounts"
+  : >"$root/dev/mmcblk1p1"
+  "$card_tool" prealloc "$card" --media "${1:-4}" >/dev/null || { echo "FAIL: prealloc"; exit 1; }
+}
+
+make_samples() {
+  "$AVRECORD_SOURCE_DIR/scripts/make-samples" "$samples" || { echo "FAIL: make-samples"; exit 1; }
+}
+
+# start_sim ARGS...: avcam-sim run in this namespace; waits until it serves.
+start_sim() {
+  "$sim" run "$@" 2>"$work/sim.err" &
+  simpid=$!
+  for _ in $(seq 50); do
+    "$sim" status >/dev/null 2>&1 && return 0
+    sleep 0.1
+  done
+  echo "FAIL: avcam-sim did not come up: $(cat "$work/sim.err")"
+  exit 1
+}
+
+sim_set() { "$sim" set "$@" >/dev/null || fail "avcam-sim set $*"; }
+
+# start_daemon [ENV=VALUE...]: AVRecord with the test root; its log in $log.
+start_daemon() {
+  if [ -n "${AVRECORD_ARM_DAEMON:-}" ]; then
+    env AVRECORD_ROOT="$root" "$@" qemu-arm-static -L /usr/arm-linux-gnueabihf "$AVRECORD_ARM_DAEMON" 2>>"$log" &
+  else
+    env AVRECORD_ROOT="$root" "$@" "$daemon" 2>>"$log" &
+  fi
+  daemonpid=$!
+}
+
+# stop_daemon: SIGTERM (and a second one, which must be ignored); the
+# process must leave with status 0 after its exit line.
+stop_daemon() {
+  kill -TERM "$daemonpid"
+  sleep 0.5
+  kill -TERM "$daemonpid" 2>/dev/null
+  wait "$daemonpid"
+  local rc=$?
+  daemonpid=
+  [ "$rc" -eq 0 ] || fail "daemon exited $rc after SIGTERM"
+  grep -q "RecordStop AVRecord exit!!!" "$log" || fail "no exit line after SIGTERM"
+  [ "$(grep -c 'Get a signal -- SIGTERM' "$log")" -eq 1 ] || fail "the second SIGTERM was not ignored"
+}
+
+# wait_log PATTERN SECONDS [COUNT]: waits until PATTERN appears COUNT times.
+wait_log() {
+  local want=${3:-1}
+  for _ in $(seq $(($2 * 10))); do
+    [ "$(grep -c -- "$1" "$log" 2>/dev/null)" -ge "$want" ] && return 0
+    sleep 0.1
+  done
+  fail "no '$1' (x$want) in the log within $2 s"
+  return 1
+}
+
+# sections: one line per section on the card, "file section start end
+# offset size frames width height rate", read straight from index000.bin.
+sections() {
+  python3 - "$card/index000.bin" <<'PY'
+import struct, sys
+f = open(sys.argv[1], 'rb')
+head = f.read(236)
+magic, version, _, _, _, file_sum, used, current = struct.unpack_from('<8I', head)
+if magic != 0x46484953:
+    sys.exit('bad index header')
+for n in range(file_sum):
+    f.seek(0x400 + 48 * n)
+    rec = struct.unpack('<8I', f.read(32))
+    if rec[0] != 0x46484652:
+        continue
+    for s in range(1, rec[6] + 1):
+        f.seek((s + (n + 8) * 256) * 64)
+        sec = f.read(64)
+        flag, start, end, fno, sno, off, size, frames = struct.unpack_from('<3I2H3I', sec)
+        width, height, rate = struct.unpack_from('<2HB', sec, 0x24)
+        if flag == 0x46484952:
+            print(n, sno, start, end, off, size, frames, width, height, rate)
+PY
+}
+
+section_count() { sections | wc -l; }

@@ -9,6 +9,10 @@ card_tool="$AVRECORD_BUILD_DIR/apps/avrecord-card/avrecord-card"
 sim="$AVRECORD_BUILD_DIR/apps/avcam-sim/avcam-sim"
 daemon="$AVRECORD_BUILD_DIR/record/AVRecord"
 samples="$AVRECORD_BUILD_DIR/samples"
+if [ ! -x "$sim" ]; then
+  echo "SKIP: avcam-sim is not built"
+  exit 0
+fi
 work=$(mktemp -d)
 root="$work/root"
 card="$root/media/SDCard/"

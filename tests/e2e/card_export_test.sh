@@ -5,24 +5,8 @@
 # elementary streams (equal to the input), a section and an alarm event.
 # Bad usage and missing recordings give their exit codes.
 set -uo pipefail
-tool="$AVRECORD_BUILD_DIR/apps/avrecord-card/avrecord-card"
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-card="$work/card"
-mkdir "$card"
-failures=0
+source "$(dirname "$0")/e2e_common.sh"
 
-fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
-
-expect() {
-  local code=$1; shift
-  "$@" >"$work/out" 2>"$work/err"
-  local got=$?
-  out=$(cat "$work/out"); err=$(cat "$work/err")
-  [ "$got" -eq "$code" ] || fail "$* exited $got, not $code (stderr: $err)"
-}
-
-json_field() { sed -E "s/.*\"$1\":\"?([^,\"}]*).*/\1/" <<<"$2"; }
 probe() { ffprobe -v error -count_frames -show_entries stream=codec_name,width,height,nb_read_frames \
   -select_streams "$1" -of csv=p=0 "$2" 2>/dev/null; }
 
@@ -60,8 +44,6 @@ expect 2 "$tool" export "$h265" -o "$work/b.h264" --card "$card"
 
 # An alarm event 2 s into the H.264 section, 1 s long: from the key frame
 # before it to its end.
-put() { printf "$(sed 's/../\\x&/g' <<<"$2")" | dd of="$3" bs=1 seek="$1" conv=notrunc status=none; }
-le32() { printf '%02x%02x%02x%02x' $(($1 & 255)) $(($1 >> 8 & 255)) $(($1 >> 16 & 255)) $(($1 >> 24 & 255)); }
 expect 0 "$tool" search --card "$card" --from 0 --to 4294967295 --json
 start=$(grep "\"$h264\"" <<<"$out" | sed -E 's/.*"start":([0-9]+).*/\1/')
 put 0 "41454d4600000000$(le32 $((start + 2)))$(le32 $((start + 3)))01000000" "$card/event000.bin"
@@ -83,5 +65,4 @@ expect 1 "$tool" export hi000000_000009.mp4 -o "$work/x.avi" --card "$card"
 expect 1 "$tool" export he000000_000001.mp4 -o "$work/x.avi" --card "$card"
 expect 1 "$tool" export hi000000_000001.mp4 -o "$work/x.avi" --card "$work/nowhere"
 
-[ "$failures" -eq 0 ] && echo "card export: all passed"
-exit "$failures"
+finish "card export"

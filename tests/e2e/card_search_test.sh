@@ -4,24 +4,8 @@
 # rows and JSON of a search, the overlap rule at the range edges, a valid
 # SVG day picture, and the exit codes of bad usage and a missing index.
 set -uo pipefail
-tool="$AVRECORD_BUILD_DIR/apps/avrecord-card/avrecord-card"
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-card="$work/card"
-mkdir "$card"
-failures=0
+source "$(dirname "$0")/e2e_common.sh"
 export TZ=UTC0
-
-fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
-
-# expect CODE COMMAND...: runs the command, keeps stdout/stderr in $out/$err.
-expect() {
-  local code=$1; shift
-  "$@" >"$work/out" 2>"$work/err"
-  local got=$?
-  out=$(cat "$work/out"); err=$(cat "$work/err")
-  [ "$got" -eq "$code" ] || fail "$* exited $got, not $code (stderr: $err)"
-}
 
 command -v python3 >/dev/null || { echo "card search: python3 missing, skipped"; exit 0; }
 
@@ -95,5 +79,4 @@ expect 1 "$tool" search --card "$work/nowhere" --from 1 --to 5
 [[ "$err" == "avrecord-card search: cannot search $work/nowhere/"* ]] || fail "missing card message: $err"
 expect 1 "$tool" timeline --card "$work/nowhere" --day 2026-03-10 -o "$work/x.svg"
 
-[ "$failures" -eq 0 ] && echo "card search: all passed"
-exit "$failures"
+finish "card search"

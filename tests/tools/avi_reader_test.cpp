@@ -11,6 +11,7 @@
 
 #include "support/test_support.h"
 #include "tools/avi_writer.h"
+#include "tools/test_helpers.h"
 
 namespace {
 
@@ -145,8 +146,7 @@ TEST(AviReaderTest, Refusals) {
         {"NotRiff", "RIFX" + whole.substr(4)},
         {"CutInHeader", whole.substr(0, 300)},
         {"NoMovi", whole.substr(0, 512)},
-        {"NegativeSize", whole.substr(0, 16) + std::string("\xff\xff\xff\xff", 4) + whole.substr(20)},
-    };
+        {"NegativeSize", whole.substr(0, 16) + std::string("\xff\xff\xff\xff", 4) + whole.substr(20)}};
     for (const Damage &d : damaged) {
         std::string file = dir.File(d.name);
         WriteWholeFile(file, d.bytes);
@@ -165,20 +165,6 @@ TEST(AviReaderTest, Refusals) {
     EXPECT_EQ(AF_SeekToFrame(nullptr, 0), -1);
     EXPECT_EQ(AF_Close(ctx), 0);
     EXPECT_EQ(AF_Close(nullptr), -1);
-}
-
-bool HaveTool(const char *name) {
-    return std::system((std::string("command -v ") + name + " >/dev/null").c_str()) == 0;
-}
-
-std::string RunCommand(const std::string &command) {
-    std::string out;
-    FILE *p = popen(command.c_str(), "r");
-    if (p == nullptr) return out;
-    char buf[256];
-    while (fgets(buf, sizeof(buf), p) != nullptr) out += buf;
-    pclose(p);
-    return out;
 }
 
 // An independent demuxer and decoder accept an export of real H.264 frames.

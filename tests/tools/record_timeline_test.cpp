@@ -8,7 +8,7 @@
 
 #include "support/test_support.h"
 #include "tools/test_card_index.h"
-#include "tools/test_zone.h"
+#include "tools/test_helpers.h"
 
 namespace {
 
@@ -16,16 +16,6 @@ size_t Count(const std::string &text, const std::string &what) {
     size_t n = 0;
     for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
     return n;
-}
-
-std::string RunCommand(const std::string &command) {
-    std::string out;
-    FILE *p = popen(command.c_str(), "r");
-    if (p == nullptr) return out;
-    char buf[256];
-    while (fgets(buf, sizeof(buf), p) != nullptr) out += buf;
-    pclose(p);
-    return out;
 }
 
 // A day on a crafted card: two sections (one ending at midnight), events of
@@ -67,7 +57,7 @@ TEST(RecordTimelineTest, DayOfCardAsSvg) {
     // Noon starts at the middle of the axis, the last section ends at its end.
     EXPECT_NE(svg.find("class=\"section\" x=\"655.00\" y=\"50\" width=\"554.99\""), std::string::npos) << svg;
 
-    if (std::system("command -v python3 >/dev/null") != 0) GTEST_SKIP() << "python3 not installed";
+    if (!HaveTool("python3")) GTEST_SKIP() << "python3 not installed";
     std::string file = dir.File("day.svg");
     WriteWholeFile(file, svg);
     std::string parsed = RunCommand(

@@ -17,16 +17,14 @@ TEST(RecordingReaderTest, Names) {
         bool event = false;
         uint32_t file = 0;
         uint32_t number = 0;
-    } cases[] = {
-        {"hi000012_000250.mp4", 0, false, 12, 250},
-        {"he000001_000003.mp4", 0, true, 1, 3},
-        {"hx000001_000003.mp4", -1},
-        {"hi00001_0000003.mp4", -1},
-        {"hi000001_000003.mp5", -1},
-        {"hi000001_000003.mp4x", -1},
-        {"hi000001-000003.mp4", -1},
-        {"", -1},
-    };
+    } cases[] = {{"hi000012_000250.mp4", 0, false, 12, 250},
+                 {"he000001_000003.mp4", 0, true, 1, 3},
+                 {"hx000001_000003.mp4", -1},
+                 {"hi00001_0000003.mp4", -1},
+                 {"hi000001_000003.mp5", -1},
+                 {"hi000001_000003.mp4x", -1},
+                 {"hi000001-000003.mp4", -1},
+                 {"", -1}};
     for (const Case &c : cases) {
         RecordingSpan span{};
         ASSERT_EQ(RecordingParseName(c.name, &span), c.result) << c.name;
@@ -63,13 +61,11 @@ TEST(RecordingReaderTest, LocateAndItsFailures) {
     struct Failure {
         const char *name;
         const char *reason;
-    } failures[] = {
-        {"hi000000_000003.mp4", "media file 0 has no section 3"},
-        {"hi000001_000001.mp4", "media file 1 holds no recording"},
-        {"hi000002_000001.mp4", "media file 2 holds no recording"},
-        {"he000000_000002.mp4", "media file 0 has no alarm event 2"},
-        {"he000000_000001.mp4", "no section of media file 0 holds the event's start 300"},
-    };
+    } failures[] = {{"hi000000_000003.mp4", "media file 0 has no section 3"},
+                    {"hi000001_000001.mp4", "media file 1 holds no recording"},
+                    {"hi000002_000001.mp4", "media file 2 holds no recording"},
+                    {"he000000_000002.mp4", "media file 0 has no alarm event 2"},
+                    {"he000000_000001.mp4", "no section of media file 0 holds the event's start 300"}};
     for (const Failure &f : failures) {
         ASSERT_EQ(RecordingParseName(f.name, &span), 0);
         EXPECT_EQ(RecordingLocate(card.c_str(), &span, &reason), -1) << f.name;

@@ -11,7 +11,7 @@
 #include "support/card_fixture.h"
 #include "support/test_support.h"
 #include "tools/test_card_index.h"
-#include "tools/test_zone.h"
+#include "tools/test_helpers.h"
 
 namespace {
 
@@ -95,8 +95,7 @@ TEST(SeekFileTest, CraftedIndex) {
         {"AlarmType4", 4, Local(10, 9), Local(10, 12), 0, {"he000000_000001.mp4"}},
         {"AlarmType8Midnight", 8, Local(11, 22), Local(11, 23, 59, 59), 0, {"he000001_000000.mp4"}},
         {"AlarmTooEarly", 8, Local(11, 22), Local(11, 23), 0, {}},
-        {"OtherType", 3, Local(10, 9), Local(10, 12), -1, {}},
-    };
+        {"OtherType", 3, Local(10, 9), Local(10, 12), -1, {}}};
     auto list = std::make_unique<FileListInfo>();
     for (const SeekCase &c : cases) {
         EXPECT_EQ(SeekFile(c.type, c.start, c.end, list.get()), c.result) << c.name;

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "support/test_support.h"
-#include "tools/test_zone.h"
+#include "tools/test_helpers.h"
 
 namespace {
 

@@ -37,15 +37,4 @@ TEST(CalendarTimeTest, TimeArguments) {
     EXPECT_FALSE(ParseTimeArgument(nullptr, nullptr));
 }
 
-TEST(CalendarTimeTest, LocalAndUtcFields) {
-    ScopedZone zone("XST-2");
-    uint32_t t = 1773136800u;  // 2026-03-10 10:00:00 UTC
-    EXPECT_EQ(UtcDateTime(t).hour, 10);
-    EXPECT_EQ(LocalDateTime(t).hour, 12);
-    EXPECT_EQ(LocalDateTime(t).weekday, 2);  // Tuesday
-    EXPECT_EQ(LocalSeconds(DateTime{2026, 3, 10, 12, 0, 0, 0}), t);
-    EXPECT_EQ(LocalSeconds(DateTime{2026, 3, 32, 0, 0, 0, 0}),
-              LocalSeconds(DateTime{2026, 4, 1, 0, 0, 0, 0}));
-}
-
 }  // namespace

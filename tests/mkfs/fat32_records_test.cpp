@@ -53,28 +53,3 @@ TEST(Fat32RecordsTest, DirectoryTimesAndClusters) {
     EXPECT_EQ(shortEntry.firstClusterHigh, 0x1);
     EXPECT_EQ(shortEntry.firstClusterLow, 0x2345);
 }
-
-// Decoding refuses what this formatter would never have written.
-TEST(Fat32RecordsTest, DecodeValidatesTheBootSector) {
-    Fat32Layout layout = CardLayout();
-    Fat32BootSector good;
-    Fat32BuildBootSector(layout, 1, &good);
-    const char *why = nullptr;
-    ASSERT_EQ(Fat32DecodeBootSector(reinterpret_cast<const uint8_t *>(&good), &layout, &why), 0);
-    EXPECT_EQ(layout.clusterCount, 1890243u);
-    const struct {
-        const char *name;
-        void (*spoil)(Fat32BootSector &);
-    } cases[] = {
-        {"signature", [](Fat32BootSector &b) { b.signature = 0; }},
-        {"cluster size", [](Fat32BootSector &b) { b.sectorsPerCluster = 3; }},
-        {"FAT16", [](Fat32BootSector &b) { b.fatSectors16 = 200; }},
-        {"FAT beyond the end", [](Fat32BootSector &b) { b.fatSectors32 = 0x7FFFFFFF; }},
-    };
-    for (const auto &c : cases) {
-        Fat32BootSector bad = good;
-        c.spoil(bad);
-        EXPECT_EQ(Fat32DecodeBootSector(reinterpret_cast<const uint8_t *>(&bad), &layout, &why), -1)
-            << c.name;
-    }
-}

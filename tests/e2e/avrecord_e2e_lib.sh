@@ -129,3 +129,21 @@ PY
 }
 
 section_count() { sections | wc -l; }
+
+# events FILE_NO: "slot SUM" (or "none"), then "event START END TYPE" per
+# entry of the media file's alarm-event slot in event000.bin.
+events() {
+  python3 - "$card/event000.bin" "$1" <<'PY'
+import struct, sys
+f, n = open(sys.argv[1], 'rb'), int(sys.argv[2])
+f.seek(256 * n)
+magic, _, _, _, total = struct.unpack('<5I', f.read(20))
+if magic != 0x464D4541:
+    sys.exit(print('none'))
+print('slot', total)
+for i in range(total):
+    f.seek(0x100000 + 0x20000 * n + 48 * i)
+    e = f.read(48)
+    print('event', *struct.unpack_from('<2I', e, 4), e[0x18])
+PY
+}

@@ -27,12 +27,11 @@ protected:
         MakeSparseCard(card_, kMediaFiles);
     }
 
-    // Writes a valid header with the given use and current file, and the
-    // current file's record holding dataSize bytes.
-    void WriteIndex(uint32_t used, uint32_t current, uint32_t dataSize) {
+    // Writes a valid header with current file 2 holding dataSize bytes.
+    void WriteIndex(uint32_t dataSize) {
         RecordConfigInfo info{};
         AV_RecordConfigInfoInit(&info, 0, kMediaFiles);
-        info.m_u32RecordFileUsed = used;
+        uint32_t current = 2;
         info.m_u32FileInfoHeadNo = current;
         WriteFileAt(Index(), 0, RecordBytes(info));
         FileInfoHead file{};
@@ -59,7 +58,7 @@ TEST_F(RecordParamInitTest, UnusableIndexRefusesRecording) {
 }
 
 TEST_F(RecordParamInitTest, LoadsOnceThenTrustsTheRecordsInMemory) {
-    WriteIndex(1, 2, 4096);
+    WriteIndex(4096);
     ASSERT_EQ(AVRecordParamInit(0), 0);
     EXPECT_EQ(FlagGet(g_bIndexLoaded), 1u);
     EXPECT_EQ(GetRecordConfigInfo()->m_u32FileInfoHeadNo, 2u);
@@ -73,29 +72,6 @@ TEST_F(RecordParamInitTest, LoadsOnceThenTrustsTheRecordsInMemory) {
     // ...until the card is taken as gone.
     FlagSet(g_bIndexLoaded, 0);
     EXPECT_EQ(AVRecordParamInit(0), -1);
-}
-
-TEST_F(RecordParamInitTest, FullFileIsReusedOrRefusedByTheCoverSetting) {
-    struct {
-        uint32_t used;
-        uint32_t dataSize;
-        uint8_t cover;
-        int result;
-        bool discarded;
-    } cases[] = {
-        {2, kMediaFileFullSize - 1, 0, 0, false},         // room left
-        {2, kMediaFileFullSize, 0, 0, true},              // next file of a card not yet full
-        {kMediaFiles, kMediaFileFullSize, 0, -1, false},  // card full, keep old recordings
-        {kMediaFiles, kMediaFileFullSize, 1, 0, true},    // card full, overwrite the oldest
-    };
-    for (const auto &c : cases) {
-        FlagSet(g_bIndexLoaded, 0);
-        FlagSet(g_bNewFileInfo, 0);
-        WriteIndex(c.used, 1, c.dataSize);
-        EXPECT_EQ(AVRecordParamInit(c.cover), c.result) << c.used << " " << c.dataSize << " " << int(c.cover);
-        EXPECT_EQ(FlagGet(g_bNewFileInfo), c.discarded ? 1u : 0u) << c.used << " " << c.dataSize;
-        EXPECT_EQ(GetFileInfoHead()->m_u32HeadFlag == 0, c.discarded) << c.used << " " << c.dataSize;
-    }
 }
 
 TEST(SDCardMountCheckTest, LooksForTheCardAtTheStartOfTheFirstMountLine) {

@@ -6,13 +6,8 @@ source "$(dirname "$0")/avrecord_e2e_lib.sh"
 run_line="CameraSetVideoForceIFrame, VideoId"
 
 make_card 4
-make_samples
-start_sim --video0 "$samples/h264_1080p.h264" --video1 "$samples/h264_360p.h264" \
-  --video2 "$samples/h265_720p.h265"
-today=$(date +%w)
-for k in 0 1 3 4 5; do sim_set segment "$today" "$k" 00:00-00:00 0; done
-sim_set segment "$today" 2 00:00-23:59 2
-sim_set day-mode "$today" 3
+start_camera
+diff_day_segment 2 2
 sim_set prerecord 2
 sim_set delay 0
 start_daemon

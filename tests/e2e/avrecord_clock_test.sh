@@ -15,9 +15,7 @@ fi
 run_line="CameraSetVideoForceIFrame, VideoId"
 
 make_card 4
-make_samples
-start_sim --video0 "$samples/h264_1080p.h264" --video1 "$samples/h264_360p.h264" \
-  --video2 "$samples/h265_720p.h265"
+start_camera
 
 # 1. Midnight.
 day=$(date +%Y-%m-%d)

@@ -66,6 +66,25 @@ start_sim() {
   exit 1
 }
 
+# start_camera [ARGS...]: the simulator publishing the three test streams.
+start_camera() {
+  make_samples
+  start_sim --video0 "$samples/h264_1080p.h264" --video1 "$samples/h264_360p.h264" \
+    --video2 "$samples/h265_720p.h265" "$@"
+}
+
+# diff_day_segment K TYPE: today becomes a TIME_SCOPE_DIFF day recording in
+# segment K (all day, record type TYPE); the other segments are empty.
+diff_day_segment() {
+  local today k
+  today=$(date +%w)
+  for k in 0 1 2 3 4 5; do
+    [ "$k" = "$1" ] || sim_set segment "$today" "$k" 00:00-00:00 0
+  done
+  sim_set segment "$today" "$1" 00:00-23:59 "$2"
+  sim_set day-mode "$today" 3
+}
+
 sim_set() { "$sim" set "$@" >/dev/null || fail "avcam-sim set $*"; }
 
 # start_daemon [ENV=VALUE...]: AVRecord with the test root; its log in $log.

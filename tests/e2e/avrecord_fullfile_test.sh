@@ -26,13 +26,8 @@ with open(card + 'index000.bin', 'r+b') as f:
 with open(card + 'event000.bin', 'r+b') as f:  # file 0 held three events
     f.write(struct.pack('<5I', 0x464D4541, 0, now - 7200, now - 7000, 3))
 PY
-make_samples
-start_sim --video0 "$samples/h264_1080p.h264" --video1 "$samples/h264_360p.h264" \
-  --video2 "$samples/h265_720p.h265"
-today=$(date +%w)
-for k in 1 2 3 4 5; do sim_set segment "$today" "$k" 00:00-00:00 0; done
-sim_set segment "$today" 0 00:00-23:59 2
-sim_set day-mode "$today" 3
+start_camera
+diff_day_segment 0 2
 start_daemon
 wait_log "File size  lager  over!" 30
 wait_log "$run_line" 10 2

@@ -23,9 +23,7 @@ printf '[CPLD]\nStorageCapability=2\n' >"$root/param/CPLD.conf"
 
 # 2. A recording.
 make_card 4
-make_samples
-start_sim --video0 "$samples/h264_1080p.h264" --video1 "$samples/h264_360p.h264" \
-  --video2 "$samples/h265_720p.h265"
+start_camera
 start_daemon
 wait_log "CameraSetVideoForceIFrame, VideoId 0" 15
 sleep "$seconds"

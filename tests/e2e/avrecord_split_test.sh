@@ -6,9 +6,7 @@
 source "$(dirname "$0")/avrecord_e2e_lib.sh"
 
 make_card 4
-make_samples
-start_sim --video0 "$samples/h264_1080p.h264" --video1 "$samples/h264_360p.h264" \
-  --video2 "$samples/h265_720p.h265" --audio "$samples/g711a.alaw" --audio-codec g711a
+start_camera --audio "$samples/g711a.alaw" --audio-codec g711a
 start_daemon
 
 run_line="CameraSetVideoForceIFrame, VideoId"
@@ -48,19 +46,16 @@ wait_log "$run_line" 10 $((before + 1))
 split "Audio Encoding Change!  0 change to 3" audio-encoding 3
 
 # A TIME_SCOPE_DIFF day: recording inside segment 2, which then ends now.
-today=$(date +%w)
-for k in 0 1 3 4 5; do sim_set segment "$today" "$k" 00:00-00:00 0; done
-sim_set segment "$today" 2 00:00-23:59 0
 before=$(runs_started)
-sim_set day-mode "$today" 3
+diff_day_segment 2 0
 wait_log "VideoRecord TIME_SCOPE_DIFF" 10
 wait_log "$run_line" 10 $((before + 1))
 sleep 1
 over=$(grep -c "TIME_SCOPE_DIFF Record Time Over" "$log")
 before=$(runs_started)
-sim_set segment "$today" 2 "00:00-$(date +%H:%M)" 0
+sim_set segment "$(date +%w)" 2 "00:00-$(date +%H:%M)" 0
 wait_log "TIME_SCOPE_DIFF Record Time Over" 5 $((over + 1))
-sim_set day-mode "$today" 1
+sim_set day-mode "$(date +%w)" 1
 wait_log "$run_line" 10 $((before + 1))
 
 # Card removed while recording: the run ends; the process leaves once the

@@ -17,12 +17,13 @@ void StoreWord(AVRingWriter *ring, int32_t pos, size_t field, uint32_t value) {
     memcpy(ring->Base + pos + field, &value, sizeof value);
 }
 
-void WriteWrapMarker(AVRingWriter *ring, int32_t pos) {
+// A header without payload whose EndFlag is written last.
+void WriteMarker(AVRingWriter *ring, int32_t pos, uint32_t endFlag) {
     AVDataInfo marker{};
     marker.AVDataCheck = kAVDataCheckWord;
     marker.EndFlag = 0;
     memcpy(ring->Base + pos, &marker, sizeof marker);
-    StoreWord(ring, pos, offsetof(AVDataInfo, EndFlag), kAVEndFlagWrap);
+    StoreWord(ring, pos, offsetof(AVDataInfo, EndFlag), endFlag);
 }
 
 // Marks the slot after a new record as not yet written, so a reader that
@@ -47,6 +48,7 @@ int AVRingWriterOpen(AVRingWriter *ring, uint32_t VideoIndex) {
     ring->NextSerial.store(1);
     ring->Published.store(0);
     ring->LastSerial.store(0);
+    ring->CheckWord = kAVDataCheckWord;
     return 0;
 }
 
@@ -62,12 +64,12 @@ int32_t AVRingWriterPublish(AVRingWriter *ring, const uint8_t *payload, int32_t 
     if (length < 0 || kHeaderSize + length > ring->Capacity) return -1;
     int32_t pos = ring->WritePos.load(std::memory_order_relaxed);
     if (pos + kHeaderSize + length > ring->Capacity) {
-        WriteWrapMarker(ring, pos);
+        WriteMarker(ring, pos, kAVEndFlagWrap);
         pos = 0;
     }
     StoreWord(ring, pos, offsetof(AVDataInfo, EndFlag), 0);
     AVDataInfo fresh{};
-    fresh.AVDataCheck = kAVDataCheckWord;
+    fresh.AVDataCheck = ring->CheckWord;
     fresh.SerialNumber = ring->NextSerial.fetch_add(1, std::memory_order_relaxed);
     fresh.AVDataLen = length;
     fresh.AVSource = source;
@@ -86,6 +88,12 @@ int32_t AVRingWriterPublish(AVRingWriter *ring, const uint8_t *payload, int32_t 
     ring->LastSerial.store(fresh.SerialNumber, std::memory_order_relaxed);
     ring->Published.fetch_add(1, std::memory_order_relaxed);
     return pos;
+}
+
+void AVRingWriterPause(AVRingWriter *ring) {
+    WriteMarker(ring, ring->WritePos.load(std::memory_order_relaxed), AV_RINGBUFFER_FLAG_PAUSE);
+    ring->LastKeyPos.store(-1, std::memory_order_relaxed);
+    ring->WritePos.store(0, std::memory_order_relaxed);
 }
 
 int32_t AVRingWriterAnswer(const AVRingWriter *ring, uint32_t /*command*/) {

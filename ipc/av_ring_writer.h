@@ -19,6 +19,7 @@ struct AVRingWriter {
     std::atomic<uint32_t> NextSerial;  // serial of the next record
     std::atomic<uint32_t> Published;   // records published
     std::atomic<uint32_t> LastSerial;  // serial of the newest record
+    uint32_t CheckWord;                // check word of new records (a bad one for fault tests)
 };
 
 // Creates (or opens) and attaches the ring of channel VideoIndex and clears
@@ -32,6 +33,10 @@ void AVRingWriterClose(AVRingWriter *ring, bool remove);
 // the pass with a wrap marker and goes to position 0. EndFlag is written last.
 int32_t AVRingWriterPublish(AVRingWriter *ring, const uint8_t *payload, int32_t length, uint32_t source,
                             uint32_t timeStampMs, bool keyFrame);
+
+// Marks the writer paused at the next position (EndFlag 0xFD); the writer
+// resumes at position 0.
+void AVRingWriterPause(AVRingWriter *ring);
 
 // The answer to a position request: the newest key-frame record, else the
 // position of the next record.

@@ -1,0 +1,29 @@
+// The SysInfo settings the simulator changes by name ("avcam-sim set",
+// profile files and the defaults of "run").
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+// One change of the record: bytes at an offset, or (copyFrom >= 0) the byte
+// at copyFrom as it is when the change is applied.
+struct FieldChange {
+    uint32_t offset;             // offset
+    std::vector<uint8_t> bytes;  // bytes
+    int32_t copyFrom;            // copyFrom, -1 for none
+};
+
+// Parses "NAME VALUE... [NAME VALUE...]". false with one clear reason for an
+// unknown name, a missing or bad value; nothing is returned then.
+bool ParseSettings(const std::vector<std::string> &words, std::vector<FieldChange> *changes,
+                   std::string *error);
+
+// A profile file: one setting per line as for ParseSettings, '#' comments.
+bool LoadProfile(const std::string &path, std::vector<FieldChange> *changes, std::string *error);
+
+// Applies changes to a SysInfo image in order.
+void ApplyChanges(uint8_t *sysInfo, const std::vector<FieldChange> &changes);
+
+// "NAME ARGS  description" lines for the usage text.
+std::string SettingsUsage();

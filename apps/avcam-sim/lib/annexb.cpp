@@ -22,6 +22,7 @@ constexpr int kH265Sps = 33;
 constexpr int kH265Pps = 34;
 constexpr int kH265Aud = 35;
 constexpr int kH265PrefixSei = 39;
+constexpr int kUeMaxZeros = 31;
 
 int NalType(const uint8_t *nal, VideoCodec codec) {
     return codec == VideoCodec::H264 ? nal[0] & 0x1F : (nal[0] >> 1) & 0x3F;
@@ -76,7 +77,11 @@ public:
     }
     uint32_t Ue() {
         int zeros = 0;
-        while (Bit() == 0 && zeros < 32) ++zeros;
+        while (Bit() == 0 && zeros < kUeMaxZeros) ++zeros;
+        if (zeros >= kUeMaxZeros) {
+            overrun_ = true;  // no value fits: a broken or cut parameter set
+            return 0;
+        }
         return zeros == 0 ? 0 : ((1u << zeros) - 1) + Bits(zeros);
     }
     int32_t Se() {

@@ -93,7 +93,7 @@ for s in 0 1; do
   key=$(json "$work/status.json" $s force_key)
   [ "$key" = $((asked + 1)) ] || fail "stream $s: forced key frame is frame $key, asked after frame $asked"
   latency=$(sed -nE 's/.*"latency_ms":([0-9.-]+).*/\1/p' "$work/force.json")
-  awk -v l="$latency" 'BEGIN { exit !(l >= 0 && l <= 40 + 15) }' \
+  awk -v l="$latency" 'BEGIN { exit !(l >= 0 && l <= 40 + 25) }' \
     || fail "stream $s: forced key frame after $latency ms"
 done
 

@@ -7,17 +7,15 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <thread>
 
 #include "ipc/alarm_shm.h"
 #include "ipc/shm_block.h"
 #include "ipc/sps_pps_shm.h"
 #include "ipc/sysv_ipc.h"
 #include "ipc/watchdog_shm.h"
+#include "lib/sim_config_server.h"
 #include "lib/sim_io.h"
-#include "sysconfig/share_mem.h"
 #include "sysconfig/sys_info.h"
-#include "sysconfig/sys_request.h"
 
 namespace {
 
@@ -31,23 +29,12 @@ bool TakesValue(const std::string &option) {
            option == "--audio" || option == "--audio-codec" || option == "--fps" || option == "--speed";
 }
 
-// The configuration server's thread: answers requests until stopped.
-void ServeConfiguration(const SysConfigServer &server, std::atomic<uint32_t> *stop, SimStatus *status) {
-    while (stop->load() == 0) {
-        SysConfigServed served{};
-        if (SysConfigServeOne(server, GetSysInfoForWriting(), &served, 0) == 0)
-            SimAdd(status->ConfigRequests, 1);
-    }
-}
-
-// Everything "run" created, removed in reverse order of need.
+// The segments "run" created itself (the encoder and the configuration
+// server remove their own objects).
 struct Created {
-    std::vector<int> queues;
     std::vector<int> segments;
     void RemoveAll() {
-        for (int id : queues) IpcMsgQueueRemove(id);
         for (int id : segments) IpcShareMemRemove(id);
-        queues.clear();
         segments.clear();
     }
 };
@@ -214,17 +201,14 @@ int SimRun(SimRunOptions &options) {
         return kSimExitFailed;
     }
     created.segments.push_back(statusId);
-    SysConfigServer server{};
-    bool ok = OpenSysInfo(options.settings, &created) && SysConfigServerOpen(&server) == 0;
-    if (ok) {
-        created.queues.push_back(server.msgId);
-        created.segments.push_back(server.shmId);
-        ok = OpenBlocks(options.encoder, &created);
-    }
+    SimConfigServer configServer;
     SimEncoder encoder;
-    ok = ok && encoder.Start(options.encoder, status);
+    bool ok = OpenSysInfo(options.settings, &created) && configServer.Start(status) &&
+              OpenBlocks(options.encoder, &created) && encoder.Start(options.encoder, status);
     if (!ok) {
         fprintf(stderr, "avcam-sim: cannot create the System V objects: %s\n", strerror(errno));
+        encoder.Stop();
+        configServer.Stop();
         SysInfoDetach();
         created.RemoveAll();
         SimStatusDetach(status);
@@ -233,16 +217,13 @@ int SimRun(SimRunOptions &options) {
     status->Fps = options.encoder.fps;
     status->Pid = getpid();
     SimStore(status->Magic, kSimStatusMagic);
-    std::atomic<uint32_t> stop{0};
-    std::thread configThread(ServeConfiguration, server, &stop, status);
     fprintf(stderr, "avcam-sim: running (pid %d)\n", getpid());
 
     WaitForStopSignal();
 
-    stop.store(1);
     encoder.Stop();
-    created.RemoveAll();  // the request queue goes first: the server thread wakes up
-    configThread.join();
+    configServer.Stop();
+    created.RemoveAll();
     SysInfoDetach();
     SimStatusDetach(status);
     fprintf(stderr, "avcam-sim: stopped\n");

@@ -4,7 +4,8 @@
 # three streams (and the G.711 audio of the main ring) arrives once, in
 # order and byte-identical to the input access units; a forced key frame is
 # the very next record of its stream and arrives within one frame interval;
-# stopping the simulator leaves no System V object behind.
+# injected faults reach the reader as they should; stopping the simulator
+# leaves no System V object behind.
 # AVCAM_SIM_E2E_SECONDS (default 10) sets the length of the streaming run.
 set -uo pipefail
 sim="$AVRECORD_BUILD_DIR/apps/avcam-sim/avcam-sim"
@@ -97,7 +98,34 @@ for s in 0 1; do
     || fail "stream $s: forced key frame after $latency ms"
 done
 
-# 3. Bad inputs: one clear line, non-zero exit, nothing created.
+# 3. Faults. A serial gap is delivered with its gap; a burst that stays
+#    inside the ring loses nothing; after a pause the reader goes on from the
+#    writer's new pass; corrupt check words make the reader give up the
+#    record and go on from the next key frame.
+start_sim
+sleep 0.3
+"$sim" read --seconds 9 >"$work/faults.json" &
+reader=$!
+sleep 2
+"$sim" inject serial-gap 7 --stream 0 || fail "inject serial-gap"
+"$sim" inject burst 30 --stream 1 || fail "inject burst"
+"$sim" inject pause 1 --stream 2 || fail "inject pause"
+sleep 1
+"$sim" inject corrupt-check 2 --stream 0 || fail "inject corrupt-check"
+wait "$reader"
+"$sim" status --json >"$work/status.json"
+stop_sim INT
+for s in 0 1 2; do
+  [ "$(json "$work/faults.json" $s repeats)" = 0 ] || fail "faults: stream $s repeated serials"
+  last=$(json "$work/faults.json" $s last_serial)
+  newest=$(json "$work/status.json" $s serial)
+  [ "$last" -ge $((newest - 6)) ] || fail "faults: stream $s stopped at serial $last, writer at $newest"
+done
+[ "$(json "$work/faults.json" 0 gaps)" = 2 ] || fail "faults: stream 0 gaps $(json "$work/faults.json" 0 gaps), not 2"
+[ "$(json "$work/faults.json" 1 gaps)" = 0 ] || fail "faults: the burst lost frames"
+[ "$(json "$work/faults.json" 2 gaps)" = 0 ] || fail "faults: the pause lost frames"
+
+# 4. Bad inputs: one clear line, non-zero exit, nothing created.
 bad() {  # code args...
   local code=$1; shift
   "$sim" "$@" >/dev/null 2>"$work/err"

@@ -9,7 +9,6 @@
 #include "avrecord_lib/record_section.h"
 #include "common/platform_paths.h"
 #include "record/record_flags.h"
-#include "record/storage_status.h"
 #include "support/card_fixture.h"
 #include "support/test_support.h"
 
@@ -90,11 +89,4 @@ TEST(SDCardMountCheckTest, LooksForTheCardAtTheStartOfTheFirstMountLine) {
         if (c.mounts != nullptr) root.WriteFile(kMountTable, c.mounts);
         EXPECT_EQ(SDCardMountCheck(), c.mounted) << (c.mounts ? c.mounts : "no table");
     }
-}
-
-TEST(StorageStatusTest, CardDeviceNodeMustExist) {
-    ScopedRoot root;
-    EXPECT_EQ(FileUtilsGetStorageStatus(kCardMountPoint), -1);
-    root.WriteFile(kCardDevice, "");
-    EXPECT_EQ(FileUtilsGetStorageStatus(nullptr), 0);
 }

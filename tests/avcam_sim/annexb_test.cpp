@@ -35,48 +35,46 @@ Bytes Join(std::initializer_list<Bytes> parts) {
     return out;
 }
 
-TEST(AnnexB, SpsSizes) {
+// Picture sizes of the sample streams (1080 is cropped from 1088).
+TEST(AnnexB, PictureSizeFromTheFirstKeyFrame) {
+    const Bytes vps = {0x40, 0x01, 0x0C, 0x01, 0xFF};
+    const Bytes idr265 = {0x26, 0x01, 0xAF, 0x00};
     const struct {
-        const Bytes *sps;
+        Bytes stream;
         VideoCodec codec;
         uint16_t width, height;
-    } cases[] = {{&kSps1080p, VideoCodec::H264, 1920, 1080},  // cropped from 1088
-                 {&kSps360p, VideoCodec::H264, 640, 360},
-                 {&kSps720pH265, VideoCodec::H265, 1280, 720}};
+    } cases[] = {{Join({Nal(kSps1080p), Nal(kPps), Nal(kIdr)}), VideoCodec::kH264, 1920, 1080},
+                 {Join({Nal(kSps360p), Nal(kPps), Nal(kIdr)}), VideoCodec::kH264, 640, 360},
+                 {Join({Nal(vps), Nal(kSps720pH265), Nal(idr265)}), VideoCodec::kH265, 1280, 720}};
     for (const auto &c : cases) {
-        uint16_t w = 0, h = 0;
-        ASSERT_TRUE(ParseSpsSize(c.sps->data(), c.sps->size(), c.codec, &w, &h));
-        EXPECT_EQ(w, c.width);
-        EXPECT_EQ(h, c.height);
+        VideoInput video;
+        std::string error;
+        ASSERT_TRUE(ParseAnnexB(c.stream, c.codec, &video, &error)) << error;
+        EXPECT_EQ(video.width, c.width);
+        EXPECT_EQ(video.height, c.height);
     }
-    uint16_t w = 0, h = 0;
-    EXPECT_FALSE(ParseSpsSize(kSps360p.data(), 6, VideoCodec::H264, &w, &h));  // cut short
-}
-
-TEST(AnnexB, SplitsOnThreeAndFourByteStartCodes) {
-    Bytes data = Join({{0, 0}, Nal(kSps360p), Nal(kPps, true), Nal(kIdr), {0, 0}});
-    std::vector<NalSpan> nals = SplitNalUnits(data);
-    ASSERT_EQ(nals.size(), 3u);
-    EXPECT_EQ(Bytes(data.begin() + nals[1].begin, data.begin() + nals[1].end), kPps);
-    EXPECT_EQ(Bytes(data.begin() + nals[2].begin, data.begin() + nals[2].end),
-              kIdr);                                                    // trailing zeros dropped
-    EXPECT_TRUE(SplitNalUnits(Bytes{0x47, 0x40, 0x00, 0x10}).empty());  // a transport stream
-    EXPECT_TRUE(SplitNalUnits(Bytes{}).empty());
 }
 
 TEST(AnnexB, AccessUnitsAndKeyFrames) {
     // GOP 1: SPS PPS IDR | P (two slices) | P ; GOP 2: IDR without parameter sets | P
-    Bytes data = Join({Nal(kSps360p), Nal(kPps), Nal(kIdr, true), Nal(kSlice, true), Nal(kSlice2, true),
-                       Nal(kSlice), Nal(kIdr), Nal(kSlice)});
+    Bytes data = Join({{0, 0},
+                       Nal(kSps360p),
+                       Nal(kPps),
+                       Nal(kIdr, true),
+                       Nal(kSlice, true),
+                       Nal(kSlice2, true),
+                       Nal(kSlice),
+                       {0, 0},
+                       Nal(kIdr),
+                       Nal(kSlice)});
     VideoInput video;
     std::string error;
-    ASSERT_TRUE(ParseAnnexB(data, VideoCodec::H264, &video, &error)) << error;
-    EXPECT_EQ(video.width, 640);
-    EXPECT_EQ(video.height, 360);
+    ASSERT_TRUE(ParseAnnexB(data, VideoCodec::kH264, &video, &error)) << error;
     ASSERT_EQ(video.units.size(), 5u);
     Bytes paramSets = Join({Nal(kSps360p), Nal(kPps)});
     EXPECT_EQ(video.paramSets, paramSets);
-    // Four-byte start codes everywhere; the key frames begin with the SPS.
+    // Four-byte start codes everywhere, zero padding gone; the key frames
+    // begin with the SPS.
     EXPECT_EQ(video.units[0].bytes, Join({paramSets, Nal(kIdr)}));
     EXPECT_EQ(video.units[1].bytes, Join({Nal(kSlice), Nal(kSlice2)}));
     EXPECT_EQ(video.units[3].bytes, Join({paramSets, Nal(kIdr)}));  // parameter sets added
@@ -96,7 +94,7 @@ TEST(AnnexB, LoadGuessesTheCodec) {
     VideoInput video;
     std::string error;
     ASSERT_TRUE(LoadAnnexB(dir.File("a.h265"), &video, &error)) << error;
-    EXPECT_EQ(video.codec, VideoCodec::H265);
+    EXPECT_EQ(video.codec, VideoCodec::kH265);
     EXPECT_EQ(video.width, 1280);
     ASSERT_EQ(video.units.size(), 2u);
     EXPECT_TRUE(video.units[0].key);
@@ -112,8 +110,9 @@ TEST(AnnexB, RefusedInputs) {
         const char *reason;
     } cases[] = {
         {"audio.alaw", Bytes(400, 0xD5), "is not an Annex-B stream"},
+        {"transport.ts", Bytes{0x47, 0x40, 0x00, 0x10, 0x00, 0x00, 0x01, 0x67}, "is not an Annex-B stream"},
         {"empty.h264", Bytes{}, "is not an Annex-B stream"},
-        {"nosps.h264", Join({Nal(kPps), Nal(kIdr)}), "no sequence parameter set"},
+        {"nosps.h264", Join({Nal(kPps), Nal(kIdr)}), "no readable sequence parameter set"},
         {"nopicture.h264", Join({Nal(kSps360p), Nal(kPps)}), "no picture"},
     };
     for (const auto &c : cases) {

@@ -111,8 +111,8 @@ TEST_F(SimFields, RotateKeepsThePreviousRotation) {
 TEST_F(SimFields, RunDefaultsThroughThePropertyGetters) {
     SimEncoderConfig encoder;
     encoder.hasVideo[0] = encoder.hasVideo[1] = true;
-    encoder.video[0] = VideoInput{VideoCodec::H264, 1920, 1080, {}, {}};
-    encoder.video[1] = VideoInput{VideoCodec::H265, 1280, 720, {}, {}};
+    encoder.video[0] = VideoInput{VideoCodec::kH264, 1920, 1080, {}, {}};
+    encoder.video[1] = VideoInput{VideoCodec::kH265, 1280, 720, {}, {}};
     encoder.hasAudio = true;
     encoder.audio.codec = AudioCodec::Aac;
     ApplyChanges(reinterpret_cast<uint8_t *>(info_), DefaultSettings(encoder));

@@ -1,14 +1,15 @@
 // Annex-B elementary streams (H.264, H.265) cut into access units, the way
 // the simulated encoder publishes them: every start code in its four-byte
 // form, and every key frame carrying the parameter sets in front of its
-// picture.
+// picture. Access-unit boundaries and picture sizes come from the
+// recorder's own stream code.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
-enum class VideoCodec { H264, H265 };
+#include "avrecord_lib/annexb_stream.h"
 
 struct AccessUnit {
     std::vector<uint8_t> bytes;  // Annex-B, four-byte start codes
@@ -23,24 +24,10 @@ struct VideoInput {
     std::vector<uint8_t> paramSets;  // the last parameter sets seen (Annex-B)
 };
 
-// One NAL unit: [begin, end) of the bytes after its start code.
-struct NalSpan {
-    size_t begin;
-    size_t end;
-};
-
-// NAL units of an Annex-B buffer; empty when it does not begin with a start
-// code (after leading zero bytes).
-std::vector<NalSpan> SplitNalUnits(const std::vector<uint8_t> &data);
-
 // Cuts a buffer into access units. false with a reason when the buffer is
-// not Annex-B of the codec or holds no picture or no sequence parameter set.
+// not Annex-B or holds no picture or no readable sequence parameter set.
 bool ParseAnnexB(const std::vector<uint8_t> &data, VideoCodec codec, VideoInput *out, std::string *error);
 
 // Reads a file; the codec is guessed from its first NAL unit. false with a
-// reason ("cannot read", "not Annex-B", ...).
+// reason ("cannot read", "not an Annex-B stream", ...).
 bool LoadAnnexB(const std::string &path, VideoInput *out, std::string *error);
-
-// Picture size from a sequence parameter set (NAL bytes after the start
-// code, header included). false when it cannot be parsed.
-bool ParseSpsSize(const uint8_t *nal, size_t size, VideoCodec codec, uint16_t *width, uint16_t *height);

@@ -86,7 +86,7 @@ std::vector<FieldChange> DefaultSettings(const SimEncoderConfig &encoder) {
     }
     for (uint32_t s = 0; s < kSimStreams; ++s) {
         const VideoInput &video = encoder.video[s];
-        bool h265 = encoder.hasVideo[s] && video.codec == VideoCodec::H265;
+        bool h265 = encoder.hasVideo[s] && video.codec == VideoCodec::kH265;
         std::string stream = std::to_string(s);
         words.insert(words.end(), {"encoding", stream, std::to_string(h265 ? kEncodingH265 : kEncodingH264)});
         if (encoder.hasVideo[s] && video.width > 0 && video.height > 0) {
@@ -103,7 +103,7 @@ std::vector<FieldChange> DefaultSettings(const SimEncoderConfig &encoder) {
     ParseSettings(words, &changes, &error);
     // Stream encoding bytes follow iEncoding.
     for (uint32_t s = 0; s < kSimStreams; ++s) {
-        bool h265 = encoder.hasVideo[s] && encoder.video[s].codec == VideoCodec::H265;
+        bool h265 = encoder.hasVideo[s] && encoder.video[s].codec == VideoCodec::kH265;
         changes.push_back(
             {SysStreamEncodingOffset(static_cast<int>(s)), {h265 ? kEncodingH265 : kEncodingH264}, -1});
     }

@@ -4,7 +4,9 @@
 # rows and JSON of a search, the overlap rule at the range edges, a valid
 # SVG day picture, and the exit codes of bad usage and a missing index.
 set -uo pipefail
-source "$(dirname "$0")/e2e_common.sh"
+source "$(dirname "$0")/lib.sh"
+card="$work/card"
+mkdir "$card"
 export TZ=UTC0
 
 command -v python3 >/dev/null || { echo "card search: python3 missing, skipped"; exit 0; }
@@ -79,4 +81,5 @@ expect 1 "$tool" search --card "$work/nowhere" --from 1 --to 5
 [[ "$err" == "avrecord-card search: cannot search $work/nowhere/"* ]] || fail "missing card message: $err"
 expect 1 "$tool" timeline --card "$work/nowhere" --day 2026-03-10 -o "$work/x.svg"
 
-finish "card search"
+[ "$failures" -eq 0 ] && echo "card search: all passed"
+exit "$failures"

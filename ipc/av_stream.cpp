@@ -267,9 +267,18 @@ void OnUnknownFlag(AVStreamReader &r) {
     r.CheckMiss = 0;
 }
 
-// True when the record's length is at or above the channel's limit.
+// A payload that would begin before its header's end or run past the
+// segment is no frame the encoder wrote (a torn or stray header); handing
+// it over would let the consumer read outside the segment.
+bool PayloadOutsideSegment(const AVStreamReader &r) {
+    int64_t end = int64_t{r.VideoPos} + static_cast<int64_t>(kAVRecordSlack) + r.Info.AVDataLen;
+    return r.Info.AVDataLen < 0 || end > static_cast<int64_t>(AVStreamSegmentSize(r.VideoIndex));
+}
+
+// True when the record's length is at or above the channel's limit, or its
+// payload does not lie inside the segment.
 bool LengthTooLarge(AVStreamReader &r) {
-    if (r.Info.AVDataLen < Capacity(r)) return false;
+    if (r.Info.AVDataLen < Capacity(r) && !PayloadOutsideSegment(r)) return false;
     r.CheckMiss = 0;
     SleepMs(kFlagWaitSleepMs);
     int32_t printed = r.VideoIndex == kAVTalkChannel ? kTalkLengthLimitPrinted : Capacity(r);

@@ -98,6 +98,17 @@ struct IniText {
         Printed(std::snprintf(buf + used, MAX_FILE_SIZE - used, rest, remaining));
     }
 
+    // Skips a width or precision; false for one wider than the whole text
+    // could be (the result would not fit, and padding it out takes long).
+    static bool SkipFieldSize(const char **p) {
+        long size = 0;
+        for (; std::isdigit(static_cast<unsigned char>(**p)); ++*p) {
+            size = size * 10 + (**p - '0');
+            if (size > MAX_FILE_SIZE) return false;
+        }
+        return true;
+    }
+
     static bool TakesAtMostOneInt(const char *format) {
         int conversions = 0;
         for (const char *p = format; *p != '\0'; ++p) {
@@ -105,10 +116,10 @@ struct IniText {
             ++p;
             if (*p == '%') continue;
             while (*p != '\0' && std::strchr("-+ #0", *p) != nullptr) ++p;
-            while (std::isdigit(static_cast<unsigned char>(*p))) ++p;
+            if (!SkipFieldSize(&p)) return false;
             if (*p == '.') {
                 ++p;
-                while (std::isdigit(static_cast<unsigned char>(*p))) ++p;
+                if (!SkipFieldSize(&p)) return false;
             }
             if (*p == 'h') ++p;
             if (*p == 'h') ++p;

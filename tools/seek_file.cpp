@@ -1,5 +1,6 @@
 #include "tools/seek_file.h"
 
+#include <algorithm>
 #include <ctime>
 #include <memory>
 #include <string>
@@ -184,7 +185,10 @@ int SeekFileOnCard(const char *cardDir, uint16_t fileType, uint32_t startTime, u
     LogTrace("%s %d: m_u32RecordFileSum = %d  FileType = %d !!!\n", __func__, __LINE__,
              info.m_u32RecordFileSum, fileType);
     SeekQuery query{fileType, startTime, endTime};
-    for (uint32_t n = 0; n < info.m_u32RecordFileSum; ++n) {
+    // A damaged header may count far more files than an index can describe;
+    // the search stays within the records the index has room for.
+    uint32_t fileSum = std::min(info.m_u32RecordFileSum, kMaxIndexFileRecords);
+    for (uint32_t n = 0; n < fileSum; ++n) {
         int result = fileType == kSeekTypeNormal ? SearchSections(files.indexFd, n, query, pFileListInfo)
                                                  : SearchEvents(files.eventFd, n, query, pFileListInfo);
         if (result != 0) return -1;

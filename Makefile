@@ -1,6 +1,6 @@
 # AVRecord: `make test` runs every test (native, sanitizer, 32-bit ARM under
 # qemu-arm), installing what it needs first.
-.PHONY: test deps build
+.PHONY: test deps build reliability
 
 deps:
 	@scripts/install-deps
@@ -11,3 +11,8 @@ build: deps
 
 test: deps
 	@scripts/run-tests
+
+# Fault and crash sweeps at every point, fuzzing (FUZZ_SECONDS per target,
+# default 600) and the process-level loops; prints one summary table.
+reliability: deps
+	@scripts/reliability

@@ -62,6 +62,28 @@ bool OpenOrLog(const DirStream &dir, const char *path) {
     return false;
 }
 
+// The files (or the sub-folders, as "dir/name" paths) of one directory with
+// the times their names give; the list is cleared first and holds at most
+// MAX_FILE_NUMBER entries.
+int ListFolder(const char *dir, FileListInfo *list, bool folders) {
+    if (dir == nullptr || list == nullptr) return -1;
+    DirStream stream(dir);
+    if (!OpenOrLog(stream, dir)) return -1;
+    std::memset(list, 0, sizeof(*list));
+    while (const char *name = stream.Next()) {
+        bool wanted = folders ? stream.IsDirectory(name) == 1 && !FileUtilsIsDotEntry(name)
+                              : stream.IsDirectory(name) == 0;
+        if (!wanted) continue;
+        if (list->s32FileNum >= MAX_FILE_NUMBER) {
+            LogTrace("%s %d: file number more than MAX_FILE_NUMBER\n", __func__, __LINE__);
+            break;
+        }
+        std::string entry = folders ? JoinPath(dir, name) : std::string(name);
+        FileListAdd(list, entry.c_str(), FileUtilsGetFileLastModifyTime(name), 0);
+    }
+    return 0;
+}
+
 }  // namespace
 
 int SeekFileEx(const char *rootDir, uint32_t startTime, uint32_t endTime, FileListInfo *pFileListInfo) {
@@ -117,32 +139,11 @@ int SeekCurrentFolderFile(const char *dir, uint32_t startTime, uint32_t endTime,
 }
 
 int FileUtilsCurrentFolderFileSeek(const char *dir, FileListInfo *pFileListInfo) {
-    if (dir == nullptr || pFileListInfo == nullptr) return -1;
-    DirStream stream(dir);
-    if (!OpenOrLog(stream, dir)) return -1;
-    std::memset(pFileListInfo, 0, sizeof(*pFileListInfo));
-    while (const char *name = stream.Next()) {
-        if (stream.IsDirectory(name) != 0) continue;
-        if (pFileListInfo->s32FileNum >= MAX_FILE_NUMBER) {
-            LogTrace("%s %d: file number more than MAX_FILE_NUMBER\n", __func__, __LINE__);
-            break;
-        }
-        FileListAdd(pFileListInfo, name, FileUtilsGetFileLastModifyTime(name), 0);
-    }
-    return 0;
+    return ListFolder(dir, pFileListInfo, false);
 }
 
 int FileUtilsCurrentFolderSubFolderSeek(const char *dir, FileListInfo *pFileListInfo) {
-    if (dir == nullptr || pFileListInfo == nullptr) return -1;
-    DirStream stream(dir);
-    if (!OpenOrLog(stream, dir)) return -1;
-    std::memset(pFileListInfo, 0, sizeof(*pFileListInfo));
-    while (const char *name = stream.Next()) {
-        if (stream.IsDirectory(name) != 1 || FileUtilsIsDotEntry(name)) continue;
-        // The list is full at MAX_FILE_NUMBER: further folders are not listed.
-        FileListAdd(pFileListInfo, JoinPath(dir, name).c_str(), FileUtilsGetFileLastModifyTime(name), 0);
-    }
-    return 0;
+    return ListFolder(dir, pFileListInfo, true);
 }
 
 int SeekFolder(const char *dir, int depth, SeekFolderVisitor visitor) {

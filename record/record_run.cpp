@@ -7,7 +7,6 @@
 #include <ctime>
 
 #include "avrecord_lib/frame_writer.h"
-#include "avrecord_lib/record_builder.h"
 #include "avrecord_lib/record_section.h"
 #include "common/log.h"
 #include "common/platform_paths.h"

@@ -3,7 +3,6 @@
 #include <cstring>
 #include <ctime>
 
-#include "avrecord_lib/record_section.h"
 #include "common/log.h"
 #include "common/platform_paths.h"
 #include "record/record_clock.h"

@@ -7,23 +7,23 @@
 #include "common/log.h"
 #include "common/platform_paths.h"
 
-RecordSettings ReadRecordSettings() {
+RecordSettings ReadRecordSettings(const char *caller) {
     std::string file = PlatformPath(kSettingsFile);
     char value[kSettingValueSize] = {0};
     RecordSettings settings{};
 
     read_profile_string(kRecordSettingsSection, kStreamTypeKey, value, kSettingValueSize, "1", file.c_str());
     settings.nStreamType = atoi(value);
-    LogTrace("%s %d nStreamType = %d\n", __func__, __LINE__, settings.nStreamType);
+    LogTrace("%s %d nStreamType = %d\n", caller, __LINE__, settings.nStreamType);
     if (settings.nStreamType < 0 || settings.nStreamType > kMaxStreamType) {
-        LogTrace("%s %d Param error, nStreamType = %d\n", __func__, __LINE__, settings.nStreamType);
+        LogTrace("%s %d Param error, nStreamType = %d\n", caller, __LINE__, settings.nStreamType);
         settings.nStreamType = kDefaultStreamType;
     }
 
     read_profile_string(kRecordSettingsSection, kDurationKey, value, kSettingValueSize, "600", file.c_str());
     settings.nDuration = atoi(value);
     if (settings.nDuration < 0 || settings.nDuration > kMaxDuration) {
-        LogTrace("%s %d Param error, nDuration = %d\n", __func__, __LINE__, settings.nDuration);
+        LogTrace("%s %d Param error, nDuration = %d\n", caller, __LINE__, settings.nDuration);
         settings.nDuration = kDefaultDuration;
     }
     return settings;

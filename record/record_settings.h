@@ -16,6 +16,6 @@ struct RecordSettings {
     int nDuration;    // seconds 0..1200; accepted by StartRecord and not used
 };
 
-// Reads both keys (defaults "1" and "600"), logs them and replaces values
-// out of range by the defaults.
-RecordSettings ReadRecordSettings();
+// Reads both keys (defaults "1" and "600"), logs them under the caller's
+// name and replaces values out of range by the defaults.
+RecordSettings ReadRecordSettings(const char *caller);

@@ -47,7 +47,7 @@ int main(int /*argc*/, char ** /*argv*/) {
     WatchDogThreadStart();
     AVServerCtrlQueueOpen();
     libAlarmProcessInit();
-    RecordSettings settings = ReadRecordSettings();
+    RecordSettings settings = ReadRecordSettings(__func__);
     int nStreamType = settings.nStreamType;
     int nDuration = settings.nDuration;
 

@@ -22,7 +22,7 @@ TEST(RecordSettingsTest, ValuesAreBoundedAndDefaulted) {
     for (const auto &c : cases) {
         ScopedRoot root;
         if (c.file != nullptr) root.WriteFile(kSettingsFile, c.file);
-        RecordSettings settings = ReadRecordSettings();
+        RecordSettings settings = ReadRecordSettings("test");
         EXPECT_EQ(settings.nStreamType, c.streamType) << (c.file ? c.file : "no file");
         EXPECT_EQ(settings.nDuration, c.duration) << (c.file ? c.file : "no file");
     }

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/msg.h>
 #include <sys/shm.h>
+#include <unistd.h>
 
 #include <cstring>
 
@@ -39,6 +40,8 @@ TEST(SimConfigServer, RecordRequestsLandInSysInfo) {
     EXPECT_EQ(saturday.ucSocpeMode, TIME_SCOPE_DIFF);
     EXPECT_EQ(saturday.segment[5].beginHour.ucHour, 20);
     EXPECT_EQ(saturday.segment[5].endHour.ucType, 1);
+    // The server counts a request after its reply has gone out.
+    for (int i = 0; i < 1000 && SimLoad(status.ConfigRequests) < 3; ++i) usleep(1000);
     EXPECT_EQ(SimLoad(status.ConfigRequests), 3u);
 
     server.Stop();

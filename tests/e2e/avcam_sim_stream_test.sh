@@ -125,7 +125,22 @@ done
 [ "$(json "$work/faults.json" 1 gaps)" = 0 ] || fail "faults: the burst lost frames"
 [ "$(json "$work/faults.json" 2 gaps)" = 0 ] || fail "faults: the pause lost frames"
 
-# 4. Bad inputs: one clear line, non-zero exit, nothing created.
+# 4. --speed 4 --no-loop publishes one pass of each input four times faster
+#    and then stops; the watchdog block lists its 17 slots.
+start_sim --speed 4 --no-loop
+sleep 3.5
+"$sim" status --json >"$work/status.json"
+sleep 0.5
+"$sim" status --json >"$work/status2.json"
+[ "$("$sim" watchdog --json | grep -c '"slot":')" = 17 ] || fail "watchdog does not list 17 slots"
+stop_sim INT
+for s in 0 1 2; do
+  frames=$(json "$work/status.json" $s frames)
+  [ "$frames" -ge 200 ] || fail "--speed 4: stream $s published $frames frames in 3.5 s"
+  [ "$frames" = "$(json "$work/status2.json" $s frames)" ] || fail "--no-loop: stream $s went on after one pass"
+done
+
+# 5. Bad inputs: one clear line, non-zero exit, nothing created.
 bad() {  # code args...
   local code=$1; shift
   "$sim" "$@" >/dev/null 2>"$work/err"

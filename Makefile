@@ -1,6 +1,6 @@
 # AVRecord: `make test` runs every test (native, sanitizer, 32-bit ARM under
 # qemu-arm), installing what it needs first.
-.PHONY: test deps build reliability
+.PHONY: test deps build demo reliability
 
 deps:
 	@scripts/install-deps
@@ -16,3 +16,7 @@ test: deps
 # default 600) and the process-level loops; prints one summary table.
 reliability: deps
 	@scripts/reliability
+
+demo:
+	@scripts/install-deps --demo
+	@scripts/demo

@@ -42,7 +42,7 @@ TEST(AudioInput, CodecNames) {
         const char *name;
         bool ok;
         uint8_t value;
-    } cases[] = {{"g711a", true, 0}, {"g711u", true, 1}, {"aac", true, 3}, {"mp3", false, 0}, {"", false, 0}};
+    } cases[] = {{"g711a", true, 1}, {"g711u", true, 0}, {"aac", true, 3}, {"mp3", false, 0}, {"", false, 0}};
     for (const auto &c : cases) {
         AudioCodec codec = AudioCodec::G711A;
         EXPECT_EQ(ParseAudioCodec(c.name, &codec), c.ok) << c.name;

@@ -113,7 +113,7 @@ TEST(SimProfile, LinesWithComments) {
     TempDir dir;
     WriteWholeFile(dir.File("p.cfg"),
                    "# camera profile\nrecord-enable 0\n\nwidth 1 704  # D1\nsegment 0 1 "
-                   "22:00-23:59 1\n");
+                   "22:00-24:00 1\n");
     std::vector<FieldChange> changes;
     std::string error;
     ASSERT_TRUE(LoadProfile(dir.File("p.cfg"), &changes, &error)) << error;
@@ -141,6 +141,7 @@ TEST(SimSettings, RefusedSettings) {
         {{"segment", "0", "6", "00:00-01:00", "0"}, "bad segment '6'"},
         {{"segment", "0", "0", "00:00", "0"}, "expected HH:MM-HH:MM"},
         {{"segment", "0", "0", "24:00-01:00", "0"}, "bad time '24:00'"},
+        {{"segment", "0", "0", "00:00-24:01", "0"}, "bad time '24:01'"},
         {{"delay", "1", "width"}, "width needs"},
     };
     for (const auto &c : cases) {

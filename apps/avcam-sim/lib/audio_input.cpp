@@ -48,11 +48,12 @@ bool ParseAudioCodec(const std::string &name, AudioCodec *codec) {
     return true;
 }
 
+// The encoder's audio codec types: 0 G.711 u-law, 1 G.711 A-law, 3 AAC.
 uint8_t AudioEncodingValue(AudioCodec codec) {
     switch (codec) {
-        case AudioCodec::G711A:
-            return 0;
         case AudioCodec::G711U:
+            return 0;
+        case AudioCodec::G711A:
             return 1;
         default:
             return 3;

@@ -44,11 +44,14 @@ void PutByte(std::vector<FieldChange> *changes, uint32_t offset, long value) {
 }
 
 // "HH:MM" or "HH:MM:SS" into hour, minute, second.
-bool ParseTime(const std::string &text, uint8_t out[3], std::string *error) {
+// A segment end may be 24:00, the end of the day (the schedule counts to
+// the minute, so 23:59 would leave the day's last minute out).
+bool ParseTime(const std::string &text, uint8_t out[3], std::string *error, bool endOfDayAllowed = false) {
     int h = -1, m = -1, s = 0;
     char tail = 0;
     int n = sscanf(text.c_str(), "%2d:%2d:%2d%c", &h, &m, &s, &tail);
-    if ((n != 2 && n != 3) || h < 0 || h > 23 || m < 0 || m > 59 || s < 0 || s > 59 ||
+    bool endOfDay = endOfDayAllowed && h == 24 && m == 0 && s == 0;
+    if ((n != 2 && n != 3) || h < 0 || (h > 23 && !endOfDay) || m < 0 || m > 59 || s < 0 || s > 59 ||
         text.size() != (n == 2 ? 5u : 8u)) {
         *error = "bad time '" + text + "' (expected HH:MM or HH:MM:SS)";
         return false;
@@ -124,7 +127,8 @@ bool Segment(const std::vector<std::string> &a, std::vector<FieldChange> *c, std
         return false;
     }
     uint8_t begin[3], end[3];
-    if (!ParseTime(a[2].substr(0, dash), begin, e) || !ParseTime(a[2].substr(dash + 1), end, e)) return false;
+    if (!ParseTime(a[2].substr(0, dash), begin, e) || !ParseTime(a[2].substr(dash + 1), end, e, true))
+        return false;
     if (!Number(a[3], 0, kU8Max, "record type", &type, e)) return false;
     ScopeSegment segment{{begin[0], begin[1], begin[2], 0},
                          {end[0], end[1], end[2], static_cast<uint8_t>(type)}};

@@ -1,0 +1,40 @@
+#!/usr/bin/env bash
+# Configuration faults during a recording: out-of-range bytes in the shared
+# configuration record (pre-record and delay indexes above their tables,
+# unknown audio and video encodings, stream modes, record types, video
+# standard, cover mode). After each the daemon is alive and keeps recording;
+# nothing reads outside a table (run with AVRECORD_FAULT_DAEMON set to the
+# sanitizer build's AVRecord, any report in the log fails); the index check
+# passes at the end. Values the simulator refuses to write (stream type
+# above 2, day modes above 3) are covered by the record unit tests.
+# Prints "RELIABILITY config-faults|faults|failures|figures".
+source "$(dirname "$0")/avrecord_e2e_lib.sh"
+daemon=${AVRECORD_FAULT_DAEMON:-$daemon}
+faults=("prerecord 255" "delay 255" "prerecord 7" "delay 9" "audio-enable 1" "audio-encoding 200"
+  "encoding 0 99" "stream-mode 0 255" "codec-mode 255" "video-standard 255" "record-type 255"
+  "lack-space 200" "width 0 4096" "height 0 65535")
+
+make_card 4
+start_camera
+start_daemon
+wait_log "CameraSetVideoForceIFrame, VideoId 0" 30
+recorded() { sections | awk '{ n += $7 } END { print n + 0 }'; }
+
+kept=0
+for fault in "${faults[@]}"; do
+  before=$(recorded)
+  sim_set $fault
+  sleep 2
+  kill -0 "$daemonpid" 2>/dev/null || { fail "daemon gone after '$fault'"; break; }
+  [ "$(recorded)" -gt "$before" ] && kept=$((kept + 1))
+done
+sim_set width 0 1920
+sim_set height 0 1080
+stop_daemon
+if grep -qE 'AddressSanitizer|runtime error:' "$log"; then
+  fail "sanitizer report: $(grep -E 'AddressSanitizer|runtime error:' "$log" | head -2)"
+fi
+"$card_tool" check --card "$card" >"$work/check.txt" 2>&1 || fail "index check: $(cat "$work/check.txt")"
+echo "RELIABILITY config-faults|${#faults[@]} faults|$failures|recording_went_on=$kept/${#faults[@]}" \
+  "sanitizer=$([ "$daemon" = "${AVRECORD_FAULT_DAEMON:-}" ] && echo on || echo off)"
+finish

@@ -192,7 +192,7 @@ void WaitForNewDay() {
 }
 
 // The end steps of a run.
-void EndRun(const char *func, const RunClock &clock) {
+void EndRun(const char *func, const RunClock &clock, const FileInfoHead &fileBefore) {
     LogTrace("%s %d: #########Record Over !!!!!!!!!!!!#######\n", func, __LINE__);
     const SectionInfoHead *section = GetSectionInfoHead();
     uint32_t end =
@@ -203,6 +203,10 @@ void EndRun(const char *func, const RunClock &clock) {
     FlagSet(g_bRecording, 0);
     LS_RecordClose();
     usleep(kCloseSettleUs);
+    // A run that wrote no frame left nothing on the card: it gives its
+    // section number back, so the file never counts an empty slot (or a
+    // stale one from the file's earlier use).
+    if (GetSectionInfoHead()->m_u32EndTime == 0) *GetFileInfoHead() = fileBefore;
     AV_RecordNextFileSelect(GetRecordConfigInfo(), GetFileInfoHead());
     if (FlagGet(g_bDayEnd) == 1) {
         usleep(kDayEndPauseUs);
@@ -214,7 +218,7 @@ void EndRun(const char *func, const RunClock &clock) {
 // Watches the run every 20 ms; 0 when a condition ended it (end steps
 // done), -1 when SysInfo went away.
 int WatchRun(const char *func, const RunParams &start, uint32_t stream, const RunClock &clock,
-             int initResult) {
+             const FileInfoHead &fileBefore, int initResult) {
     RunProperties props;
     for (;;) {
         if (FileUtilsGetStorageStatus(kCardMountPoint) != 0) StopRecord();
@@ -226,7 +230,7 @@ int WatchRun(const char *func, const RunParams &start, uint32_t stream, const Ru
         if (reason != RunEnd::kNone) {
             LogRunEnd(func, reason, start, turn, *sys, stream, initResult);
             if (reason == RunEnd::kDayEnd) FlagSet(g_bDayEnd, 1);
-            EndRun(func, clock);
+            EndRun(func, clock, fileBefore);
             return 0;
         }
         usleep(kWatchTurnUs);
@@ -251,6 +255,7 @@ int StartRecord(int nStreamType, int /*nDuration*/) {
         LogTrace("%s %d This is Mjpeg Stream, not support\n", __func__, __LINE__);
         return 0;
     }
+    FileInfoHead fileBefore = *file;
     if (AV_RecordFileConfigParamGet(info, file, section, sys->ucRecordFileOption) < 0) return -1;
 
     uint8_t audioEnable = props.audio.ucEnable;
@@ -282,5 +287,5 @@ int StartRecord(int nStreamType, int /*nDuration*/) {
     start.width = sys->stream[stream].usWidth;
     start.height = sys->stream[stream].usHeight;
     start.rotate = sys->ucVideoRotateMode;
-    return WatchRun(__func__, start, stream, clock, initResult);
+    return WatchRun(__func__, start, stream, clock, fileBefore, initResult);
 }

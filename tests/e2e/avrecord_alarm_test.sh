@@ -3,7 +3,6 @@
 # segment: record type 2 watches alarm source 0 (alarm type 4), with 10 s of
 # pre-record and 10 s of delay; the event is found by a search for type 4.
 source "$(dirname "$0")/avrecord_e2e_lib.sh"
-run_line="CameraSetVideoForceIFrame, VideoId"
 
 make_card 4
 start_camera
@@ -11,7 +10,7 @@ diff_day_segment 2 2
 sim_set prerecord 2
 sim_set delay 0
 start_daemon
-wait_log "$run_line" 10
+wait_log "$recording_line" 10
 
 sleep 12
 on=$(date +%s)

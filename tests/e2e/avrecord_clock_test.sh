@@ -12,7 +12,6 @@ if [ ! -f "$faketime_lib" ] || [ -n "${AVRECORD_ARM_DAEMON:-}" ]; then
   echo "SKIP: needs libfaketime and the native daemon"
   exit 0
 fi
-run_line="CameraSetVideoForceIFrame, VideoId"
 
 make_card 4
 start_camera
@@ -22,12 +21,12 @@ day=$(date +%Y-%m-%d)
 next_day=$(date -d "$day + 1 day" +%Y-%m-%d)
 midnight=$(date -d "$next_day 00:00:00" +%s)
 start_daemon LD_PRELOAD="$faketime_lib" FAKETIME="@$day 23:59:52"
-wait_log "$run_line" 10
+wait_log "$recording_line" 10
 wait_log ": 23:59:59" 15
 wait_log "m_u32RecordEndTime = " 2
-wait_log "$run_line" 5 2
-grep "$run_line" "$log" | sed -n 2p | grep -q "\[$next_day 00:00:0" ||
-  fail "the next run did not start in the new day: $(grep "$run_line" "$log" | sed -n 2p)"
+wait_log "$recording_line" 5 2
+grep "$recording_line" "$log" | sed -n 2p | grep -q "\[$next_day 00:00:0" ||
+  fail "the next run did not start in the new day: $(grep "$recording_line" "$log" | sed -n 2p)"
 sleep 1
 stop_daemon
 mapfile -t rows < <(sections)
@@ -42,13 +41,13 @@ read -r _ _ _ end2 _ <<<"${rows[1]:-0 0 0 0}"
 offset="$work/offset"
 echo "+0" >"$offset"
 start_daemon LD_PRELOAD="$faketime_lib" FAKETIME_TIMESTAMP_FILE="$offset" FAKETIME_NO_CACHE=1
-wait_log "$run_line" 10
+wait_log "$recording_line" 10
 sleep 1
 echo "+4" >"$offset"
 sleep 1.5
 grep -q "Changed the time" "$log" && fail "a 4 s step ended the section"
 sim_set codec-mode 1  # a fresh run, started with the clock at +4 s
-wait_log "$run_line" 10 2
+wait_log "$recording_line" 10 2
 sleep 1
 echo "+11" >"$offset"
 wait_log "Changed the time" 3

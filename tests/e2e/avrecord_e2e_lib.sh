@@ -20,6 +20,7 @@ log="$work/avrecord.log"
 simpid=
 daemonpid=
 failures=0
+recording_line="Now RotateAngle"  # the writer took a run's first key frame
 
 fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
 

@@ -4,7 +4,6 @@
 # overwriting is on: the next file is the oldest one, taken up afresh, and
 # its old alarm events are forgotten (a new alarm is event 0 of its slot).
 source "$(dirname "$0")/avrecord_e2e_lib.sh"
-run_line="CameraSetVideoForceIFrame, VideoId"
 
 make_card 2
 python3 - "$card" <<'PY'
@@ -30,7 +29,7 @@ start_camera
 diff_day_segment 0 2
 start_daemon
 wait_log "File size  lager  over!" 30
-wait_log "$run_line" 10 2
+wait_log "$recording_line" 10 2
 "$sim" alarm 0 on >/dev/null
 sleep 2
 "$sim" alarm 0 off >/dev/null

@@ -25,7 +25,7 @@ printf '[CPLD]\nStorageCapability=2\n' >"$root/param/CPLD.conf"
 make_card 4
 start_camera
 start_daemon
-wait_log "CameraSetVideoForceIFrame, VideoId 0" 15
+wait_log "$recording_line" 15
 sleep "$seconds"
 
 # 3. SIGTERM while the schedule forbids recording: the process waits.

@@ -9,9 +9,8 @@ make_card 4
 start_camera --audio "$samples/g711a.alaw" --audio-codec g711a
 start_daemon
 
-run_line="CameraSetVideoForceIFrame, VideoId"
-runs_started() { grep -c "$run_line" "$log"; }
-wait_log "$run_line" 15
+runs_recorded() { grep -c "$recording_line" "$log"; }
+wait_log "$recording_line" 15
 
 # split "LOG LINE" SET-ARGS...: the change ends the run with the line and
 # the next run starts.
@@ -19,10 +18,10 @@ split() {
   local line=$1 before
   shift
   sleep 1.5
-  before=$(runs_started)
+  before=$(runs_recorded)
   sim_set "$@"
   wait_log "$line" 5 || return
-  wait_log "$run_line" 10 $((before + 1))
+  wait_log "$recording_line" 10 $((before + 1))
 }
 
 split "Video Encoding Change!  0 change to 1" encoding 0 1
@@ -36,27 +35,27 @@ split "Video Rotate mode change !  0 change to 1" rotate 1
 # and a change of the audio encoding then ends it.
 sim_set audio-enable 1
 sleep 1.5
-[ "$(grep -c 'Record Over' "$log")" -eq $(($(runs_started) - 1)) ] || fail "audio enable alone ended the run"
-before=$(runs_started)
+[ "$(grep -c 'Record Over' "$log")" -eq $(($(runs_recorded) - 1)) ] || fail "audio enable alone ended the run"
+before=$(runs_recorded)
 sim_set record-enable 0
 wait_log "Video Record Enable close !" 5
 sleep 1
 sim_set record-enable 1
-wait_log "$run_line" 10 $((before + 1))
+wait_log "$recording_line" 10 $((before + 1))
 split "Audio Encoding Change!  0 change to 3" audio-encoding 3
 
 # A TIME_SCOPE_DIFF day: recording inside segment 2, which then ends now.
-before=$(runs_started)
+before=$(runs_recorded)
 diff_day_segment 2 0
 wait_log "VideoRecord TIME_SCOPE_DIFF" 10
-wait_log "$run_line" 10 $((before + 1))
+wait_log "$recording_line" 10 $((before + 1))
 sleep 1
 over=$(grep -c "TIME_SCOPE_DIFF Record Time Over" "$log")
-before=$(runs_started)
+before=$(runs_recorded)
 sim_set segment "$(date +%w)" 2 "00:00-$(date +%H:%M)" 0
 wait_log "TIME_SCOPE_DIFF Record Time Over" 5 $((over + 1))
 sim_set day-mode "$(date +%w)" 1
-wait_log "$run_line" 10 $((before + 1))
+wait_log "$recording_line" 10 $((before + 1))
 
 # Card removed while recording: the run ends; the process leaves once the
 # card is back.
@@ -74,7 +73,7 @@ grep -q "RecordStop AVRecord exit!!!" "$log" || fail "no exit line after the car
 
 # One section per run; the stream-1 section at that stream's size.
 count=$(section_count)
-[ "$count" -eq "$(runs_started)" ] || fail "$count sections for $(runs_started) runs"
+[ "$count" -eq "$(runs_recorded)" ] || fail "$count sections for $(runs_recorded) runs"
 sections | awk '$8 == 640 && $9 == 360' | grep -q . || fail "no section of stream 1 at 640x360"
 "$card_tool" check --card "$card" >"$work/check.txt" 2>&1 || fail "index check: $(cat "$work/check.txt")"
 finish

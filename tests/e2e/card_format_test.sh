@@ -4,21 +4,7 @@
 # passes fsck.fat, a preallocated directory is a card the index tools
 # accept, bad usage gives exit 2.
 set -uo pipefail
-tool="$AVRECORD_BUILD_DIR/apps/avrecord-card/avrecord-card"
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-failures=0
-
-fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
-
-# expect CODE COMMAND...: runs the command, keeps stdout/stderr in $out/$err.
-expect() {
-  local code=$1; shift
-  "$@" >"$work/out" 2>"$work/err"
-  local got=$?
-  out=$(cat "$work/out"); err=$(cat "$work/err")
-  [ "$got" -eq "$code" ] || fail "$* exited $got, not $code (stderr: $err)"
-}
+source "$(dirname "$0")/lib.sh"
 
 fsck_problems() { "$AVRECORD_SOURCE_DIR/scripts/fsck-card" "$1"; }
 

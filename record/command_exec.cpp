@@ -1,25 +1,9 @@
 #include "record/command_exec.h"
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include "common/log.h"
+#include "common/shell_command.h"
 
-namespace {
-constexpr char kShell[] = "/bin/sh";
-}
-
-int Command_Exec(const char *cmd) {
-    pid_t child = vfork();
-    if (child == -1) return 1;
-    if (child == 0) {
-        execl(kShell, "sh", "-c", cmd, static_cast<char *>(nullptr));
-        _exit(127);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return 0;
-}
+int Command_Exec(const char *cmd) { return ShellCommandRun(cmd, nullptr) < 0 ? 1 : 0; }
 
 int Command_System(const char *cmd) {
     if (cmd == nullptr) return -1;

@@ -12,6 +12,7 @@
 
 #include "common/log.h"
 #include "common/platform_paths.h"
+#include "common/shell_command.h"
 
 namespace {
 
@@ -75,16 +76,8 @@ bool IsCardFormat(const StorageOption &option) {
 
 int RunShellCommand(const char *command) {
     if (command == nullptr) return -1;
-    pid_t pid = vfork();
-    if (pid < 0) return -1;
-    if (pid == 0) {
-        execl("/bin/sh", "sh", "-c", command, static_cast<char *>(nullptr));
-        _exit(127);
-    }
     int status = 0;
-    while (waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR) return -1;
-    }
+    if (ShellCommandRun(command, &status) < 0) return -1;
     return status;
 }
 

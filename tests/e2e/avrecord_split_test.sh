@@ -42,7 +42,7 @@ wait_log "Video Record Enable close !" 5
 sleep 1
 sim_set record-enable 1
 wait_log "$recording_line" 10 $((before + 1))
-split "Audio Encoding Change!  0 change to 3" audio-encoding 3
+split "Audio Encoding Change!  [0-9]* change to 3" audio-encoding 3
 
 # A TIME_SCOPE_DIFF day: recording inside segment 2, which then ends now.
 before=$(runs_recorded)

@@ -37,7 +37,8 @@ for fault in "${faults[@]}"; do
     r1=$(recorded)
     sleep 1
     [ "$(recorded)" -gt "$r1" ] && resumed=$((resumed + 1))
-    losses+=($(((p1 - p0) - (r1 - r0))))
+    loss=$(((p1 - p0) - (r1 - r0)))
+    losses+=($((loss < 0 ? 0 : loss)))  # the two counts are read a moment apart
   done
   [ "$resumed" -eq "$rounds" ] || fail "$fault: recording resumed after $resumed of $rounds faults"
   sorted=$(printf '%s\n' "${losses[@]:-0}" | sort -n)

@@ -19,12 +19,13 @@
 
 namespace {
 
-constexpr int kVideoFrames = 100;
-constexpr int kGop = 10;
-constexpr int kAudioEvery = 4;
-constexpr uint32_t kFirstRun = 0;
-constexpr uint32_t kSecondRun = 1;
-constexpr uint32_t kStartTime = 1700000000;
+using sweep::FailedParts;
+using sweep::kAudioEvery;
+using sweep::kFirstRun;
+using sweep::kGop;
+using sweep::kSecondRun;
+using sweep::kStartTime;
+using sweep::kVideoFrames;
 constexpr uint32_t kSecondStart = kStartTime + 3600;
 constexpr size_t kSectorSize = 512;
 constexpr int kSmokeSample = 60;
@@ -35,10 +36,6 @@ struct Tally {
     int failures = 0;
     int tailReports = 0;  // cuts after which the check named the torn tail
 };
-
-int FailedParts() {
-    return testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count();
-}
 
 class CrashSweep : public testing::Test {
 protected:

@@ -16,12 +16,13 @@ namespace {
 
 using Op = FaultyFileIo::Op;
 
-constexpr int kVideoFrames = 100;
-constexpr int kGop = 10;
-constexpr int kAudioEvery = 4;
-constexpr uint32_t kFirstRun = 0;
-constexpr uint32_t kSecondRun = 1;
-constexpr uint32_t kStartTime = 1700000000;
+using sweep::FailedParts;
+using sweep::kAudioEvery;
+using sweep::kFirstRun;
+using sweep::kGop;
+using sweep::kSecondRun;
+using sweep::kStartTime;
+using sweep::kVideoFrames;
 constexpr int kSmokeSample = 40;  // per operation kind and mode
 
 struct OpKind {
@@ -37,11 +38,6 @@ struct Tally {
     int lostMax = 0;  // frames lost by one fault
     int named = 0;    // damaged points the index check reported
 };
-
-// Failed checks so far in the running test.
-int FailedParts() {
-    return testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count();
-}
 
 class IoFaultSweep : public testing::Test {
 protected:
@@ -151,6 +147,23 @@ protected:
         Count(tally, lost.size(), !problems.empty(), before);
     }
 
+    // Every fault point (a sample of them in the smoke run) of every
+    // operation kind through one fault mode.
+    void SweepAll(bool fromThenOn, const char *name, std::string (*figures)(const Tally &)) {
+        int counts[3];
+        ASSERT_NO_FATAL_FAILURE(CountOperations(counts));
+        Tally tally;
+        for (const OpKind &kind : kOps) {
+            int total = counts[static_cast<int>(kind.op)];
+            int stride = sweep::SweepStride(total, kSmokeSample);
+            for (int n = 1; n <= total; n += stride) {
+                ASSERT_NO_FATAL_FAILURE(fromThenOn ? FailFromThenOn(kind, n, &tally)
+                                                   : FailOnce(kind, n, &tally));
+            }
+        }
+        sweep::PrintFigures(name, figures(tally));
+    }
+
     static void Count(Tally *tally, size_t lost, bool named, int failuresBefore) {
         ++tally->points;
         tally->failures += FailedParts() > failuresBefore;
@@ -191,27 +204,11 @@ TEST_F(IoFaultSweep, CleanRunReadsBackEveryFrame) {
 }
 
 TEST_F(IoFaultSweep, EachOperationFailsOnce) {
-    int counts[3];
-    ASSERT_NO_FATAL_FAILURE(CountOperations(counts));
-    Tally tally;
-    for (const OpKind &kind : kOps) {
-        int total = counts[static_cast<int>(kind.op)];
-        int stride = sweep::SweepStride(total, kSmokeSample);
-        for (int n = 1; n <= total; n += stride) ASSERT_NO_FATAL_FAILURE(FailOnce(kind, n, &tally));
-    }
-    sweep::PrintFigures("io-fault-once", Figures(tally));
+    ASSERT_NO_FATAL_FAILURE(SweepAll(false, "io-fault-once", Figures));
 }
 
 TEST_F(IoFaultSweep, OperationsFailFromThenOn) {
-    int counts[3];
-    ASSERT_NO_FATAL_FAILURE(CountOperations(counts));
-    Tally tally;
-    for (const OpKind &kind : kOps) {
-        int total = counts[static_cast<int>(kind.op)];
-        int stride = sweep::SweepStride(total, kSmokeSample);
-        for (int n = 1; n <= total; n += stride) ASSERT_NO_FATAL_FAILURE(FailFromThenOn(kind, n, &tally));
-    }
-    sweep::PrintFigures("io-fault-from-n", FiguresFromThenOn(tally));
+    ASSERT_NO_FATAL_FAILURE(SweepAll(true, "io-fault-from-n", FiguresFromThenOn));
 }
 
 // The card filling up in the middle of a frame: the write that crosses the

@@ -4,6 +4,7 @@
 // reader, matched against the frames that were published.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -26,6 +27,15 @@
 #include "support/card_fixture.h"
 
 namespace sweep {
+
+// The sweeps' record run: 100 video frames in GOPs of 10 with an audio
+// frame after every fourth, then a second, shorter run.
+inline constexpr int kVideoFrames = 100;
+inline constexpr int kGop = 10;
+inline constexpr int kAudioEvery = 4;
+inline constexpr uint32_t kFirstRun = 0;
+inline constexpr uint32_t kSecondRun = 1;
+inline constexpr uint32_t kStartTime = 1700000000;
 
 inline constexpr int kChannel = 0;
 inline constexpr uint32_t kFps = 25;
@@ -279,6 +289,11 @@ inline int SweepStride(int points, int sample) {
     const char *full = getenv("AVRECORD_SWEEP_FULL");
     if ((full != nullptr && *full != '\0' && *full != '0') || points <= sample) return 1;
     return points / sample + 1;
+}
+
+// Failed checks so far in the running test.
+inline int FailedParts() {
+    return testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count();
 }
 
 // One summary line per sweep for the reliability report.

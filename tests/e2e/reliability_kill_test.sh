@@ -9,6 +9,7 @@
 # Prints "RELIABILITY kill-9-pack|cycles|failures|figures".
 set -uo pipefail
 source "$(dirname "$0")/lib.sh"
+source "$(dirname "$0")/reliability_lib.sh"
 cycles=5
 [ "${RELIABILITY_FULL:-0}" = 1 ] && cycles=${KILL_CYCLES:-200}
 card="$work/card"
@@ -16,8 +17,7 @@ mkdir "$card"
 ffmpeg -loglevel error -y -f lavfi -i testsrc=size=640x360:rate=25 -t 60 -pix_fmt yuv420p -c:v libx264 -g 50 \
   -bsf:v h264_mp4toannexb -f h264 "$work/clip.h264" || { echo "FAIL: ffmpeg"; exit 1; }
 expect 0 "$tool" prealloc "$card" --media 4
-file_set() { (cd "$card" && stat -c '%n %s' * | sort); }
-file_set >"$work/files.before"
+file_set "$card" >"$work/files.before"
 
 # The indexed video frames of the current file's last section, and its name.
 last_section() {
@@ -68,13 +68,10 @@ for ((cycle = 1; cycle <= cycles; cycle++)); do
     [ -n "${KILL_TRACE:-}" ] && echo "cycle $cycle: $name indexed $indexed read $read_back"
     [ "$indexed" -lt "$clip_frames" ] && mid_run=$((mid_run + 1))
   fi
-  file_set | cmp -s - "$work/files.before" || fail "cycle $cycle: the card's file set changed"
+  file_set "$card" | cmp -s - "$work/files.before" || fail "cycle $cycle: the card's file set changed"
 done
 
-sorted=$(printf '%s\n' "${lost_list[@]:-0}" | sort -n)
-count=$(wc -l <<<"$sorted")
-p50=$(sed -n "$(((count + 1) / 2))p" <<<"$sorted")
-p99=$(sed -n "$(((count * 99 + 99) / 100))p" <<<"$sorted")
+read -r p50 p99 < <(percentiles "${lost_list[@]}")
 echo "RELIABILITY kill-9-pack|$cycles cycles|$failures|run_ms=$run_ms corrupt_indexes=$corrupt kills_mid_run=$mid_run frames_lost_per_kill_p50=$p50 p99=$p99"
 [ "$failures" -eq 0 ] && echo "kill -9 loop: all passed"
 exit $((failures > 0))

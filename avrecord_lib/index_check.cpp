@@ -1,9 +1,13 @@
 #include "avrecord_lib/index_check.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 
+#include "avrecord_lib/frame_writer.h"
+#include "avrecord_lib/playback_reader.h"
 #include "avrecord_lib/ps_packetizer.h"
 #include "avrecord_lib/record_file.h"
 #include "avrecord_lib/record_index.h"
@@ -12,6 +16,8 @@ namespace {
 
 constexpr uint8_t kPackStartCode[4] = {0x00, 0x00, 0x01, 0xBA};
 constexpr uint32_t kMaxKeyFrameEntries = (kMediaFileSize - kKeyFrameTableOffset) / kKeyFrameEntrySize;
+// Room for the largest frame the writer takes.
+constexpr uint32_t kFrameWalkBufferSize = kMaxFrameLength + kPSKeyFrameReadLimit;
 
 // Closes a descriptor of this unit when it goes out of scope.
 struct ScopedFd {
@@ -106,9 +112,17 @@ void IndexChecker::CheckFile(int indexFd, uint32_t fileNo, const FileInfoHead &f
     }
     uint32_t dataEnd = 0;
     uint32_t keyFrames = 0;
+    size_t problemsBefore = problems_->size();
     for (uint32_t slot = 1; slot <= sectionSum; ++slot) {
         CheckSection(file, slot, sections[slot - 1], &dataEnd);
         keyFrames += sections[slot - 1].m_u32KeyFrameSum;
+    }
+    // The sections hold the file's data up to its size (a section record
+    // that missed its last update ends short of it); said only when the
+    // sections themselves are in order.
+    if (sectionSum < kMaxSectionNo && problems_->size() == problemsBefore && dataEnd < file.m_u32DataSize) {
+        Add(fileNo, sectionSum, "sections end at %#x, short of the file's data size %#x", dataEnd,
+            file.m_u32DataSize);
     }
     // Once slot 251 has been reused the earlier counts of that slot are gone.
     if (sectionSum < kMaxSectionNo && keyFrames != file.m_u32KeyFrameSum) {
@@ -286,6 +300,96 @@ int CheckCardIndex(const std::string &cardDir, std::vector<IndexProblem> *proble
         checker.CheckFile(fd.fd, fileNo, index.files[fileNo]);
     checker.CheckEvents(static_cast<uint32_t>(index.files.size()));
     return 0;
+}
+
+namespace {
+
+// Where a section's frames can be picked up again: the frames its valid
+// key-frame entries point at (behind the record file header for the first).
+std::vector<uint32_t> SectionEntryPoints(int mediaFd, const SectionInfoHead &section, uint32_t firstEntry) {
+    std::vector<uint32_t> points;
+    uint32_t count = std::min(section.m_u32KeyFrameSum, kMaxKeyFrameEntries);
+    for (uint32_t k = 0; k < count && firstEntry + k < kMaxKeyFrameEntries; ++k) {
+        KeyFrameEntry entry;
+        if (AV_RecordKeyFrameEntryRead(mediaFd, KeyFrameEntryOffset(firstEntry + k), &entry) < 0 ||
+            entry.m_u32HeadFlag != kKeyFrameEntryFlag)
+            continue;
+        uint32_t at = section.m_u32SectionOffset + entry.m_u32FrameOffset;
+        points.push_back(entry.m_u32FrameOffset == 0 ? at + kRecordFileHeaderSize : at);
+    }
+    std::sort(points.begin(), points.end());
+    return points;
+}
+
+}  // namespace
+
+void WalkSectionFrames(int mediaFd, const SectionInfoHead &section, uint32_t firstEntry, uint8_t *buf,
+                       uint32_t bufSize, const SectionFrameWalk &walk) {
+    std::vector<uint32_t> points = SectionEntryPoints(mediaFd, section, firstEntry);
+    uint64_t end64 = uint64_t{section.m_u32SectionOffset} + section.m_u32SectionSize;
+    uint32_t end = static_cast<uint32_t>(std::min<uint64_t>(end64, kKeyFrameTableOffset));
+    uint32_t at = section.m_u32SectionOffset + kRecordFileHeaderSize;
+    while (at < end) {
+        uint32_t next = at;
+        int type;
+        uint32_t length;
+        if (libAVRecordPlayBackGetPSFrameBounded(mediaFd, &next, end, &type, buf, bufSize, &length, nullptr,
+                                                 nullptr) == 0 &&
+            next > at) {
+            if (walk.onFrame) walk.onFrame(buf, length);
+            at = next;
+            continue;
+        }
+        auto resume = std::upper_bound(points.begin(), points.end(), at);
+        uint32_t resumed = resume != points.end() && *resume < end ? *resume : 0;
+        if (walk.onGap) walk.onGap(at, resumed);
+        if (resumed == 0) break;
+        at = resumed;
+    }
+}
+
+int ForEachCardSection(const std::string &cardDir,
+                       const std::function<void(int, const SectionInfoHead &, uint32_t)> &fn) {
+    CardIndex index;
+    std::string reason;
+    if (LoadCardIndex(cardDir, &index, &reason) < 0) return -1;
+    ScopedFd indexFd(AVFileOpen((cardDir + kIndexFileName).c_str(), kAVFileModeRead));
+    std::vector<SectionInfoHead> sections(kMaxSectionNo);
+    for (const FileInfoHead &file : index.files) {
+        if (file.m_u32HeadFlag != kFileInfoHeadFlag ||
+            AV_RecordSectionInfoHeadRead(indexFd.fd, &file, sections.data()) < 0)
+            continue;
+        ScopedFd media(AVFileOpen(CardMediaFilePath(cardDir, file.m_u32FileNo).c_str(), kAVFileModeRead));
+        uint32_t firstEntry = 0;
+        for (uint32_t slot = 0; slot < file.m_u32RecordSectionSum && slot < kMaxSectionNo; ++slot) {
+            if (sections[slot].m_u32HeadFlag != kSectionInfoHeadFlag) continue;
+            if (media.fd >= 0) fn(media.fd, sections[slot], firstEntry);
+            firstEntry += sections[slot].m_u32KeyFrameSum;
+        }
+    }
+    return 0;
+}
+
+int CheckCardFrames(const std::string &cardDir, std::vector<IndexProblem> *problems) {
+    std::unique_ptr<uint8_t[]> buf(new uint8_t[kFrameWalkBufferSize]);
+    int result = ForEachCardSection(cardDir, [&](int mediaFd, const SectionInfoHead &section,
+                                                 uint32_t first) {
+        SectionFrameWalk walk;
+        walk.onGap = [&](uint32_t brokeOff, uint32_t resumed) {
+            char text[128];
+            if (resumed != 0) {
+                snprintf(text, sizeof text, "frame at %#x unreadable; frames up to the key frame at %#x lost",
+                         brokeOff, resumed);
+            } else {
+                snprintf(text, sizeof text, "frame at %#x unreadable; the rest of the section is lost",
+                         brokeOff);
+            }
+            problems->push_back(IndexProblem{section.m_u32FileNo, section.m_u16SectionNo, text});
+        };
+        WalkSectionFrames(mediaFd, section, first, buf.get(), kFrameWalkBufferSize, walk);
+    });
+    if (result < 0) problems->push_back(IndexProblem{-1, 0, "the index cannot be read"});
+    return result;
 }
 
 std::string FormatIndexProblem(const IndexProblem &problem) {

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -35,6 +36,32 @@ struct IndexProblem {
 // Checks the card's index; the problems found (none: consistent). -1 when
 // the index cannot be read at all (reported as the first problem).
 int CheckCardIndex(const std::string &cardDir, std::vector<IndexProblem> *problems);
+
+// Walks the frames of one section with the bounded playback reader, from
+// the first pack behind the record file header to the end of the section's
+// data. Where a packet cannot be read it picks up again at the section's
+// next key frame whose entry (entries firstEntry .. firstEntry +
+// m_u32KeyFrameSum - 1 of the file) is valid, as a player resynchronises.
+// onFrame gets every frame read (its bytes in buf); onGap the offset where
+// reading broke off and where it picked up again (0: not before the end).
+struct SectionFrameWalk {
+    std::function<void(const uint8_t *frame, uint32_t length)> onFrame;  // onFrame
+    std::function<void(uint32_t brokeOff, uint32_t resumed)> onGap;      // onGap
+};
+void WalkSectionFrames(int mediaFd, const SectionInfoHead &section, uint32_t firstEntry, uint8_t *buf,
+                       uint32_t bufSize, const SectionFrameWalk &walk);
+
+// Calls fn for every section record in use of the card's index, with the
+// media file's descriptor (read-only) and the section's first key-frame
+// entry number. 0, or -1 when the index cannot be read.
+int ForEachCardSection(
+    const std::string &cardDir,
+    const std::function<void(int mediaFd, const SectionInfoHead &section, uint32_t firstEntry)> &fn);
+
+// The deep check: every section's frames walked; one problem for each place
+// where reading breaks off ("frame at ... unreadable"). Reads every byte of
+// recorded data. 0, or -1 when the index cannot be read.
+int CheckCardFrames(const std::string &cardDir, std::vector<IndexProblem> *problems);
 
 // "file 3 section 2: ..." / "header: ...".
 std::string FormatIndexProblem(const IndexProblem &problem);

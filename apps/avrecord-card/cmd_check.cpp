@@ -1,5 +1,6 @@
 // "avrecord-card check": verifies the index against the media files and
-// prints every problem found; exit 1 when there is any.
+// prints every problem found; exit 1 when there is any. With --frames every
+// recorded frame is read back as well, naming where reading breaks off.
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -27,6 +28,8 @@ int RunCheck(const CardArgs &args) {
     if (CheckCardIndex(args.card, &problems) != 0) {
         return CardFail(args, kExitCardProblem, "%s", problems.front().text.c_str());
     }
+    // --frames: also read every recorded frame back.
+    if (args.Has("--frames")) CheckCardFrames(args.card, &problems);
     for (const IndexProblem &problem : problems) PrintProblem(args, problem);
     if (args.json) {
         JsonLine()
@@ -44,4 +47,4 @@ int RunCheck(const CardArgs &args) {
 
 }  // namespace
 
-AVR_CARD_COMMAND(check, "check", "check [--card DIR] [--json]", {}, RunCheck);
+AVR_CARD_COMMAND(check, "check", "check [--card DIR] [--frames] [--json]", {}, RunCheck);

@@ -203,83 +203,32 @@ struct ReadBack {
     int sections = 0;         // sections walked
 };
 
-// Where the walk may pick up again in a section: its start and the frames
-// its valid key-frame entries point at, ascending.
-inline std::vector<uint32_t> SectionEntryPoints(int mediaFd, const SectionInfoHead &section,
-                                                uint32_t firstEntry) {
-    std::vector<uint32_t> points;
-    uint32_t count = std::min<uint32_t>(section.m_u32KeyFrameSum, kMediaFileSize / kKeyFrameEntrySize);
-    for (uint32_t k = 0; k < count; ++k) {
-        KeyFrameEntry entry;
-        if (AV_RecordKeyFrameEntryRead(mediaFd, KeyFrameEntryOffset(firstEntry + k), &entry) < 0 ||
-            entry.m_u32HeadFlag != kKeyFrameEntryFlag)
-            continue;
-        uint32_t at = section.m_u32SectionOffset + entry.m_u32FrameOffset;
-        points.push_back(entry.m_u32FrameOffset == 0 ? at + kRecordFileHeaderSize : at);
-    }
-    std::sort(points.begin(), points.end());
-    return points;
-}
-
-inline void WalkSection(int mediaFd, const SectionInfoHead &section, uint32_t firstEntry,
-                        const FrameCatalog &catalog, std::vector<uint8_t> &buf, ReadBack *out) {
-    std::vector<uint32_t> points = SectionEntryPoints(mediaFd, section, firstEntry);
-    uint64_t end64 = uint64_t{section.m_u32SectionOffset} + section.m_u32SectionSize;
-    uint32_t end = static_cast<uint32_t>(std::min<uint64_t>(end64, kKeyFrameTableOffset));
-    uint32_t at = section.m_u32SectionOffset + kRecordFileHeaderSize;
-    ++out->sections;
-    while (at < end) {
-        uint32_t next = at;
-        int type;
-        uint32_t length;
-        if (libAVRecordPlayBackGetPSFrameBounded(mediaFd, &next, end, &type, buf.data(), kReadBufferSize,
-                                                 &length, nullptr, nullptr) == 0 &&
-            next > at) {
-            int key = catalog.Find(buf.data(), length);
-            if (key < 0) {
-                ++out->foreign;
-            } else {
-                out->frames.push_back(key);
-            }
-            at = next;
-            continue;
-        }
-        auto resume = std::upper_bound(points.begin(), points.end(), at);
-        if (resume == points.end()) break;
-        ++out->resyncs;
-        at = *resume;
-    }
-}
-
 // Walks every section of every file record in use.
 inline ReadBack ReadBackCard(const std::string &card, const FrameCatalog &catalog) {
     ReadBack out;
-    CardIndex index;
-    std::string reason;
-    if (LoadCardIndex(card, &index, &reason) < 0) return out;
-    int indexFd = AVFileOpen((card + kIndexFileName).c_str(), kAVFileModeRead);
     std::vector<uint8_t> buf(kReadBufferSize);
-    std::vector<SectionInfoHead> sections(kMaxSectionNo);
-    for (const FileInfoHead &file : index.files) {
-        if (file.m_u32HeadFlag != kFileInfoHeadFlag ||
-            AV_RecordSectionInfoHeadRead(indexFd, &file, sections.data()) < 0)
-            continue;
-        int mediaFd = AVFileOpen(CardMediaFilePath(card, file.m_u32FileNo).c_str(), kAVFileModeRead);
-        uint32_t firstEntry = 0;
-        for (uint32_t slot = 0; slot < file.m_u32RecordSectionSum && slot < kMaxSectionNo; ++slot) {
-            if (sections[slot].m_u32HeadFlag != kSectionInfoHeadFlag) continue;
-            WalkSection(mediaFd, sections[slot], firstEntry, catalog, buf, &out);
-            firstEntry += sections[slot].m_u32KeyFrameSum;
+    SectionFrameWalk walk;
+    walk.onFrame = [&](const uint8_t *frame, uint32_t length) {
+        int key = catalog.Find(frame, length);
+        if (key < 0) {
+            ++out.foreign;
+        } else {
+            out.frames.push_back(key);
         }
-        AVFileClose(mediaFd);
-    }
-    AVFileClose(indexFd);
+    };
+    walk.onGap = [&](uint32_t, uint32_t resumed) { out.resyncs += resumed != 0; };
+    ForEachCardSection(card, [&](int mediaFd, const SectionInfoHead &section, uint32_t firstEntry) {
+        ++out.sections;
+        WalkSectionFrames(mediaFd, section, firstEntry, buf.data(), kReadBufferSize, walk);
+    });
     return out;
 }
 
-inline std::vector<IndexProblem> CheckCard(const std::string &card) {
+// The index check, and with frames the deep check too.
+inline std::vector<IndexProblem> CheckCard(const std::string &card, bool frames = false) {
     std::vector<IndexProblem> problems;
     CheckCardIndex(card, &problems);
+    if (frames) CheckCardFrames(card, &problems);
     return problems;
 }
 

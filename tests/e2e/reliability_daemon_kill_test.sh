@@ -8,6 +8,7 @@
 # cycles (KILL_CYCLES), else 2 kills 2-3.5 s in.
 # Prints "RELIABILITY kill-9-daemon|cycles|failures|figures".
 source "$(dirname "$0")/avrecord_e2e_lib.sh"
+source "$(dirname "$0")/reliability_lib.sh"
 cycles=2
 min_ms=2000
 max_ms=3500
@@ -19,8 +20,7 @@ fi
 
 make_card 4
 start_camera
-file_set() { (cd "$card" && stat -c '%n %s' * | sort); }
-file_set >"$work/files.before"
+file_set "$card" >"$work/files.before"
 
 # "NAME INDEXED" of the current file's last section, or "none 0".
 last_section() {
@@ -54,13 +54,10 @@ for ((cycle = 1; cycle <= cycles; cycle++)); do
     lost_list+=($((indexed - ${read_back:-0})))
     recorded=$((recorded + 1))
   fi
-  file_set | cmp -s - "$work/files.before" || fail "cycle $cycle: the card's file set changed"
+  file_set "$card" | cmp -s - "$work/files.before" || fail "cycle $cycle: the card's file set changed"
 done
 
-sorted=$(printf '%s\n' "${lost_list[@]:-0}" | sort -n)
-count=$(wc -l <<<"$sorted")
-p50=$(sed -n "$(((count + 1) / 2))p" <<<"$sorted")
-p99=$(sed -n "$(((count * 99 + 99) / 100))p" <<<"$sorted")
+read -r p50 p99 < <(percentiles "${lost_list[@]}")
 echo "RELIABILITY kill-9-daemon|$cycles cycles|$failures|corrupt_indexes=$corrupt sections=$(section_count)" \
   "frames_lost_per_kill_p50=$p50 p99=$p99"
 finish

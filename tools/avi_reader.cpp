@@ -38,7 +38,7 @@ uint32_t WordAt(const uint8_t *bytes, int offset) {
     return word;
 }
 
-int32_t EvenSize(int32_t size) { return size + (size & 1); }
+int64_t EvenSize(int64_t size) { return size + (size & 1); }
 
 // Top-level walk from offset 12 up to the RIFF size: remembers where hdrl,
 // movi and idx1 are. Lists are entered rather than skipped, and sizes are
@@ -68,7 +68,7 @@ bool WalkTopLevel(AviContext &ctx) {
             ctx.iIndexSize = after - 4;
             ctx.iIdx1Size = h.size;
             break;
-        } else if (!AviSkip(ctx.iAviFd, h.size - 4)) {
+        } else if (!AviSkip(ctx.iAviFd, int64_t{h.size} - 4)) {
             return false;
         }
     }
@@ -112,7 +112,7 @@ bool FindMovi(AviContext &ctx) {
     for (;;) {
         if (!ReadChunkHead(ctx.iAviFd, &h)) return false;
         if (Is(h.type, "movi")) return true;
-        if (!AviSkip(ctx.iAviFd, h.size - 4)) return false;
+        if (!AviSkip(ctx.iAviFd, int64_t{h.size} - 4)) return false;
     }
 }
 

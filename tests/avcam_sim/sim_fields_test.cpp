@@ -69,6 +69,24 @@ TEST_F(SimFields, EverySettingLandsInItsField) {
     EXPECT_EQ(last.endHour.ucType, 2);
 }
 
+// Fault injection writes what the checked settings refuse, but only into
+// the bytes the setting names.
+TEST_F(SimFields, UncheckedWritesOutOfRangeValues) {
+    EXPECT_FALSE(Set({"stream-type", "7"}));
+    ASSERT_TRUE(Set({"--unchecked", "stream-type", "7", "day-mode", "2", "9", "rotate", "200"}));
+    ASSERT_TRUE(Set({"--unchecked", "segment", "2", "0", "99:99-99:00", "255"}));
+    const SysInfo *info = GetSysInfo();
+    EXPECT_EQ(info->videoRecord.ucVideoStreamType, 7);
+    EXPECT_EQ(info->videoRecord.weekScope.dayScope[2].ucSocpeMode, 9);
+    EXPECT_EQ(info->ucVideoRotateMode, 200);
+    EXPECT_EQ(info->videoRecord.weekScope.dayScope[2].segment[0].beginHour.ucHour, 99);
+    EXPECT_EQ(info->videoRecord.weekScope.dayScope[2].segment[0].beginHour.ucMinute, 99);
+    EXPECT_EQ(info->videoRecord.weekScope.dayScope[2].segment[0].endHour.ucType, 255);
+    EXPECT_FALSE(Set({"--unchecked", "day-mode", "7", "1"}));  // no eighth weekday
+    EXPECT_FALSE(Set({"--unchecked", "stream-type", "256"}));  // wider than the byte
+    EXPECT_FALSE(Set({"--unchecked"}));
+}
+
 // The defaults of "run", read back through the camera-access getters.
 TEST_F(SimFields, RunDefaultsThroughThePropertyGetters) {
     SimEncoderConfig encoder;

@@ -18,9 +18,16 @@ constexpr long kSegmentMax = kSysDaySegments - 1;
 constexpr long kDayModeMax = TIME_SCOPE_DIFF;
 constexpr long kRotateMax = 3;
 
+// How values are checked. Unchecked (fault injection) lets a setting take
+// any value its bytes hold; which byte it lands in is always checked.
+struct ParseMode {
+    bool unchecked;
+    long Max(long max, long width) const { return unchecked ? width : max; }
+};
+
 // What one setting takes: its value words, checked, into changes.
-using FieldParser = bool (*)(const std::vector<std::string> &args, std::vector<FieldChange> *changes,
-                             std::string *error);
+using FieldParser = bool (*)(const std::vector<std::string> &args, const ParseMode &mode,
+                             std::vector<FieldChange> *changes, std::string *error);
 
 struct FieldDef {
     const char *name;
@@ -46,13 +53,15 @@ void PutByte(std::vector<FieldChange> *changes, uint32_t offset, long value) {
 // "HH:MM" or "HH:MM:SS" into hour, minute, second.
 // A segment end may be 24:00, the end of the day (the schedule counts to
 // the minute, so 23:59 would leave the day's last minute out).
-bool ParseTime(const std::string &text, uint8_t out[3], std::string *error, bool endOfDayAllowed = false) {
+// Unchecked, any two digits pass (hour 99).
+bool ParseTime(const std::string &text, const ParseMode &mode, uint8_t out[3], std::string *error,
+               bool endOfDayAllowed = false) {
     int h = -1, m = -1, s = 0;
     char tail = 0;
     int n = sscanf(text.c_str(), "%2d:%2d:%2d%c", &h, &m, &s, &tail);
     bool endOfDay = endOfDayAllowed && h == 24 && m == 0 && s == 0;
-    if ((n != 2 && n != 3) || h < 0 || (h > 23 && !endOfDay) || m < 0 || m > 59 || s < 0 || s > 59 ||
-        text.size() != (n == 2 ? 5u : 8u)) {
+    bool inRange = mode.unchecked || ((h <= 23 || endOfDay) && m <= 59 && s <= 59);
+    if ((n != 2 && n != 3) || h < 0 || m < 0 || s < 0 || !inRange || text.size() != (n == 2 ? 5u : 8u)) {
         *error = "bad time '" + text + "' (expected HH:MM or HH:MM:SS)";
         return false;
     }
@@ -62,11 +71,11 @@ bool ParseTime(const std::string &text, uint8_t out[3], std::string *error, bool
     return true;
 }
 
-bool StreamU16(const std::vector<std::string> &args, std::vector<FieldChange> *changes, std::string *error,
-               uint32_t (*offsetOf)(int)) {
+bool StreamU16(const std::vector<std::string> &args, const ParseMode &mode, std::vector<FieldChange> *changes,
+               std::string *error, uint32_t (*offsetOf)(int)) {
     long s = 0, v = 0;
     if (!Number(args[0], 0, kStreamMax, "stream", &s, error) ||
-        !Number(args[1], 1, kU16Max, "value", &v, error))
+        !Number(args[1], mode.unchecked ? 0 : 1, kU16Max, "value", &v, error))
         return false;
     uint16_t value = static_cast<uint16_t>(v);
     FieldChange change{offsetOf(static_cast<int>(s)), std::vector<uint8_t>(sizeof value), -1};
@@ -85,39 +94,49 @@ bool StreamByte(const std::vector<std::string> &args, std::vector<FieldChange> *
     return true;
 }
 
-bool Width(const std::vector<std::string> &a, std::vector<FieldChange> *c, std::string *e) {
-    return StreamU16(a, c, e, [](int s) { return SysStreamWidthOffset(s); });
+bool Width(const std::vector<std::string> &a, const ParseMode &mode, std::vector<FieldChange> *c,
+           std::string *e) {
+    return StreamU16(a, mode, c, e, [](int s) { return SysStreamWidthOffset(s); });
 }
-bool Height(const std::vector<std::string> &a, std::vector<FieldChange> *c, std::string *e) {
-    return StreamU16(a, c, e, [](int s) { return SysStreamHeightOffset(s); });
+bool Height(const std::vector<std::string> &a, const ParseMode &mode, std::vector<FieldChange> *c,
+            std::string *e) {
+    return StreamU16(a, mode, c, e, [](int s) { return SysStreamHeightOffset(s); });
 }
-bool Encoding(const std::vector<std::string> &a, std::vector<FieldChange> *c, std::string *e) {
+bool Encoding(const std::vector<std::string> &a, const ParseMode &mode, std::vector<FieldChange> *c,
+              std::string *e) {
+    (void)mode;
     return StreamByte(a, c, e, offsetof(SysInfo, iEncoding));
 }
-bool StreamMode(const std::vector<std::string> &a, std::vector<FieldChange> *c, std::string *e) {
+bool StreamMode(const std::vector<std::string> &a, const ParseMode &mode, std::vector<FieldChange> *c,
+                std::string *e) {
+    (void)mode;
     return StreamByte(a, c, e, offsetof(SysInfo, ucStreamMode));
 }
 
 // The rotation in force becomes preRotate, then the new one is set.
-bool Rotate(const std::vector<std::string> &a, std::vector<FieldChange> *c, std::string *e) {
+bool Rotate(const std::vector<std::string> &a, const ParseMode &mode, std::vector<FieldChange> *c,
+            std::string *e) {
     long v = 0;
-    if (!Number(a[0], 0, kRotateMax, "rotation", &v, e)) return false;
+    if (!Number(a[0], 0, mode.Max(kRotateMax, kU8Max), "rotation", &v, e)) return false;
     c->push_back(
         {offsetof(SysInfo, preRotate), {}, static_cast<int32_t>(offsetof(SysInfo, ucVideoRotateMode))});
     PutByte(c, offsetof(SysInfo, ucVideoRotateMode), v);
     return true;
 }
 
-bool DayMode(const std::vector<std::string> &a, std::vector<FieldChange> *c, std::string *e) {
-    long d = 0, mode = 0;
-    if (!Number(a[0], 0, kDayMax, "day", &d, e) || !Number(a[1], 0, kDayModeMax, "day mode", &mode, e))
+bool DayMode(const std::vector<std::string> &a, const ParseMode &mode, std::vector<FieldChange> *c,
+             std::string *e) {
+    long d = 0, dayMode = 0;
+    if (!Number(a[0], 0, kDayMax, "day", &d, e) ||
+        !Number(a[1], 0, mode.Max(kDayModeMax, kU8Max), "day mode", &dayMode, e))
         return false;
-    PutByte(c, SysDayModeOffset(static_cast<int>(d)), mode);
+    PutByte(c, SysDayModeOffset(static_cast<int>(d)), dayMode);
     return true;
 }
 
 // segment D K HH:MM-HH:MM TYPE
-bool Segment(const std::vector<std::string> &a, std::vector<FieldChange> *c, std::string *e) {
+bool Segment(const std::vector<std::string> &a, const ParseMode &mode, std::vector<FieldChange> *c,
+             std::string *e) {
     long d = 0, k = 0, type = 0;
     if (!Number(a[0], 0, kDayMax, "day", &d, e) || !Number(a[1], 0, kSegmentMax, "segment", &k, e))
         return false;
@@ -127,7 +146,8 @@ bool Segment(const std::vector<std::string> &a, std::vector<FieldChange> *c, std
         return false;
     }
     uint8_t begin[3], end[3];
-    if (!ParseTime(a[2].substr(0, dash), begin, e) || !ParseTime(a[2].substr(dash + 1), end, e, true))
+    if (!ParseTime(a[2].substr(0, dash), mode, begin, e) ||
+        !ParseTime(a[2].substr(dash + 1), mode, end, e, true))
         return false;
     if (!Number(a[3], 0, kU8Max, "record type", &type, e)) return false;
     ScopeSegment segment{{begin[0], begin[1], begin[2], 0},
@@ -178,11 +198,13 @@ const FieldDef *FindField(const std::string &name) {
 bool ParseSettings(const std::vector<std::string> &words, std::vector<FieldChange> *changes,
                    std::string *error) {
     std::vector<FieldChange> parsed;
-    if (words.empty()) {
+    ParseMode mode{!words.empty() && words[0] == kUncheckedFlag};
+    size_t first = mode.unchecked ? 1 : 0;
+    if (words.size() == first) {
         *error = "no setting given";
         return false;
     }
-    for (size_t i = 0; i < words.size();) {
+    for (size_t i = first; i < words.size();) {
         const FieldDef *field = FindField(words[i]);
         if (field == nullptr) {
             *error = "unknown setting '" + words[i] + "'";
@@ -197,10 +219,10 @@ bool ParseSettings(const std::vector<std::string> &words, std::vector<FieldChang
         std::string reason;
         bool ok = false;
         if (field->parse != nullptr) {
-            ok = field->parse(args, &parsed, &reason);
+            ok = field->parse(args, mode, &parsed, &reason);
         } else {
             long value = 0;
-            ok = Number(args[0], 0, field->max, "value", &value, &reason);
+            ok = Number(args[0], 0, mode.Max(field->max, kU8Max), "value", &value, &reason);
             if (ok) PutByte(&parsed, field->offset, value);
         }
         if (!ok) {

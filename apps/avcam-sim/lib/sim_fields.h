@@ -14,8 +14,14 @@ struct FieldChange {
     int32_t copyFrom;            // copyFrom, -1 for none
 };
 
-// Parses "NAME VALUE... [NAME VALUE...]". false with one clear reason for an
-// unknown name, a missing or bad value; nothing is returned then.
+// Leading word of a setting list that lifts the value checks: any value the
+// setting's bytes can hold is written, for fault injection ("stream-type 7",
+// "day-mode 3 9", "segment 1 0 99:00-99:00 0"). Stream, day and segment
+// numbers, which pick the bytes, stay checked.
+inline constexpr const char *kUncheckedFlag = "--unchecked";
+
+// Parses "[--unchecked] NAME VALUE... [NAME VALUE...]". false with one clear
+// reason for an unknown name, a missing or bad value; nothing is returned then.
 bool ParseSettings(const std::vector<std::string> &words, std::vector<FieldChange> *changes,
                    std::string *error);
 

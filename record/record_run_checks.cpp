@@ -37,7 +37,9 @@ RunEnd RecordRunCheck(const RunParams &start, uint32_t stream, const RunTurn &tu
     if (start.audioEnable == 1 && now.audioEncoding != start.audioEncoding) return RunEnd::kAudioEncoding;
     if (now.encoding != start.encoding) return RunEnd::kVideoEncoding;
     if (now.frameRate != start.frameRate) return RunEnd::kFrameRate;
-    if (turn.recordStreamType != stream) return RunEnd::kStreamType;
+    // A stream type naming no stream is no change of stream.
+    if (turn.recordStreamType < kSysStreamCount && turn.recordStreamType != stream)
+        return RunEnd::kStreamType;
     if (now.width != start.width || now.height != start.height) return RunEnd::kResolution;
     if (turn.recordEnable == 0) return RunEnd::kRecordDisabled;
     if (now.codecMode != start.codecMode) return RunEnd::kCodecMode;

@@ -7,6 +7,12 @@
 #include "common/log.h"
 #include "common/platform_paths.h"
 
+int RecordStreamTypeOf(int value, int current, const char *caller) {
+    if (value >= 0 && value <= kMaxStreamType) return value;
+    LogTrace("%s %d Param error, nStreamType = %d\n", caller, __LINE__, value);
+    return current;
+}
+
 RecordSettings ReadRecordSettings(const char *caller) {
     std::string file = PlatformPath(kSettingsFile);
     char value[kSettingValueSize] = {0};
@@ -15,10 +21,7 @@ RecordSettings ReadRecordSettings(const char *caller) {
     read_profile_string(kRecordSettingsSection, kStreamTypeKey, value, kSettingValueSize, "1", file.c_str());
     settings.nStreamType = atoi(value);
     LogTrace("%s %d nStreamType = %d\n", caller, __LINE__, settings.nStreamType);
-    if (settings.nStreamType < 0 || settings.nStreamType > kMaxStreamType) {
-        LogTrace("%s %d Param error, nStreamType = %d\n", caller, __LINE__, settings.nStreamType);
-        settings.nStreamType = kDefaultStreamType;
-    }
+    settings.nStreamType = RecordStreamTypeOf(settings.nStreamType, kDefaultStreamType, caller);
 
     read_profile_string(kRecordSettingsSection, kDurationKey, value, kSettingValueSize, "600", file.c_str());
     settings.nDuration = atoi(value);

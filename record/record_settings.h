@@ -19,3 +19,8 @@ struct RecordSettings {
 // Reads both keys (defaults "1" and "600"), logs them under the caller's
 // name and replaces values out of range by the defaults.
 RecordSettings ReadRecordSettings(const char *caller);
+
+// The record stream type SysInfo holds, when it names a stream (0..2);
+// otherwise logs the bad value under the caller's name and keeps current,
+// so a broken byte changes nothing about what is recorded.
+int RecordStreamTypeOf(int sysInfoValue, int current, const char *caller);

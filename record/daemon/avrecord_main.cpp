@@ -65,7 +65,7 @@ int main(int /*argc*/, char ** /*argv*/) {
         }
         const SysInfo *sysInfo = GetSysInfo();
         if (sysInfo == nullptr) return -1;
-        nStreamType = sysInfo->videoRecord.ucVideoStreamType;
+        nStreamType = RecordStreamTypeOf(sysInfo->videoRecord.ucVideoStreamType, nStreamType, __func__);
         LogTrace("%s %d nStreamType = %d, nDuration = %d nVideocodecmode = %d \n", __func__, __LINE__,
                  nStreamType, nDuration, sysInfo->nVideocodecmode);
         LogTrace("%s %d StartRecord\n", __func__, __LINE__);

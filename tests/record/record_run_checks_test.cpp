@@ -51,6 +51,7 @@ TEST(RecordRunChecksTest, EachConditionOnItsOwn) {
         {"video encoding", [](RunTurn &t) { t.now.encoding = 1; }, RunEnd::kVideoEncoding},
         {"frame rate", [](RunTurn &t) { t.now.frameRate = 30; }, RunEnd::kFrameRate},
         {"stream type", [](RunTurn &t) { t.recordStreamType = 1; }, RunEnd::kStreamType},
+        {"stream type naming no stream", [](RunTurn &t) { t.recordStreamType = 7; }, RunEnd::kNone},
         {"height", [](RunTurn &t) { t.now.height = 720; }, RunEnd::kResolution},
         {"record enable 0", [](RunTurn &t) { t.recordEnable = 0; }, RunEnd::kRecordDisabled},
         {"codec mode", [](RunTurn &t) { t.now.codecMode = 2; }, RunEnd::kCodecMode},

@@ -27,3 +27,12 @@ TEST(RecordSettingsTest, ValuesAreBoundedAndDefaulted) {
         EXPECT_EQ(settings.nDuration, c.duration) << (c.file ? c.file : "no file");
     }
 }
+
+// The stream type SysInfo holds replaces the current one only when it names
+// a stream.
+TEST(RecordSettingsTest, SysInfoStreamTypeOutOfRangeKeepsTheCurrent) {
+    EXPECT_EQ(RecordStreamTypeOf(2, 0, "test"), 2);
+    EXPECT_EQ(RecordStreamTypeOf(0, 2, "test"), 0);
+    EXPECT_EQ(RecordStreamTypeOf(7, 2, "test"), 2);
+    EXPECT_EQ(RecordStreamTypeOf(255, 0, "test"), 0);
+}

@@ -525,7 +525,10 @@ int GetLastIFrame(uint8_t *base, uint32_t MsgAVType, uint32_t VideoIndex, uint32
     uint8_t nal = 0;
     while (RunFlag(MsgAVType, VideoIndex) != 0) {
         pos = AskPosition(kAVStreamCmdLastIFrame, MsgAVType, VideoIndex);
-        if (pos < 0 || pos + static_cast<int32_t>(kAVRecordSlack + kNalHeaderOffset) >= limit) continue;
+        // The position comes from the encoder: compared in 64 bits, so one
+        // near INT32_MAX cannot wrap past the check.
+        if (pos < 0 || int64_t{pos} + static_cast<int64_t>(kAVRecordSlack + kNalHeaderOffset) >= limit)
+            continue;
         const uint8_t *payload = base + pos + kAVRecordSlack;
         nal = payload[kNalHeaderOffset];
         if (IsJpeg(payload)) break;

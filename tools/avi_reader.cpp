@@ -110,7 +110,8 @@ bool FindMovi(AviContext &ctx) {
         return false;
     }
     for (;;) {
-        if (!ReadChunkHead(ctx.iAviFd, &h)) return false;
+        // A negative size would step back to an earlier header for ever.
+        if (!ReadChunkHead(ctx.iAviFd, &h) || h.size < 0) return false;
         if (Is(h.type, "movi")) return true;
         if (!AviSkip(ctx.iAviFd, int64_t{h.size} - 4)) return false;
     }

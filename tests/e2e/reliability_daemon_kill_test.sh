@@ -20,7 +20,7 @@
 # Prints "RELIABILITY kill-9-daemon|cycles|failures|figures".
 source "$(dirname "$0")/avrecord_e2e_lib.sh"
 source "$(dirname "$0")/reliability_lib.sh"
-fat_image="$(dirname "$0")/fat_image.py"
+fat_image="$AVRECORD_SOURCE_DIR/scripts/fat-image"
 cycles=2
 min_ms=2000
 max_ms=3500
@@ -36,7 +36,7 @@ file_set "$card" >"$work/files.before"
 image=$work/card.img
 truncate -s 2G "$image"
 "$card_tool" format "$image" --init >/dev/null 2>&1 || fail "format of the card image"
-metadata_after_format=$(python3 "$fat_image" metadata "$image")
+metadata_after_format=$("$fat_image" metadata "$image")
 
 # Calls that change a file's size, name, existence, times or modes.
 metadata_calls='?open,openat,?openat2,?creat,truncate,ftruncate,fallocate,?rename,renameat,?renameat2,?unlink'
@@ -113,10 +113,10 @@ for ((cycle = 1; cycle <= cycles; cycle++)); do
 done
 
 # The recorded card inside the formatted image.
-placed=$(python3 "$fat_image" place "$image" "$card" | sed -nE 's/^([0-9]+) files placed/\1/p')
+placed=$("$fat_image" place "$image" "$card" | sed -nE 's/^([0-9]+) files placed/\1/p')
 [ "${placed:-0}" -eq "$(wc -l <"$work/files.before")" ] || fail "placed ${placed:-0} files into the image"
 image_unchanged=yes
-[ "$(python3 "$fat_image" metadata "$image")" = "$metadata_after_format" ] || image_unchanged=no
+[ "$("$fat_image" metadata "$image")" = "$metadata_after_format" ] || image_unchanged=no
 [ $image_unchanged = yes ] || fail "the image's reserved sectors, FATs or root directory differ from those after formatting"
 "$AVRECORD_SOURCE_DIR/scripts/fsck-card" "$image" >"$work/fsck.txt" 2>&1 || fail "fsck.fat: $(head -3 "$work/fsck.txt")"
 mcopy -n -i "$image" ::index000.bin "$work/index.mtools" 2>/dev/null &&

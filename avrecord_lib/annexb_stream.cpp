@@ -2,30 +2,12 @@
 
 #include <cstring>
 
+#include "common/nal_unit.h"
+
 namespace {
 
 constexpr size_t kStartCodeShort = 3;
 constexpr size_t kMaxSpsBytes = 512;  // more than any parameter set we read needs
-
-// H.264 NAL unit types.
-constexpr int kAvcSei = 6;
-constexpr int kAvcSps = 7;
-constexpr int kAvcAud = 9;
-constexpr int kAvcPrefixFirst = 14;
-constexpr int kAvcPrefixLast = 18;
-constexpr int kAvcSliceFirst = 1;
-constexpr int kAvcSliceLast = 5;
-
-// H.265 NAL unit types.
-constexpr int kHevcVclLast = 31;
-constexpr int kHevcVps = 32;
-constexpr int kHevcSps = 33;
-constexpr int kHevcAud = 35;
-constexpr int kHevcPrefixSei = 39;
-constexpr int kHevcReservedFirst = 41;
-constexpr int kHevcReservedLast = 44;
-constexpr int kHevcUnspecFirst = 48;
-constexpr int kHevcUnspecLast = 55;
 
 // Header bytes of a NAL unit behind a start code ending at `at`.
 struct NalView {
@@ -40,16 +22,17 @@ NalView ViewNal(const uint8_t *data, size_t size, size_t at, VideoCodec codec) {
     size_t headerSize = codec == VideoCodec::kH264 ? 1 : 2;
     if (at + headerSize >= size) return nal;
     if (codec == VideoCodec::kH264) {
-        nal.type = data[at] & 31;
-        nal.vcl = nal.type >= kAvcSliceFirst && nal.type <= kAvcSliceLast;
-        nal.startsUnit = (nal.type >= kAvcSei && nal.type <= kAvcAud) ||
-                         (nal.type >= kAvcPrefixFirst && nal.type <= kAvcPrefixLast);
+        nal.type = H264NalType(data[at]);
+        nal.vcl = nal.type >= kH264NalSlice && nal.type <= kH264NalIdr;
+        nal.startsUnit = (nal.type >= kH264NalSei && nal.type <= kH264NalAud) ||
+                         (nal.type >= kH264NalPrefixFirst && nal.type <= kH264NalPrefixLast);
     } else {
-        nal.type = (data[at] >> 1) & 63;
-        nal.vcl = nal.type <= kHevcVclLast;
-        nal.startsUnit = (nal.type >= kHevcVps && nal.type <= kHevcAud) || nal.type == kHevcPrefixSei ||
-                         (nal.type >= kHevcReservedFirst && nal.type <= kHevcReservedLast) ||
-                         (nal.type >= kHevcUnspecFirst && nal.type <= kHevcUnspecLast);
+        nal.type = H265NalType(data[at]);
+        nal.vcl = nal.type <= kH265NalVclLast;
+        nal.startsUnit = (nal.type >= kH265NalVps && nal.type <= kH265NalAud) ||
+                         nal.type == kH265NalPrefixSei ||
+                         (nal.type >= kH265NalReservedFirst && nal.type <= kH265NalReservedLast) ||
+                         (nal.type >= kH265NalUnspecFirst && nal.type <= kH265NalUnspecLast);
     }
     // first_mb_in_slice == 0 / first_slice_segment_in_pic_flag: top bit set.
     nal.firstSlice = nal.vcl && (data[at + headerSize] & 0x80) != 0;
@@ -247,7 +230,7 @@ size_t AnnexBAccessUnitEnd(const uint8_t *data, size_t size, size_t start, Video
 }
 
 int AnnexBPictureSize(const uint8_t *data, size_t size, VideoCodec codec, PictureSize *picture) {
-    int spsType = codec == VideoCodec::kH264 ? kAvcSps : kHevcSps;
+    int spsType = codec == VideoCodec::kH264 ? kH264NalSps : kH265NalSps;
     size_t headerSize = codec == VideoCodec::kH264 ? 1 : 2;
     for (size_t at = AnnexBNextStartCode(data, size, 0); at < size;) {
         size_t next = AnnexBNextStartCode(data, size, at + kStartCodeShort);

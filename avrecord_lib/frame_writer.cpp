@@ -15,6 +15,7 @@
 #include "avrecord_lib/record_index.h"
 #include "avrecord_lib/record_section.h"
 #include "common/log.h"
+#include "common/nal_unit.h"
 #include "common/platform_paths.h"
 #include "sysconfig/camera_access.h"
 #include "sysconfig/camera_property.h"
@@ -25,10 +26,6 @@ uint32_t g_u32Offset = 0;
 namespace {
 
 constexpr int kMaxChannels = 4;
-constexpr uint8_t kH264NalSps = 7;
-constexpr uint8_t kH265NalTrail = 1;
-constexpr uint8_t kH265NalVps = 32;
-constexpr uint32_t kNalHeaderAt = 4;
 constexpr uint8_t kEncoderKeyMark = 1;
 
 // Audio codec types of the channel settings and the codes they map to.
@@ -115,12 +112,12 @@ struct FrameClass {
 FrameClass ClassifyFrame(const uint8_t *data, uint32_t length) {
     FrameClass cls{kVideoCodecH264, false};
     if (length < kNalHeaderAt + 2) return cls;
-    uint8_t h264 = data[kNalHeaderAt] & 31;
-    if (h264 == 1 || h264 == 5 || h264 == kH264NalSps || h264 == 8) {
+    int h264 = H264NalType(data[kNalHeaderAt]);
+    if (H264PictureOrParamSet(h264)) {
         cls.key = h264 == kH264NalSps;
         return cls;
     }
-    uint32_t h265 = ((data[kNalHeaderAt] * 256u + data[kNalHeaderAt + 1]) >> 9) & 63;
+    int h265 = H265NalType(data[kNalHeaderAt]);
     if (h265 == kH265NalTrail || h265 == kH265NalVps) {
         cls.codec = kVideoCodecH265;
         cls.key = h265 == kH265NalVps;

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "common/log.h"
+#include "common/nal_unit.h"
 
 const uint8_t kRecordFileHeader[kRecordFileHeaderSize] = {
     'I',  'M',  'K',  'H',  0x01, 0x02, 0x00, 0x00, 0x02, 0x00, 0x00, 0x01,
@@ -18,7 +19,6 @@ constexpr uint8_t kSystemHeaderStartCode = 0xBB;
 constexpr uint8_t kStreamMapStartCode = 0xBC;
 constexpr uint8_t kVideoStreamId = 0xE0;
 constexpr uint8_t kAudioStreamId = 0xC0;
-constexpr uint8_t kNalStartCode[4] = {0x00, 0x00, 0x00, 0x01};
 constexpr uint64_t kTimeStampMask = (uint64_t{1} << 33) - 1;
 constexpr double kTimeStampClock = 90000;
 constexpr uint32_t kLargeFrameLog = 65536;

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "common/log.h"
+#include "common/nal_unit.h"
 #include "ipc/sysv_ipc.h"
 
 namespace {
@@ -30,14 +31,6 @@ constexpr uint32_t kSerialBehindSleepMs = 8;
 constexpr uint32_t kKeyFrameSleepMs = 10;
 constexpr uint32_t kPauseSleepMs = 500;
 constexpr int32_t kTalkLengthLimitPrinted = 0x100000;
-constexpr size_t kNalHeaderOffset = 4;
-constexpr uint8_t kStartCode[] = {0x00, 0x00, 0x00, 0x01};
-constexpr uint8_t kH264NalMask = 0x1F;
-constexpr uint8_t kH264NalSlice = 1;
-constexpr uint8_t kH264NalIdr = 5;
-constexpr uint8_t kH264NalSps = 7;
-constexpr uint8_t kH264NalPps = 8;
-constexpr uint8_t kH265NalVps = 32;
 constexpr const char kThreadName[] = "AVStreamGetAVDataThread";
 
 // Process-wide control state.
@@ -90,10 +83,7 @@ bool IsJpeg(const uint8_t *payload) { return payload[0] == 0xFF && payload[1] ==
 
 // An H.265 VPS that does not also read as an H.264 slice, IDR, SPS or PPS.
 bool IsH265Vps(uint8_t nal) {
-    uint8_t h264 = nal & kH264NalMask;
-    bool h264Type =
-        h264 == kH264NalSlice || h264 == kH264NalIdr || h264 == kH264NalSps || h264 == kH264NalPps;
-    return !h264Type && ((nal >> 1) & 0x3F) == kH265NalVps;
+    return !H264PictureOrParamSet(H264NalType(nal)) && H265NalType(nal) == kH265NalVps;
 }
 
 // The reader thread's own state.
@@ -294,11 +284,12 @@ int32_t NextRecordPos(const AVStreamReader &r) {
 // The record after the current one begins a slice or an SPS (H.264).
 bool NextRecordStartsPicture(const AVStreamReader &r) {
     int64_t next = NextRecordPos(r);
-    int64_t nalAt = next + static_cast<int64_t>(kAVRecordSlack + kNalHeaderOffset);
+    int64_t nalAt = next + static_cast<int64_t>(kAVRecordSlack + kNalHeaderAt);
     if (next < 0 || nalAt >= static_cast<int64_t>(AVStreamSegmentSize(r.VideoIndex))) return false;
     const uint8_t *payload = r.Base + next + kAVRecordSlack;
-    uint8_t nal = payload[kNalHeaderOffset] & kH264NalMask;
-    return StartsWith(payload, kStartCode, sizeof kStartCode) && (nal == kH264NalSlice || nal == kH264NalSps);
+    int nal = H264NalType(payload[kNalHeaderAt]);
+    return StartsWith(payload, kNalStartCode, sizeof kNalStartCode) &&
+           (nal == kH264NalSlice || nal == kH264NalSps);
 }
 
 void OnEqualSerial(AVStreamReader &r) {
@@ -527,10 +518,9 @@ int GetLastIFrame(uint8_t *base, uint32_t MsgAVType, uint32_t VideoIndex, uint32
         pos = AskPosition(kAVStreamCmdLastIFrame, MsgAVType, VideoIndex);
         // The position comes from the encoder: compared in 64 bits, so one
         // near INT32_MAX cannot wrap past the check.
-        if (pos < 0 || int64_t{pos} + static_cast<int64_t>(kAVRecordSlack + kNalHeaderOffset) >= limit)
-            continue;
+        if (pos < 0 || int64_t{pos} + static_cast<int64_t>(kAVRecordSlack + kNalHeaderAt) >= limit) continue;
         const uint8_t *payload = base + pos + kAVRecordSlack;
-        nal = payload[kNalHeaderOffset];
+        nal = payload[kNalHeaderAt];
         if (IsJpeg(payload)) break;
         uint32_t serial = 0;
         memcpy(&serial, base + pos + offsetof(AVDataInfo, SerialNumber), sizeof serial);
@@ -539,7 +529,7 @@ int GetLastIFrame(uint8_t *base, uint32_t MsgAVType, uint32_t VideoIndex, uint32
                 LogTrace("%s %d: 3516A nalu = 0x%02X\n", __func__, __LINE__, nal);
                 break;
             }
-            if (StartsWith(payload, kStartCode, sizeof kStartCode) && (nal & kH264NalMask) == kH264NalSps) {
+            if (StartsWith(payload, kNalStartCode, sizeof kNalStartCode) && H264NalType(nal) == kH264NalSps) {
                 LogTrace("%s %d: AVType = %d VideoIndex = %d VideoPos = %d\n", __func__, __LINE__, MsgAVType,
                          VideoIndex, pos);
                 break;
@@ -548,7 +538,7 @@ int GetLastIFrame(uint8_t *base, uint32_t MsgAVType, uint32_t VideoIndex, uint32
         SleepMs(kKeyFrameSleepMs);
         if (RunFlag(MsgAVType, VideoIndex) == 0) break;
     }
-    LogTrace("%s %d: VideoPos = %d nalu = 0x%02X\n", __func__, __LINE__, pos, nal & kH264NalMask);
+    LogTrace("%s %d: VideoPos = %d nalu = 0x%02X\n", __func__, __LINE__, pos, H264NalType(nal));
     return pos;
 }
 

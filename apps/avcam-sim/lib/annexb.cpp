@@ -1,42 +1,29 @@
 #include "lib/annexb.h"
 
+#include "common/nal_unit.h"
 #include "lib/sim_io.h"
 
 namespace {
 
-constexpr uint8_t kStartCode[] = {0, 0, 0, 1};
 constexpr size_t kShortStartCode = 3;
 
-// H.264 NAL unit types.
-constexpr int kH264Slice = 1;
-constexpr int kH264Idr = 5;
-constexpr int kH264Sps = 7;
-constexpr int kH264Pps = 8;
-// H.265 NAL unit types.
-constexpr int kH265VclLast = 31;
-constexpr int kH265IrapFirst = 16;
-constexpr int kH265IrapLast = 23;
-constexpr int kH265Vps = 32;
-constexpr int kH265Sps = 33;
-constexpr int kH265Pps = 34;
-constexpr int kH265Aud = 35;
-constexpr int kH265PrefixSei = 39;
-
 int NalType(const uint8_t *nal, VideoCodec codec) {
-    return codec == VideoCodec::kH264 ? nal[0] & 0x1F : (nal[0] >> 1) & 0x3F;
+    return codec == VideoCodec::kH264 ? H264NalType(nal[0]) : H265NalType(nal[0]);
 }
 
 bool IsVcl(int type, VideoCodec codec) {
-    return codec == VideoCodec::kH264 ? type >= kH264Slice && type <= kH264Idr : type <= kH265VclLast;
+    return codec == VideoCodec::kH264 ? type >= kH264NalSlice && type <= kH264NalIdr
+                                      : type <= kH265NalVclLast;
 }
 
 bool IsKeyPicture(int type, VideoCodec codec) {
-    return codec == VideoCodec::kH264 ? type == kH264Idr : type >= kH265IrapFirst && type <= kH265IrapLast;
+    return codec == VideoCodec::kH264 ? type == kH264NalIdr
+                                      : type >= kH265NalIrapFirst && type <= kH265NalIrapLast;
 }
 
 bool IsParamSet(int type, VideoCodec codec) {
-    return codec == VideoCodec::kH264 ? type == kH264Sps || type == kH264Pps
-                                      : type == kH265Vps || type == kH265Sps || type == kH265Pps;
+    return codec == VideoCodec::kH264 ? type == kH264NalSps || type == kH264NalPps
+                                      : type == kH265NalVps || type == kH265NalSps || type == kH265NalPps;
 }
 
 // Zero bytes, then 00 00 01: the buffer begins with a start code.
@@ -65,7 +52,7 @@ UnitView ViewUnit(const uint8_t *data, size_t begin, size_t end, VideoCodec code
         if (nalEnd == nal) continue;
         int type = NalType(data + nal, codec);
         std::vector<uint8_t> &to = IsParamSet(type, codec) ? unit.paramSets : unit.bytes;
-        to.insert(to.end(), kStartCode, kStartCode + sizeof kStartCode);
+        to.insert(to.end(), kNalStartCode, kNalStartCode + sizeof kNalStartCode);
         to.insert(to.end(), data + nal, data + nalEnd);
         unit.picture = unit.picture || IsVcl(type, codec);
         unit.key = unit.key || IsKeyPicture(type, codec);
@@ -127,10 +114,10 @@ bool LoadAnnexB(const std::string &path, VideoInput *out, std::string *error) {
     // a non-zero temporal id in the second byte; the units an H.264 stream
     // begins with (SPS, AUD, SEI) do not read that way.
     const uint8_t *nal = data.data() + first + (data[first + 2] == 1 ? 3 : 4);
-    int h265Type = (nal[0] >> 1) & 0x3F;
-    bool h265 =
-        (nal[0] & 0x81) == 0 && (nal[1] & 0x07) != 0 &&
-        (h265Type == kH265Vps || h265Type == kH265Aud || h265Type == kH265PrefixSei || h265Type == kH265Sps);
+    int h265Type = H265NalType(nal[0]);
+    bool h265 = (nal[0] & 0x81) == 0 && (nal[1] & 0x07) != 0 &&
+                (h265Type == kH265NalVps || h265Type == kH265NalAud || h265Type == kH265NalPrefixSei ||
+                 h265Type == kH265NalSps);
     if (!ParseAnnexB(data, h265 ? VideoCodec::kH265 : VideoCodec::kH264, out, error)) {
         *error = path + ": " + *error;
         return false;

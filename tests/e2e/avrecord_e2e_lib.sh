@@ -88,13 +88,13 @@ diff_day_segment() {
 
 sim_set() { "$sim" set "$@" >/dev/null || fail "avcam-sim set $*"; }
 
-# start_daemon [ENV=VALUE...]: AVRecord with the test root; its log in $log.
+# start_daemon [ENV=VALUE...]: AVRecord with the test root, under the
+# command in daemon_wrapper when a test sets one; its log in $log.
+daemon_wrapper=()
 start_daemon() {
-  if [ -n "${AVRECORD_ARM_DAEMON:-}" ]; then
-    env AVRECORD_ROOT="$root" "$@" qemu-arm-static -L /usr/arm-linux-gnueabihf "$AVRECORD_ARM_DAEMON" 2>>"$log" &
-  else
-    env AVRECORD_ROOT="$root" "$@" "$daemon" 2>>"$log" &
-  fi
+  local run=("$daemon")
+  [ -n "${AVRECORD_ARM_DAEMON:-}" ] && run=(qemu-arm-static -L /usr/arm-linux-gnueabihf "$AVRECORD_ARM_DAEMON")
+  env AVRECORD_ROOT="$root" "$@" "${daemon_wrapper[@]}" "${run[@]}" 2>>"$log" &
   daemonpid=$!
 }
 

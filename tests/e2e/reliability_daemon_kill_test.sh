@@ -48,10 +48,10 @@ strace -f -qq -o /dev/null true 2>/dev/null && traced=1
 
 # start_daemon, under strace when it works here; $daemonpid is the daemon.
 start_audited_daemon() {
-  [ $traced -eq 1 ] || { start_daemon; return; }
-  env AVRECORD_ROOT="$root" strace -f --seccomp-bpf -qq -y -o "$work/trace.$cycle" -e trace="$metadata_calls" \
-    "$daemon" 2>>"$log" &
-  tracerpid=$!
+  [ $traced -eq 1 ] && daemon_wrapper=(strace -f --seccomp-bpf -qq -y -o "$work/trace.$cycle" -e trace="$metadata_calls")
+  start_daemon
+  [ $traced -eq 1 ] || return 0
+  tracerpid=$daemonpid
   daemonpid=
   for _ in $(seq 100); do
     daemonpid=$(pgrep -P "$tracerpid" -x AVRecord) && return

@@ -102,14 +102,12 @@ bool Height(const std::vector<std::string> &a, const ParseMode &mode, std::vecto
             std::string *e) {
     return StreamU16(a, mode, c, e, [](int s) { return SysStreamHeightOffset(s); });
 }
-bool Encoding(const std::vector<std::string> &a, const ParseMode &mode, std::vector<FieldChange> *c,
+bool Encoding(const std::vector<std::string> &a, const ParseMode &, std::vector<FieldChange> *c,
               std::string *e) {
-    (void)mode;
     return StreamByte(a, c, e, offsetof(SysInfo, iEncoding));
 }
-bool StreamMode(const std::vector<std::string> &a, const ParseMode &mode, std::vector<FieldChange> *c,
+bool StreamMode(const std::vector<std::string> &a, const ParseMode &, std::vector<FieldChange> *c,
                 std::string *e) {
-    (void)mode;
     return StreamByte(a, c, e, offsetof(SysInfo, ucStreamMode));
 }
 

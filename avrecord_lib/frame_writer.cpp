@@ -1,12 +1,12 @@
 #include "avrecord_lib/frame_writer.h"
 
-#include <pthread.h>
 #include <sys/sysinfo.h>
 
 #include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <mutex>
 #include <string>
 
 #include "avrecord_lib/ps_packetizer.h"
@@ -60,7 +60,7 @@ struct WriterState {
     struct timeval refWall {};                // wall clock at the first key frame
     uint32_t refUptime = 0;                   // uptime at the first key frame
     RecordEncodingInfo encoding{};            // channel settings, re-read per frame
-    pthread_mutex_t mutex;                    // created and destroyed, never locked
+    std::mutex gate;                          // held by a frame in flight, the open and the close
     uint32_t videoTally[kMaxChannels] = {};   // video frames per channel
 };
 WriterState g_writer;
@@ -102,6 +102,11 @@ RecordWallClock g_wallClock = SystemWallClock;
 RecordUptimeClock g_uptimeClock = SystemUptime;
 RecordEncodingSource g_encodingSource = CameraEncodingSource;
 std::string g_cardDir;  // empty: the card mount point
+WriterStepHook g_stepHook = nullptr;
+
+void Step(WriterStep step) {
+    if (g_stepHook != nullptr) g_stepHook(step);
+}
 
 // What the NAL header of a video frame tells.
 struct FrameClass {
@@ -233,9 +238,70 @@ void UpdateIndex(WriterState &w, uint32_t time, uint32_t length, bool entryWritt
     AV_RecordFileInfoHeadAddDataSize(file, length);
     if (time >= file->m_u32EndTime) AV_RecordFileInfoHeadSetEndTime(file, time);
     AV_RecordFileInfoHeadCountKeyFrame(file, entryWritten);
+    Step(WriterStep::kRecordsUpdated);
     AV_RecordSectionInfoHeadWrite(w.indexFd, file, section);
     AV_RecordFileInfoHeadWrite(w.indexFd, info, file);
     AV_RecordConfigInfoWrite(w.indexFd, info);
+}
+
+bool Recording(const WriterState &w, int channel) {
+    return w.recordingOn.load(std::memory_order_relaxed) &&
+           channel == w.channel.load(std::memory_order_relaxed);
+}
+
+// One frame that passed the gate, from its classification to the index.
+int WriteAdmittedFrame(WriterState &w, int channel, int kind, const uint8_t *data, const AVDataInfo *info) {
+    uint32_t length = static_cast<uint32_t>(info->AVDataLen);
+    bool video = kind == kFrameKindVideo;
+    g_encodingSource(channel, &w.encoding);
+    FrameClass cls = video ? ClassifyFrame(data, length) : FrameClass{kVideoCodecH264, false};
+    if (!w.writingEnabled.load(std::memory_order_relaxed)) return 0;
+    // Past the full mark the sizes no longer grow, so no section could
+    // account for the frame: it is left out until the run moves on.
+    if (AV_RecordFileInfoHeadIsFull(GetFileInfoHead())) return 0;
+    Step(WriterStep::kAdmitted);
+
+    if (!w.sectionStarted && cls.key) StartSection(w, cls.codec);
+    if (!w.sectionStarted && !w.firstKeyPending) {
+        w.refUptime = 0;
+        return -1;
+    }
+    uint32_t time = FrameTime(w);
+    bool marked = info->KeyFrameFlag == kEncoderKeyMark;
+
+    const uint8_t *start = nullptr;
+    int psLength = BuildFrame(w, kind, cls.key || marked, data, length, time, &start);
+    if (psLength < 0) return -1;
+    if (AV_RecordStreamInfoWrite(w.mediaFd, g_u32Offset, start, static_cast<uint32_t>(psLength)) == 0)
+        return 0;
+    Step(WriterStep::kMediaWritten);
+
+    if (w.firstKeyPending) {
+        w.sectionStarted = true;
+        w.firstKeyPending = false;
+        time = GetSectionInfoHead()->m_u32StartTime;
+    }
+    uint32_t written = static_cast<uint32_t>(psLength);
+    w.fileSize += written;
+    g_u32Offset += written;
+
+    uint32_t pixels = uint32_t{w.param.u16Width} * w.param.u16Height;
+    bool entry = video && (cls.key || (marked && pixels >= kKeyEntryMinPixels));
+    if (entry) {
+        WriteKeyFrameEntry(w, time, written, marked ? kKeyTypeEncoderMark : kKeyTypeParameterSet);
+        Step(WriterStep::kKeyEntryWritten);
+    }
+    UpdateIndex(w, time, written, entry, !video);
+    return 0;
+}
+
+// Closes what an earlier open left: a failed open keeps the index open,
+// and a run that returned without its end steps keeps both.
+void CloseLeftDescriptors(WriterState &w) {
+    if (w.indexFd >= 0) AVFileClose(w.indexFd);
+    if (w.mediaFd >= 0) AVFileClose(w.mediaFd);
+    w.indexFd = -1;
+    w.mediaFd = -1;
 }
 
 }  // namespace
@@ -243,6 +309,8 @@ void UpdateIndex(WriterState &w, uint32_t time, uint32_t length, bool entryWritt
 void LS_RecordSetEncodingSource(RecordEncodingSource source) {
     g_encodingSource = source != nullptr ? source : CameraEncodingSource;
 }
+
+void LS_RecordSetStepHook(WriterStepHook hook) { g_stepHook = hook; }
 
 void LS_RecordSetCardDir(const char *dir) { g_cardDir = dir != nullptr ? dir : ""; }
 
@@ -259,7 +327,8 @@ uint32_t LS_RecordVideoFrameTally(int channel) {
 int LS_RecordInit(const FileInfoHead *file, int channel) {
     if (file == nullptr) return -1;
     WriterState &w = g_writer;
-    pthread_mutex_init(&w.mutex, nullptr);
+    std::lock_guard<std::mutex> gate(w.gate);
+    CloseLeftDescriptors(w);
 
     char path[256];
     std::string card = g_cardDir.empty() ? PlatformPath(kCardMountPoint) : g_cardDir;
@@ -291,56 +360,31 @@ int LS_RecordInit(const FileInfoHead *file, int channel) {
 
 int libAVRecordWriteFrame(int channel, int kind, const uint8_t *data, const AVDataInfo *info) {
     WriterState &w = g_writer;
-    if (!w.recordingOn.load(std::memory_order_relaxed) ||
-        channel != w.channel.load(std::memory_order_relaxed)) {
-        return 0;
-    }
+    if (!Recording(w, channel)) return 0;
     if (data == nullptr || info == nullptr || info->AVDataLen < 0 ||
         static_cast<uint32_t>(info->AVDataLen) > kMaxFrameLength) {
         return -1;
     }
-    uint32_t length = static_cast<uint32_t>(info->AVDataLen);
-    bool video = kind == kFrameKindVideo;
-    if (video && channel >= 0 && channel < kMaxChannels) {
+    if (kind == kFrameKindVideo && channel >= 0 && channel < kMaxChannels) {
         std::atomic_ref<uint32_t>(w.videoTally[channel]).fetch_add(1, std::memory_order_relaxed);
     }
-    g_encodingSource(channel, &w.encoding);
-    FrameClass cls = video ? ClassifyFrame(data, length) : FrameClass{kVideoCodecH264, false};
-    if (!w.writingEnabled.load(std::memory_order_relaxed)) return 0;
+    // The gate: a frame that gets through is written whole before the run
+    // can end the section; one that comes after the end is not taken.
+    std::lock_guard<std::mutex> gate(w.gate);
+    if (!Recording(w, channel)) return 0;
+    return WriteAdmittedFrame(w, channel, kind, data, info);
+}
 
-    if (!w.sectionStarted && cls.key) StartSection(w, cls.codec);
-    if (!w.sectionStarted && !w.firstKeyPending) {
-        w.refUptime = 0;
-        return -1;
-    }
-    uint32_t time = FrameTime(w);
-    bool marked = info->KeyFrameFlag == kEncoderKeyMark;
-
-    const uint8_t *start = nullptr;
-    int psLength = BuildFrame(w, kind, cls.key || marked, data, length, time, &start);
-    if (psLength < 0) return -1;
-    if (AV_RecordStreamInfoWrite(w.mediaFd, g_u32Offset, start, static_cast<uint32_t>(psLength)) == 0)
-        return 0;
-
-    if (w.firstKeyPending) {
-        w.sectionStarted = true;
-        w.firstKeyPending = false;
-        time = GetSectionInfoHead()->m_u32StartTime;
-    }
-    uint32_t written = static_cast<uint32_t>(psLength);
-    w.fileSize += written;
-    g_u32Offset += written;
-
-    uint32_t pixels = uint32_t{w.param.u16Width} * w.param.u16Height;
-    bool entry = video && (cls.key || (marked && pixels >= kKeyEntryMinPixels));
-    if (entry) WriteKeyFrameEntry(w, time, written, marked ? kKeyTypeEncoderMark : kKeyTypeParameterSet);
-    UpdateIndex(w, time, written, entry, !video);
-    return 0;
+void LS_RecordStop() {
+    WriterState &w = g_writer;
+    w.recordingOn.store(0, std::memory_order_relaxed);
+    std::lock_guard<std::mutex> gate(w.gate);
 }
 
 int LS_RecordClose() {
     WriterState &w = g_writer;
     w.recordingOn.store(0, std::memory_order_relaxed);
+    std::lock_guard<std::mutex> gate(w.gate);
     AVFileClose(w.indexFd);
     AVFileClose(w.mediaFd);
     w.indexFd = -1;
@@ -358,6 +402,5 @@ int LS_RecordClose() {
     w.sectionStarted = false;
     w.fileSize = 0;
     w.frameCounter = 0;
-    pthread_mutex_destroy(&w.mutex);
     return 0;
 }

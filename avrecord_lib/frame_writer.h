@@ -50,6 +50,18 @@ typedef void (*RecordWallClock)(struct timeval *now);
 typedef uint32_t (*RecordUptimeClock)();
 void LS_RecordSetClocks(RecordWallClock wall, RecordUptimeClock uptime);
 
+// Points between the writer's steps for one frame, in their order. A test
+// holds a frame at one of them to run the record run's end against it.
+enum class WriterStep {
+    kAdmitted,         // the frame passed the gate; nothing written yet
+    kMediaWritten,     // its bytes are in the media file
+    kKeyEntryWritten,  // its key-frame entry is in the table (key frames only)
+    kRecordsUpdated,   // the records hold it in memory, not yet on the card
+};
+typedef void (*WriterStepHook)(WriterStep step);
+// Installs the hook (nullptr removes it); set while no frame is written.
+void LS_RecordSetStepHook(WriterStepHook hook);
+
 // Card directory the writer opens its files in (with a trailing '/');
 // nullptr restores the card mount point. Tools writing to a card image use it.
 void LS_RecordSetCardDir(const char *dir);
@@ -60,9 +72,18 @@ int LS_RecordInit(const FileInfoHead *file, int channel);
 
 // One frame of kind 0 (video) or 1 (audio). 0 when handled or ignored, -1
 // when refused (before the first key frame, unknown audio codec, bad frame).
+// A frame is ignored once its file is full: the section could not account
+// for it.
 int libAVRecordWriteFrame(int channel, int kind, const uint8_t *data, const AVDataInfo *info);
 
-// Closes both descriptors and disarms the writer; 0.
+// Stops taking frames: when it returns no frame is being written and none
+// will be until the next open. A frame in flight is finished first, so the
+// caller waits for at most one frame's writes. The record run calls it
+// first thing when a section ends, before it reads the records.
+void LS_RecordStop();
+
+// Stops taking frames as LS_RecordStop does, closes both descriptors and
+// disarms the writer; 0.
 int LS_RecordClose();
 
 // Video frames seen per channel while recording (also those refused).

@@ -193,6 +193,9 @@ void WaitForNewDay() {
 
 // The end steps of a run.
 void EndRun(const char *func, const RunClock &clock, const FileInfoHead &fileBefore) {
+    // The writer stops first: a frame in flight lands whole in this section
+    // before its end time, sizes and counts are read below.
+    LS_RecordStop();
     LogTrace("%s %d: #########Record Over !!!!!!!!!!!!#######\n", func, __LINE__);
     const SectionInfoHead *section = GetSectionInfoHead();
     uint32_t end =
@@ -255,6 +258,9 @@ int StartRecord(int nStreamType, int /*nDuration*/) {
         LogTrace("%s %d This is Mjpeg Stream, not support\n", __func__, __LINE__);
         return 0;
     }
+    // A run that returned without its end steps left the writer taking
+    // frames into its section; they stop before the records are reopened.
+    LS_RecordStop();
     FileInfoHead fileBefore = *file;
     if (AV_RecordFileConfigParamGet(info, file, section, sys->ucRecordFileOption) < 0) return -1;
 

@@ -4,12 +4,17 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
+#include <thread>
 #include <vector>
 
+#include "avrecord_lib/index_check.h"
 #include "avrecord_lib/playback_reader.h"
 #include "avrecord_lib/ps_packetizer.h"
 #include "avrecord_lib/record_builder.h"
+#include "avrecord_lib/record_file.h"
+#include "avrecord_lib/record_index.h"
 #include "avrecord_lib/record_section.h"
 #include "common/file_io.h"
 #include "support/card_fixture.h"
@@ -56,6 +61,7 @@ protected:
     }
 
     void TearDown() override {
+        LS_RecordSetStepHook(nullptr);
         LS_RecordClose();
         LS_RecordSetEncodingSource(nullptr);
         LS_RecordSetClocks(nullptr, nullptr);
@@ -63,13 +69,40 @@ protected:
     }
 
     // Index header for one media file, a section opened on it, writer armed.
-    void Open() {
+    // With `used`, a first section of that many bytes (on the card) comes
+    // before the one the writer records.
+    void Open(uint32_t used = 0) {
         RecordConfigInfo *info = GetRecordConfigInfo();
+        FileInfoHead *file = GetFileInfoHead();
+        SectionInfoHead *section = GetSectionInfoHead();
         AV_RecordConfigInfoInit(info, 0, 1);
-        memset(GetFileInfoHead(), 0, sizeof(FileInfoHead));
-        memset(GetSectionInfoHead(), 0, sizeof(SectionInfoHead));
-        AV_RecordFileConfigParamGet(info, GetFileInfoHead(), GetSectionInfoHead(), 1);
-        ASSERT_EQ(LS_RecordInit(GetFileInfoHead(), 0), 0);
+        memset(file, 0, sizeof *file);
+        memset(section, 0, sizeof *section);
+        AV_RecordFileConfigParamGet(info, file, section, 1);
+        if (used != 0) {
+            section->m_u32SectionSize = used;
+            file->m_u32DataSize = used;
+            int fd = AVFileOpen((card_ + kIndexFileName).c_str(), kAVFileModeReadWrite);
+            AV_RecordSectionInfoHeadWrite(fd, file, section);
+            AVFileClose(fd);
+            AV_RecordFileConfigParamGet(info, file, section, 1);
+        }
+        ASSERT_EQ(LS_RecordInit(file, 0), 0);
+    }
+
+    // The card's index passes the check, and the records the next section
+    // builds on are those on the card.
+    void ExpectIndexAccountsForEveryFrame(const char *what) const {
+        std::vector<IndexProblem> problems;
+        CheckCardIndex(card_, &problems);
+        for (const IndexProblem &p : problems) ADD_FAILURE() << what << ": " << FormatIndexProblem(p);
+        std::string index = card_ + kIndexFileName;
+        const FileInfoHead *file = GetFileInfoHead();
+        const SectionInfoHead *section = GetSectionInfoHead();
+        EXPECT_EQ(ReadFileAt(index, SectionInfoHeadPosition(0, section->m_u16SectionNo), sizeof *section),
+                  RecordBytes(*section))
+            << what;
+        EXPECT_EQ(ReadFileAt(index, FileInfoHeadPosition(0), sizeof *file), RecordBytes(*file)) << what;
     }
 
     static int Write(const Bytes &frame, uint8_t mark = 0, int kind = kFrameKindVideo, int channel = 0) {
@@ -282,6 +315,56 @@ TEST_F(FrameWriterTest, FailedMediaWritesStillAdvanceTheIndex) {
     EXPECT_GT(g_u32Offset, kH264Key.size());
     EXPECT_EQ(GetSectionInfoHead()->m_u32SectionSize, g_u32Offset);
     EXPECT_EQ(MediaAt(0, 4), std::string(4, '\0'));
+}
+
+// The record run ends (closes the writer) on its own thread while a frame
+// is held between two of the writer's steps; the close may finish first.
+WriterStep g_holdAt;
+std::thread g_runEnd;
+std::atomic<bool> g_runEnded;
+
+void EndRunDuringFrame(WriterStep step) {
+    if (step != g_holdAt || g_runEnd.joinable()) return;
+    g_runEnd = std::thread([] {
+        LS_RecordClose();
+        g_runEnded = true;
+    });
+    for (int ms = 0; ms < 100 && !g_runEnded; ++ms) usleep(1000);
+}
+
+// A frame in flight when the run ends lands whole in its section: the end
+// waits for it, and nothing of it is left for the next section to inherit.
+TEST_F(FrameWriterTest, RunEndWaitsForTheFrameInFlight) {
+    for (WriterStep step : {WriterStep::kAdmitted, WriterStep::kMediaWritten, WriterStep::kKeyEntryWritten,
+                            WriterStep::kRecordsUpdated}) {
+        std::string what = "held at step " + std::to_string(static_cast<int>(step));
+        Open();
+        ASSERT_EQ(Write(kH264Key), 0);
+        ASSERT_EQ(Write(kH264Other), 0);
+        g_holdAt = step;
+        g_runEnded = false;
+        LS_RecordSetStepHook(EndRunDuringFrame);
+        EXPECT_EQ(Write(kH264Key), 0);
+        g_runEnd.join();
+        LS_RecordSetStepHook(nullptr);
+        EXPECT_EQ(GetSectionInfoHead()->m_u32KeyFrameSum, 2u) << what;
+        ExpectIndexAccountsForEveryFrame(what.c_str());
+    }
+}
+
+// Past the full mark the sizes stop growing, so no section could account
+// for another frame: none is written until the run moves to the next file.
+TEST_F(FrameWriterTest, NoFrameIsTakenOnceTheFileIsFull) {
+    Open(kMediaFileFullSize - 1000);
+    ASSERT_EQ(Write(kH264Key), 0);  // crosses the mark
+    uint32_t end = g_u32Offset;
+    ASSERT_TRUE(AV_RecordFileInfoHeadIsFull(GetFileInfoHead()));
+    EXPECT_EQ(Write(kH264Key), 0);
+    EXPECT_EQ(Write(kH264Other), 0);
+    EXPECT_EQ(g_u32Offset, end);
+    EXPECT_EQ(GetSectionInfoHead()->m_u32KeyFrameSum, 1u);
+    EXPECT_EQ(GetSectionInfoHead()->m_u32VideoFrameSum, 1u);
+    ExpectIndexAccountsForEveryFrame("full file");
 }
 
 TEST_F(FrameWriterTest, ErrorsAndIgnoredFrames) {

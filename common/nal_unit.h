@@ -29,6 +29,7 @@ inline constexpr int kH265NalSps = 33;
 inline constexpr int kH265NalPps = 34;
 inline constexpr int kH265NalAud = 35;
 inline constexpr int kH265NalPrefixSei = 39;
+inline constexpr int kH265NalSuffixSei = 40;
 inline constexpr int kH265NalReservedFirst = 41;
 inline constexpr int kH265NalReservedLast = 44;
 inline constexpr int kH265NalUnspecFirst = 48;

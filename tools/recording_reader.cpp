@@ -10,6 +10,7 @@
 #include "avrecord_lib/ps_packetizer.h"
 #include "avrecord_lib/record_file.h"
 #include "avrecord_lib/record_index.h"
+#include "common/nal_unit.h"
 
 namespace {
 
@@ -141,6 +142,17 @@ int WalkFrames(int fd, const RecordingSpan &span, uint32_t at, std::vector<uint8
 }
 
 }  // namespace
+
+bool RecordingIsH265(const RecordingFrame &key) {
+    const uint8_t *p = key.pData;
+    for (uint32_t i = 0; i + 3 < key.u32Length; ++i) {
+        if (p[i] == 0 && p[i + 1] == 0 && p[i + 2] == 1) {
+            int type = H265NalType(p[i + 3]);
+            return type >= kH265NalVps && type <= kH265NalSuffixSei;
+        }
+    }
+    return false;
+}
 
 int RecordingParseName(const char *name, RecordingSpan *span) {
     if (name == nullptr || span == nullptr || std::strlen(name) != std::strlen(kNameExample)) return -1;

@@ -32,6 +32,10 @@ struct RecordingFrame {
     uint32_t u32Pts;       // presentation time stamp, low 32 bits
 };
 
+// True when the video is H.265: the first NAL unit of a key frame is an
+// H.265 parameter set, access unit delimiter or SEI. H.264 otherwise.
+bool RecordingIsH265(const RecordingFrame &key);
+
 // Takes a name apart. 0, or -1 when it is no recording name.
 int RecordingParseName(const char *name, RecordingSpan *span);
 

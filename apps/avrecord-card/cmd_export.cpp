@@ -1,55 +1,61 @@
 // "avrecord-card export NAME -o OUT": one recorded section or alarm event
-// out of the card, as AVI (video, with audio when the recording has it) or
-// as the plain video elementary stream (.h264 / .h265).
+// out of the card, as MP4 (video as recorded, audio as AAC), as AVI (video,
+// with audio when the recording has it) or as the plain video elementary
+// stream (.h264 / .h265). MP4 also takes a time range (--from, --to), which
+// may span sections.
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <string>
 
 #include "avrecord_lib/playback_reader.h"
 #include "card_command.h"
+#include "terminal_progress.h"
 #include "tools/avi_writer.h"
+#include "tools/calendar_time.h"
 #include "tools/recording_reader.h"
+#ifdef AVRECORD_CARD_MP4
+#include "mp4/card_clip.h"
+#endif
 
 namespace {
 
 constexpr uint32_t kDefaultFrameRate = 25;
 constexpr int kAudioBits = 16;
 
-enum class OutputKind { kAvi, kH264, kH265 };
+enum class OutputKind { kAvi, kH264, kH265, kMp4 };
 
-bool EndsWith(const std::string &text, const char *suffix) {
-    size_t n = std::strlen(suffix);
-    return text.size() > n && text.compare(text.size() - n, n, suffix) == 0;
+struct KindName {
+    const char *name;
+    OutputKind kind;
+};
+constexpr KindName kKindNames[] = {{"avi", OutputKind::kAvi},
+                                   {"h264", OutputKind::kH264},
+                                   {"h265", OutputKind::kH265},
+                                   {"mp4", OutputKind::kMp4}};
+
+bool EndsWith(const std::string &text, const std::string &suffix) {
+    return text.size() > suffix.size() &&
+           text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
-bool OutputKindOf(const std::string &path, OutputKind *kind) {
-    if (EndsWith(path, ".avi")) {
-        *kind = OutputKind::kAvi;
-    } else if (EndsWith(path, ".h264")) {
-        *kind = OutputKind::kH264;
-    } else if (EndsWith(path, ".h265")) {
-        *kind = OutputKind::kH265;
-    } else {
-        return false;
-    }
-    return true;
-}
-
-// H.265 when the first NAL unit of a key frame is a parameter set, access
-// unit delimiter or SEI of H.265; H.264 otherwise.
-int CodecOf(const RecordingFrame &key) {
-    const uint8_t *p = key.pData;
-    for (uint32_t i = 0; i + 3 < key.u32Length; ++i) {
-        if (p[i] == 0 && p[i + 1] == 0 && p[i + 2] == 1) {
-            int type = (p[i + 3] >> 1) & 0x3F;
-            return type >= 32 && type <= 40 ? kAviCodecH265 : kAviCodecH264;
+// --format when given, else the output's extension.
+bool OutputKindOf(const CardArgs &args, const std::string &path, OutputKind *kind) {
+    for (const KindName &k : kKindNames) {
+        bool named =
+            args.Has("--format") ? args.Get("--format") == k.name : EndsWith(path, std::string(".") + k.name);
+        if (named) {
+            *kind = k.kind;
+            return true;
         }
     }
-    return kAviCodecH264;
+    return false;
 }
+
+int CodecOf(const RecordingFrame &key) { return RecordingIsH265(key) ? kAviCodecH265 : kAviCodecH264; }
 
 // Audio stream of the AVI from the section's audio codec type: G.711 mu-law,
 // G.711 A-law or AAC.
@@ -103,11 +109,12 @@ private:
     int saved_;
 };
 
-void Progress(uint32_t done, uint32_t total) {
-    if (isatty(STDERR_FILENO) && (done % 25 == 0 || done == total)) {
-        fprintf(stderr, "\rexport: %u/%u frames", done, total);
-        if (done == total) fprintf(stderr, "\n");
-    }
+// Progress of a name export from the frame just read.
+void Progress(TerminalProgress &progress, const RecordingSpan &span, const RecordingFrame &f, uint32_t done,
+              uint32_t total) {
+    uint32_t bytes = f.u32Offset - span.u32DataBegin;
+    uint32_t all = span.u32DataEnd - span.u32DataBegin;
+    progress.Update(done, total, bytes, all != 0 ? static_cast<double>(bytes) / all : 0);
 }
 
 int WriteAvi(const CardArgs &args, const RecordingSpan &span, const Survey &survey, const std::string &out,
@@ -120,12 +127,13 @@ int WriteAvi(const CardArgs &args, const RecordingSpan &span, const Survey &surv
                    survey.audio != 0 ? 1 : 0, audio.rate, kAudioBits);
     uint32_t done = 0;
     bool written = true;
+    TerminalProgress progress("export");
     int read = RecordingReadFrames(
         args.card.c_str(), span,
         [&](const RecordingFrame &f) {
             int kind = f.iType == kPSFrameAudio ? kAviFrameAudio : kAviFrameVideo;
             written = H264ToAviWriteFrame(f.pData, f.u32Length, kind) == 0;
-            Progress(++done, survey.video + survey.audio);
+            Progress(progress, span, f, ++done, survey.video + survey.audio);
             return written;
         },
         reason);
@@ -147,11 +155,12 @@ int WriteElementaryStream(const CardArgs &args, const RecordingSpan &span, const
     }
     uint32_t done = 0;
     bool written = true;
+    TerminalProgress progress("export");
     int read = RecordingReadFrames(
         args.card.c_str(), span,
         [&](const RecordingFrame &f) {
             if (f.iType == kPSFrameVideo) written = fwrite(f.pData, 1, f.u32Length, file) == f.u32Length;
-            Progress(++done, survey.video + survey.audio);
+            Progress(progress, span, f, ++done, survey.video + survey.audio);
             return written;
         },
         reason);
@@ -178,15 +187,90 @@ void Report(const CardArgs &args, const std::string &out, const Survey &survey) 
     }
 }
 
+#ifdef AVRECORD_CARD_MP4
+// MP4 of a recording (name) or of a time range: remuxed by the clip library.
+// "-o -" streams it (fragmented) to standard output.
+int ExportMp4(const CardArgs &args, const std::string &out) {
+    ClipRequest request;
+    request.cardDir = args.card;
+    if (args.positional.size() == 1) {
+        request.recording = args.positional[0];
+    } else if (!ParseTimeArgument(args.Get("--from").c_str(), &request.from) ||
+               !ParseTimeArgument(args.Get("--to").c_str(), &request.to)) {
+        return CardFail(args, kExitUsage, "times are local YYYY-MM-DDTHH:MM:SS or seconds since 1970");
+    }
+    TerminalProgress terminal("export");
+    auto progress = [&](const ClipProgress &p) {
+        double share = p.cardBytesTotal != 0 ? static_cast<double>(p.cardBytes) / p.cardBytesTotal : 0;
+        terminal.Update(p.videoFrames, p.videoFramesTotal, p.outputBytes, std::min(share, 1.0));
+        return true;
+    };
+    ClipInfo info;
+    std::string reason;
+    bool toStdout = out == "-";
+    auto sink = [](const uint8_t *data, size_t length) { return fwrite(data, 1, length, stdout) == length; };
+    int result = toStdout ? CardClipToStream(request, sink, progress, &info, &reason)
+                          : CardClipToFile(request, out, progress, &info, &reason);
+    if (toStdout && fflush(stdout) != 0 && result == kClipOk) {
+        result = kClipOutputError;
+        reason = "cannot write standard output";
+    }
+    if (result != kClipOk) {
+        bool usage = result == kClipBadRequest && request.recording.empty();
+        return CardFail(args, result == kClipOutputError || usage ? kExitUsage : kExitCardProblem, "%s",
+                        reason.c_str());
+    }
+    if (toStdout) return kExitOk;  // standard output holds the MP4 itself
+    if (args.json) {
+        JsonLine line;
+        line.Add("file", out).Add("codec", info.videoCodec).Add("audio", info.audioCodec);
+        line.Add("video_frames", static_cast<unsigned long long>(info.videoFrames))
+            .Add("key_frames", static_cast<unsigned long long>(info.keyFrames))
+            .Add("audio_frames", static_cast<unsigned long long>(info.audioFrames))
+            .Add("duration", info.duration)
+            .Add("first", info.firstTime)
+            .Add("last", info.lastTime)
+            .Add("sections", info.sections)
+            .Add("bytes", static_cast<unsigned long long>(info.outputBytes));
+        if (info.stoppedAt != 0) line.Add("stopped_at", info.stoppedAt);
+        line.Print();
+    } else {
+        printf("%s: %llu video frames (%s), %.2f s, audio %s, %u section(s)\n", out.c_str(),
+               static_cast<unsigned long long>(info.videoFrames), info.videoCodec.c_str(), info.duration,
+               info.audioCodec.empty() ? "none" : (info.sourceAudio == "aac" ? "aac" : "aac from g711"),
+               info.sections);
+        if (info.stoppedAt != 0) {
+            DateTime t = LocalDateTime(info.stoppedAt);
+            printf(
+                "stopped at the section starting %04d-%02d-%02d %02d:%02d:%02d: other codec, picture size or "
+                "audio\n",
+                t.year, t.month, t.day, t.hour, t.minute, t.second);
+        }
+    }
+    return kExitOk;
+}
+#endif
+
 int RunExport(const CardArgs &args) {
+    std::string out = args.Get("-o");
+    OutputKind kind;
+    if (!OutputKindOf(args, out, &kind))
+        return CardFail(args, kExitUsage, "needs -o OUT.mp4, OUT.avi, OUT.h264 or OUT.h265 (or --format)");
+    bool range = args.Has("--from") || args.Has("--to");
+    if (kind == OutputKind::kMp4) {
+#ifdef AVRECORD_CARD_MP4
+        if (range == (args.positional.size() == 1) || (range && (!args.Has("--from") || !args.Has("--to"))))
+            return CardFail(args, kExitUsage, "needs one NAME, or --from and --to");
+        return ExportMp4(args, out);
+#else
+        return CardFail(args, kExitUsage, "MP4 export is not part of this build");
+#endif
+    }
+    if (range) return CardFail(args, kExitUsage, "a time range exports to MP4 only");
     RecordingSpan span;
     if (args.positional.size() != 1 || RecordingParseName(args.positional[0].c_str(), &span) != 0) {
         return CardFail(args, kExitUsage, "needs one NAME like hi000000_000001.mp4 or he000000_000000.mp4");
     }
-    std::string out = args.Get("-o");
-    OutputKind kind;
-    if (!OutputKindOf(out, &kind))
-        return CardFail(args, kExitUsage, "needs -o OUT.avi, OUT.h264 or OUT.h265");
     std::string reason;
     if (RecordingLocate(args.card.c_str(), &span, &reason) != 0) {
         return CardFail(args, kExitCardProblem, "%s", reason.c_str());
@@ -221,5 +305,15 @@ int RunExport(const CardArgs &args) {
 
 }  // namespace
 
-AVR_CARD_COMMAND(export, "export", "export NAME -o OUT.avi|OUT.h264|OUT.h265 [--card DIR] [--json]", {"-o"},
+#ifdef AVRECORD_CARD_MP4
+#define AVR_EXPORT_USAGE                                                                                     \
+    "export NAME|--from TIME --to TIME -o OUT.mp4|-|OUT.avi|OUT.h264|OUT.h265 [--format mp4|avi|h264|h265] " \
+    "[--card DIR] [--json]"
+#else
+#define AVR_EXPORT_USAGE                                                                                   \
+    "export NAME -o OUT.avi|OUT.h264|OUT.h265 [--format avi|h264|h265] [--card DIR] [--json]" \
+    "  (MP4 export is not part of this build)"
+#endif
+
+AVR_CARD_COMMAND(export, "export", AVR_EXPORT_USAGE, {"-o", "--format", "--from", "--to"},
                  RunExport);

@@ -26,6 +26,7 @@
 #include "avrecord_lib/record_index.h"
 #include "avrecord_lib/record_section.h"
 #include "card_command.h"
+#include "tools/adts_header.h"
 
 namespace {
 
@@ -34,10 +35,6 @@ constexpr uint8_t kCoverOldRecordings = 1;
 constexpr uint32_t kMaxFps = 240;
 constexpr uint32_t kG711FrameBytes = 320;  // 40 ms at 8 kHz
 constexpr uint32_t kG711Rate = 8000;
-constexpr uint32_t kAacSamplesPerFrame = 1024;
-constexpr uint32_t kAdtsHeaderSize = 7;
-constexpr uint32_t kAdtsRates[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000,
-                                   22050, 16000, 12000, 11025, 8000,  7350};
 
 // A read-only view of a whole input file.
 class MappedFile {
@@ -85,13 +82,10 @@ struct AudioTrack {
             *duration = static_cast<double>(length) / kG711Rate;
             return length;
         }
-        const uint8_t *h = data + at;
-        if (size - at < kAdtsHeaderSize || h[0] != 0xFF || (h[1] & 0xF0) != 0xF0) return 0;
-        uint32_t length = ((h[3] & 0x03u) << 11) | (h[4] << 3) | (h[5] >> 5);
-        uint32_t rateIndex = (h[2] >> 2) & 0x0F;
-        if (length < kAdtsHeaderSize || length > size - at || rateIndex >= std::size(kAdtsRates)) return 0;
-        *duration = static_cast<double>(kAacSamplesPerFrame) / kAdtsRates[rateIndex];
-        return length;
+        AdtsHeader header;
+        if (!AdtsParse(data + at, size - at, &header)) return 0;
+        *duration = static_cast<double>(kAacSamplesPerFrame) / header.sampleRate;
+        return header.frameLength;
     }
 };
 

@@ -60,7 +60,7 @@ frames=$(json_field video_frames "$out")
 # Usage and card problems.
 expect 2 "$tool" export --card "$card" -o "$work/x.avi"
 expect 2 "$tool" export hi000000_00001.mp4 -o "$work/x.avi" --card "$card"
-expect 2 "$tool" export "$h264" -o "$work/x.mp4" --card "$card"
+expect 2 "$tool" export "$h264" -o "$work/x.mkv" --card "$card"
 expect 2 "$tool" export "$h264" --card "$card"
 expect 2 "$tool" export "$h264" -o "$work/no/such/x.h264" --card "$card"
 expect 1 "$tool" export hi000000_000009.mp4 -o "$work/x.avi" --card "$card"

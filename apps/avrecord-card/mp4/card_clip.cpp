@@ -1,0 +1,381 @@
+#include "card_clip.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <memory>
+#include <vector>
+
+#include "avrecord_lib/index_check.h"
+#include "avrecord_lib/playback_reader.h"
+#include "avrecord_lib/record_file.h"
+#include "avrecord_lib/record_index.h"
+#include "mp4_output.h"
+#include "tools/adts_header.h"
+#include "tools/recording_reader.h"
+
+namespace {
+
+constexpr uint32_t kDefaultFrameRate = 25;
+constexpr uint32_t kProbeFrames = 250;         // frames searched for the first audio frame
+constexpr uint64_t kProgressEveryFrames = 10;  // video frames between progress reports
+constexpr uint8_t kAudioG711U = 0;             // section audio codec types
+constexpr uint8_t kAudioG711A = 1;
+constexpr uint8_t kAudioAac = 3;
+
+// One section's share of the clip: a whole section, or (bEvent set) its
+// frames from the key frame at or before u32FromTime to u32ToTime.
+struct ClipPiece {
+    RecordingSpan span;
+    uint64_t bytesEstimate;
+    uint64_t framesEstimate;
+};
+
+struct ClipPlan {
+    std::string cardDir;
+    std::vector<ClipPiece> pieces;
+};
+
+// A section met while planning, with where reading may start.
+struct PlannedSection {
+    SectionInfoHead section;
+    uint32_t keyOffset;  // key frame at or before the range's start, 0: none known
+};
+
+uint32_t FrameRateOf(const SectionInfoHead &s) {
+    return s.m_u8FrameRate != 0 ? s.m_u8FrameRate : kDefaultFrameRate;
+}
+
+// The section's last key-frame entry at or before `from`, from the media
+// file's key-frame table (entries firstEntry ..), so a clip starting deep
+// in a long section does not read its way there. 0 when there is none.
+uint32_t KeyFrameAtOrBefore(int mediaFd, const SectionInfoHead &s, uint32_t firstEntry, uint32_t from) {
+    if (s.m_u32KeyFrameSum == 0 || s.m_u32StartTime >= from) return 0;
+    std::vector<KeyFrameEntry> entries(s.m_u32KeyFrameSum);
+    uint64_t tableBytes = uint64_t{s.m_u32KeyFrameSum} * kKeyFrameEntrySize;
+    uint64_t at = uint64_t{kKeyFrameTableOffset} + KeyFrameEntryOffset(firstEntry);
+    if (at + tableBytes > kMediaFileSize ||
+        AV_RecordStreamInfoRead(mediaFd, static_cast<uint32_t>(at), entries.data(),
+                                static_cast<uint32_t>(tableBytes)) < 0)
+        return 0;
+    uint32_t found = 0;
+    for (const KeyFrameEntry &e : entries) {
+        if (e.m_u32HeadFlag != kKeyFrameEntryFlag || e.m_u32Time > from ||
+            e.m_u32FrameOffset >= s.m_u32SectionSize)
+            continue;
+        uint32_t offset = s.m_u32SectionOffset + e.m_u32FrameOffset;
+        if (libAVRecordPlayBackIsKeyFrame(mediaFd, offset) == 1) found = offset;
+    }
+    return found;
+}
+
+// Share of a section's [start, end] second range that [from, to) covers.
+double Covered(const SectionInfoHead &s, uint32_t from, uint32_t to) {
+    uint64_t begin = std::max(s.m_u32StartTime, from);
+    uint64_t end = std::min<uint64_t>(uint64_t{s.m_u32EndTime} + 1, to);
+    uint64_t whole = uint64_t{s.m_u32EndTime} + 1 - s.m_u32StartTime;
+    if (end <= begin || whole == 0) return 0;
+    return std::min(1.0, static_cast<double>(end - begin) / static_cast<double>(whole));
+}
+
+void Estimate(ClipPiece *piece, double share) {
+    const SectionInfoHead &s = piece->span.stSection;
+    piece->bytesEstimate = static_cast<uint64_t>(share * (piece->span.u32DataEnd - piece->span.u32DataBegin));
+    piece->framesEstimate = static_cast<uint64_t>(share * s.m_u32VideoFrameSum);
+}
+
+int PlanRecording(const ClipRequest &request, ClipPlan *plan, std::string *reason) {
+    ClipPiece piece{};
+    if (RecordingParseName(request.recording.c_str(), &piece.span) != 0) {
+        *reason = "no recording name: " + request.recording;
+        return kClipBadRequest;
+    }
+    if (RecordingLocate(plan->cardDir.c_str(), &piece.span, reason) != 0) return kClipBadRequest;
+    const RecordingSpan &span = piece.span;
+    Estimate(&piece, span.bEvent ? Covered(span.stSection, span.u32FromTime, span.u32ToTime + 1) : 1.0);
+    plan->pieces.push_back(piece);
+    return kClipOk;
+}
+
+int PlanRange(const ClipRequest &request, ClipPlan *plan, std::string *reason) {
+    if (request.to <= request.from) {
+        *reason = "the range ends before it begins";
+        return kClipBadRequest;
+    }
+    std::vector<PlannedSection> found;
+    int walked =
+        ForEachCardSection(plan->cardDir, [&](int mediaFd, const SectionInfoHead &s, uint32_t firstEntry) {
+            if (s.m_u32EndTime == 0 || s.m_u32EndTime < s.m_u32StartTime || s.m_u32StartTime >= request.to ||
+                s.m_u32EndTime < request.from)
+                return;
+            found.push_back({s, KeyFrameAtOrBefore(mediaFd, s, firstEntry, request.from)});
+        });
+    if (walked != 0) {
+        *reason = "cannot read the index of " + plan->cardDir;
+        return kClipCardError;
+    }
+    std::stable_sort(found.begin(), found.end(), [](const PlannedSection &a, const PlannedSection &b) {
+        return a.section.m_u32StartTime < b.section.m_u32StartTime;
+    });
+    for (const PlannedSection &p : found) {
+        ClipPiece piece{};
+        piece.span.u32FileNo = p.section.m_u32FileNo;
+        piece.span.u32Number = p.section.m_u16SectionNo;
+        if (RecordingLocate(plan->cardDir.c_str(), &piece.span, reason) != 0) return kClipCardError;
+        const SectionInfoHead &s = piece.span.stSection;
+        if (request.from > s.m_u32StartTime || request.to <= s.m_u32EndTime) {
+            piece.span.bEvent = true;
+            piece.span.u32FromTime = std::max(request.from, s.m_u32StartTime);
+            piece.span.u32ToTime = request.to - 1;
+        }
+        if (p.keyOffset > piece.span.u32DataBegin && p.keyOffset < piece.span.u32DataEnd)
+            piece.span.u32DataBegin = p.keyOffset;
+        Estimate(&piece, Covered(s, request.from, request.to));
+        plan->pieces.push_back(piece);
+    }
+    if (plan->pieces.empty()) {
+        *reason = "no recording in the range";
+        return kClipNothing;
+    }
+    return kClipOk;
+}
+
+Mp4AudioKind AudioKindOf(const SectionInfoHead &s) {
+    switch (s.m_u8AudioCodeType) {
+        case kAudioG711U:
+            return Mp4AudioKind::kG711U;
+        case kAudioG711A:
+            return Mp4AudioKind::kG711A;
+        case kAudioAac:
+            return Mp4AudioKind::kAac;
+        default:
+            return Mp4AudioKind::kNone;
+    }
+}
+
+const char *AudioName(Mp4AudioKind kind) {
+    switch (kind) {
+        case Mp4AudioKind::kG711U:
+            return "g711u";
+        case Mp4AudioKind::kG711A:
+            return "g711a";
+        case Mp4AudioKind::kAac:
+            return "aac";
+        default:
+            return "";
+    }
+}
+
+// The track setup from the first piece: its first key frame and, within
+// the first frames behind it, its first audio frame.
+struct Probe {
+    Mp4Tracks tracks;
+    std::vector<uint8_t> key;
+    std::vector<uint8_t> audio;
+};
+
+int ProbeTracks(const std::string &cardDir, const ClipPiece &piece, Probe *probe, std::string *reason) {
+    const SectionInfoHead &s = piece.span.stSection;
+    Mp4AudioKind audioKind = AudioKindOf(s);
+    uint32_t seen = 0;
+    int read = RecordingReadFrames(
+        cardDir.c_str(), piece.span,
+        [&](const RecordingFrame &f) {
+            if (f.iType == kPSFrameVideo && f.bKey && probe->key.empty()) {
+                probe->key.assign(f.pData, f.pData + f.u32Length);
+                probe->tracks.h265 = RecordingIsH265(f);
+            } else if (f.iType == kPSFrameAudio && !probe->key.empty() && probe->audio.empty()) {
+                probe->audio.assign(f.pData, f.pData + f.u32Length);
+            }
+            bool audioWanted = audioKind != Mp4AudioKind::kNone && probe->audio.empty();
+            return (probe->key.empty() || audioWanted) && ++seen < kProbeFrames;
+        },
+        reason);
+    if (read != 0) return kClipCardError;
+    if (probe->key.empty()) {
+        *reason = "no key frame in the range";
+        return kClipNothing;
+    }
+    Mp4Tracks &t = probe->tracks;
+    t.width = s.m_u16Width;
+    t.height = s.m_u16Height;
+    t.frameRate = FrameRateOf(s);
+    t.keyFrame = probe->key.data();
+    t.keyFrameLength = static_cast<uint32_t>(probe->key.size());
+    AdtsHeader adts;
+    bool usable = !probe->audio.empty() && (audioKind != Mp4AudioKind::kAac ||
+                                            AdtsParse(probe->audio.data(), probe->audio.size(), &adts));
+    t.audio = usable ? audioKind : Mp4AudioKind::kNone;
+    t.audioFrame = probe->audio.data();
+    t.audioFrameLength = static_cast<uint32_t>(probe->audio.size());
+    return kClipOk;
+}
+
+// Writes the frames of every piece in turn.
+class ClipWriter {
+public:
+    ClipWriter(const ClipPlan &plan, Mp4Output &out, const Probe &probe, const ClipProgressFn &progress,
+               ClipInfo *info)
+        : plan_(plan), out_(out), probe_(probe), progress_(progress), info_(info) {
+        for (const ClipPiece &piece : plan.pieces) {
+            progressNow_.videoFramesTotal += piece.framesEstimate;
+            progressNow_.cardBytesTotal += piece.bytesEstimate;
+        }
+    }
+
+    int Run(std::string *reason) {
+        for (const ClipPiece &piece : plan_.pieces) {
+            if (!SameTracks(piece)) info_->stoppedAt = piece.span.stSection.m_u32StartTime;
+            if (info_->stoppedAt != 0) break;
+            int result = WritePiece(piece, reason);
+            if (result != kClipOk) return result;
+        }
+        Report();
+        return info_->videoFrames != 0 ? kClipOk : (*reason = "no frame in the range", kClipNothing);
+    }
+
+private:
+    // Later sections join only with the first one's picture size and audio.
+    bool SameTracks(const ClipPiece &piece) const {
+        const SectionInfoHead &s = piece.span.stSection;
+        const Mp4Tracks &t = probe_.tracks;
+        bool audioFits = t.audio == Mp4AudioKind::kNone || AudioKindOf(s) == t.audio;
+        return s.m_u16Width == t.width && s.m_u16Height == t.height && audioFits;
+    }
+
+    int WritePiece(const ClipPiece &piece, std::string *reason) {
+        const int64_t frameTicks = kMp4VideoClock / FrameRateOf(piece.span.stSection);
+        bool keySeen = false, codecChecked = false, audioAligned = false;
+        int result = kClipOk;
+        uint64_t readBefore = progressNow_.cardBytes;
+        int read = RecordingReadFrames(
+            plan_.cardDir.c_str(), piece.span,
+            [&](const RecordingFrame &f) {
+                progressNow_.cardBytes = readBefore + (f.u32Offset - piece.span.u32DataBegin);
+                if (f.iType == kPSFrameAudio) {
+                    if (!keySeen) return true;
+                    ++info_->audioFrames;
+                    // The first audio frame of a section goes with the video frame before it.
+                    int64_t at =
+                        audioAligned ? -1 : (videoPts_ - frameTicks) * out_.AudioRate() / kMp4VideoClock;
+                    audioAligned = true;
+                    return Check(out_.WriteAudio(f.pData, f.u32Length, at), &result);
+                }
+                if (!keySeen && !f.bKey) return true;
+                if (!codecChecked && RecordingIsH265(f) != probe_.tracks.h265) {
+                    info_->stoppedAt = piece.span.stSection.m_u32StartTime;
+                    return false;
+                }
+                keySeen = codecChecked = true;
+                if (!Check(out_.WriteVideo(f.pData, f.u32Length, f.bKey, videoPts_, frameTicks), &result))
+                    return false;
+                Count(f, frameTicks);
+                if (info_->videoFrames % kProgressEveryFrames == 0 && !Report()) {
+                    result = kClipCancelled;
+                    return false;
+                }
+                return true;
+            },
+            reason);
+        if (read != 0) return kClipCardError;
+        if (result != kClipOk) {
+            *reason = result == kClipCancelled || out_.SinkStopped() ? "stopped" : out_.Error();
+            return out_.SinkStopped() ? kClipCancelled : result;
+        }
+        if (keySeen) ++info_->sections;
+        return kClipOk;
+    }
+
+    static bool Check(bool written, int *result) {
+        if (!written) *result = kClipOutputError;
+        return written;
+    }
+
+    void Count(const RecordingFrame &f, int64_t frameTicks) {
+        if (info_->videoFrames == 0) info_->firstTime = f.u32Time;
+        info_->lastTime = f.u32Time;
+        ++info_->videoFrames;
+        info_->keyFrames += f.bKey;
+        videoPts_ += frameTicks;
+        info_->duration = static_cast<double>(videoPts_) / kMp4VideoClock;
+    }
+
+    bool Report() {
+        progressNow_.videoFrames = info_->videoFrames;
+        progressNow_.outputBytes = out_.BytesWritten();
+        info_->outputBytes = progressNow_.outputBytes;
+        return !progress_ || progress_(progressNow_);
+    }
+
+    const ClipPlan &plan_;
+    Mp4Output &out_;
+    const Probe &probe_;
+    const ClipProgressFn &progress_;
+    ClipInfo *info_;
+    ClipProgress progressNow_{};
+    int64_t videoPts_ = 0;  // kMp4VideoClock units from the clip's first frame
+};
+
+using OpenOutput = std::function<bool(Mp4Output &, const Mp4Tracks &, std::string *)>;
+
+int MakeClip(const ClipRequest &request, const OpenOutput &open, const ClipProgressFn &progress,
+             ClipInfo *info, std::string *reason) {
+    ClipInfo unused;
+    std::string why;
+    if (info == nullptr) info = &unused;
+    if (reason == nullptr) reason = &why;
+    *info = ClipInfo{};
+    ClipPlan plan;
+    plan.cardDir = request.cardDir;
+    if (plan.cardDir.empty() || plan.cardDir.back() != '/') plan.cardDir += '/';
+    int result =
+        request.recording.empty() ? PlanRange(request, &plan, reason) : PlanRecording(request, &plan, reason);
+    if (result != kClipOk) return result;
+    Probe probe;
+    result = ProbeTracks(plan.cardDir, plan.pieces.front(), &probe, reason);
+    if (result != kClipOk) return result;
+    const Mp4Tracks &t = probe.tracks;
+    info->videoCodec = t.h265 ? "hevc" : "h264";
+    info->audioCodec = t.audio != Mp4AudioKind::kNone ? "aac" : "";
+    info->sourceAudio = AudioName(t.audio);
+    info->width = t.width;
+    info->height = t.height;
+    info->frameRate = t.frameRate;
+    Mp4Output out;
+    if (!open(out, t, reason)) return kClipOutputError;
+    result = ClipWriter(plan, out, probe, progress, info).Run(reason);
+    std::string finishReason;
+    bool finished = out.Finish(&finishReason);
+    info->outputBytes = out.BytesWritten();
+    if (result == kClipOk && !finished) {
+        *reason = finishReason;
+        result = out.SinkStopped() ? kClipCancelled : kClipOutputError;
+    }
+    return result;
+}
+
+}  // namespace
+
+int CardClipToFile(const ClipRequest &request, const std::string &path, const ClipProgressFn &progress,
+                   ClipInfo *info, std::string *reason) {
+    bool created = false;
+    int result = MakeClip(
+        request,
+        [&](Mp4Output &out, const Mp4Tracks &tracks, std::string *why) {
+            created = true;
+            return out.OpenFile(path, tracks, why);
+        },
+        progress, info, reason);
+    if (result != kClipOk && created) unlink(path.c_str());
+    return result;
+}
+
+int CardClipToStream(const ClipRequest &request, const ClipSinkFn &sink, const ClipProgressFn &progress,
+                     ClipInfo *info, std::string *reason) {
+    return MakeClip(
+        request,
+        [&](Mp4Output &out, const Mp4Tracks &tracks, std::string *why) {
+            return out.OpenStream(sink, tracks, why);
+        },
+        progress, info, reason);
+}

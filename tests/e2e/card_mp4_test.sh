@@ -1,0 +1,88 @@
+#!/usr/bin/env bash
+# avrecord-card export to MP4, judged by ffprobe: H.264 with G.711 (turned
+# into AAC) and H.265 with AAC, each section's frames, duration (within one
+# frame) and key frames; a time range across two sections; the fragmented
+# stream on standard output; and the refusals.
+set -uo pipefail
+source "$(dirname "$0")/lib.sh"
+"$tool" --help | grep -q 'OUT.mp4' || { echo "card mp4: no MP4 in this build, skipped"; exit 0; }
+command -v ffprobe >/dev/null || { echo "card mp4: no ffprobe, skipped"; exit 0; }
+card="$work/card"
+mkdir "$card"
+json_field() { sed -E "s/.*\"$1\":\"?([^,\"}]*).*/\1/" <<<"$2"; }
+
+ff() { ffmpeg -loglevel error -y "$@" || fail "ffmpeg $*"; }
+src=(-f lavfi -i testsrc=size=640x360:rate=25 -pix_fmt yuv420p)
+ff "${src[@]}" -t 4 -c:v libx264 -g 50 -bsf:v h264_mp4toannexb -f h264 "$work/a.h264"
+ff "${src[@]}" -t 4 -c:v libx265 -x265-params log-level=error:keyint=50 -f hevc "$work/b.h265"
+ff "${src[@]}" -t 6 -c:v libx264 -g 50 -bsf:v h264_mp4toannexb -f h264 "$work/c.h264"
+ff -f lavfi -i sine=frequency=440:sample_rate=8000 -t 6 -c:a pcm_alaw -f alaw "$work/tone.alaw"
+ff -f lavfi -i sine=frequency=440:sample_rate=16000 -t 4 -c:a aac -b:a 32k -f adts "$work/tone.aac"
+
+expect 0 "$tool" prealloc "$card" --media 1
+pack() { expect 0 "$tool" pack "$@" --card "$card" --json; json_field section "$out"; }
+h264=$(pack "$work/a.h264" --audio "$work/tone.alaw" --audio-codec g711a)
+h265=$(pack "$work/b.h265" --codec h265 --audio "$work/tone.aac" --audio-codec aac)
+c1=$(pack "$work/c.h264" --audio "$work/tone.alaw" --audio-codec g711a)
+c2=$(pack "$work/c.h264" --audio "$work/tone.alaw" --audio-codec g711a)
+
+# streams FILE: "video-codec audio-codec video-frames key-frames duration"
+streams() {
+  local v a k d
+  v=$(ffprobe -v error -select_streams v -count_frames -show_entries stream=codec_name,nb_read_frames -of csv=p=0 "$1")
+  a=$(ffprobe -v error -select_streams a -show_entries stream=codec_name -of csv=p=0 "$1")
+  k=$(ffprobe -v error -select_streams v -show_entries packet=flags -of csv=p=0 "$1" | grep -c K)
+  d=$(ffprobe -v error -select_streams v -show_entries stream=duration -of csv=p=0 "$1")
+  echo "${v%,*} ${a:-none} ${v#*,} $k $d"
+}
+# within_frame SECONDS EXPECTED: true when they differ by at most one frame (25 fps).
+within_frame() { awk -v a="$1" -v b="$2" 'BEGIN { d = a - b; exit !(d <= 0.04 && d >= -0.04) }'; }
+check() {  # FILE CODEC AUDIO FRAMES KEYS
+  local got
+  read -r -a got <<<"$(streams "$1")"
+  [ "${got[*]:0:4}" = "$2 $3 $4 $5" ] || fail "$1: ffprobe finds '${got[*]}', wanted '$2 $3 $4 $5'"
+  within_frame "${got[4]}" "$(awk -v n="$4" 'BEGIN { print n / 25 }')" || fail "$1: duration ${got[4]} for $4 frames"
+}
+
+# One section each: the video as recorded, G.711 re-encoded, AAC as is.
+expect 0 "$tool" export "$h264" --card "$card" -o "$work/a.mp4" --json
+[ "$(json_field audio "$out")" = aac ] || fail "export report: $out"
+check "$work/a.mp4" h264 aac 100 2
+expect 0 "$tool" export "$h265" --card "$card" -o "$work/b.mp4"
+check "$work/b.mp4" hevc aac 100 2
+[ "$(ffprobe -v error -select_streams v -show_entries stream=codec_tag_string -of csv=p=0 "$work/b.mp4")" = hvc1 ] ||
+  fail "H.265 not in an hvc1 sample entry"
+# The MP4 video is the recorded stream: the same decoded pictures as the elementary-stream export.
+expect 0 "$tool" export "$h264" --card "$card" -o "$work/a.es.h264"
+pictures() { ffmpeg -loglevel error -i "$1" -map 0:v -fps_mode passthrough -f framemd5 - | grep -v '^#' | awk '{ print $6 }'; }
+[ "$(pictures "$work/a.mp4")" = "$(pictures "$work/a.es.h264")" ] || fail "MP4 video decodes differently from the recorded stream"
+
+# A range over the last two sections: from the key frame at or before its
+# start (2 s into the first, key frames every 2 s) to its end.
+expect 0 "$tool" search --card "$card" --from 0 --to 4294967295 --json
+start=$(grep "\"$c1\"" <<<"$out" | sed -E 's/.*"start":([0-9]+).*/\1/')
+second=$(grep "\"$c2\"" <<<"$out" | sed -E 's/.*"start":([0-9]+).*/\1/')
+expect 0 "$tool" export --from $((start + 2)) --to $((second + 3)) --card "$card" -o "$work/r.mp4" --json
+[ "$(json_field sections "$out")" = 2 ] || fail "range report: $out"
+frames=$(json_field video_frames "$out")
+[ "$frames" -gt 150 ] && [ "$frames" -lt 200 ] || fail "range took $frames video frames"
+check "$work/r.mp4" h264 aac "$frames" "$(json_field key_frames "$out")"
+# A range from one codec into another stops at the change.
+expect 0 "$tool" export --from 0 --to 4294967295 --card "$card" -o "$work/x.mp4" --json
+[ "$(json_field video_frames "$out")" = 100 ] && [[ "$out" == *'"stopped_at":'* ]] || fail "codec change: $out"
+
+# Fragmented MP4 on standard output.
+"$tool" export "$c1" --card "$card" -o - --format mp4 >"$work/s.mp4" 2>"$work/err" || fail "stream: $(cat "$work/err")"
+[ "$(streams "$work/s.mp4" | cut -d' ' -f1-4)" = "h264 aac 150 3" ] || fail "stream: $(streams "$work/s.mp4")"
+
+# Refusals.
+expect 2 "$tool" export --from 10 --to 5 --card "$card" -o "$work/y.mp4"
+expect 1 "$tool" export --from 10 --to 20 --card "$card" -o "$work/y.mp4"
+[ "$err" = "avrecord-card export: no recording in the range" ] || fail "empty range message: $err"
+[ ! -e "$work/y.mp4" ] || fail "a failed export left its file"
+expect 2 "$tool" export --from 10 --to 20 --card "$card" -o "$work/y.avi"
+expect 2 "$tool" export "$h264" --from 10 --to 20 --card "$card" -o "$work/y.mp4"
+expect 1 "$tool" export hi000000_000009.mp4 --card "$card" -o "$work/y.mp4"
+
+[ "$failures" -eq 0 ] && echo "card mp4: all passed"
+exit "$failures"

@@ -308,12 +308,12 @@ int RunExport(const CardArgs &args) {
 #ifdef AVRECORD_CARD_MP4
 #define AVR_EXPORT_USAGE                                                                                     \
     "export NAME|--from TIME --to TIME -o OUT.mp4|-|OUT.avi|OUT.h264|OUT.h265 [--format mp4|avi|h264|h265] " \
-    "[--card DIR] [--json]"
+    "[--card DIR|--image PATH] [--json]"
 #else
 #define AVR_EXPORT_USAGE                                                                                   \
-    "export NAME -o OUT.avi|OUT.h264|OUT.h265 [--format avi|h264|h265] [--card DIR] [--json]" \
+    "export NAME -o OUT.avi|OUT.h264|OUT.h265 [--format avi|h264|h265] [--card DIR|--image PATH] [--json]" \
     "  (MP4 export is not part of this build)"
 #endif
 
-AVR_CARD_COMMAND(export, "export", AVR_EXPORT_USAGE, {"-o", "--format", "--from", "--to"},
+AVR_CARD_COMMAND(export, "export", AVR_EXPORT_USAGE, {"-o", "--format", "--from", "--to", "--image"},
                  RunExport);

@@ -80,4 +80,5 @@ int RunFrames(const CardArgs &args) {
 
 }  // namespace
 
-AVR_CARD_COMMAND(frames, "frames", "frames NAME [--card DIR] [--json] [--es OUT]", {"--es"}, RunFrames);
+AVR_CARD_COMMAND(frames, "frames", "frames NAME [--card DIR|--image PATH] [--json] [--es OUT]",
+                 {"--es", "--image"}, RunFrames);

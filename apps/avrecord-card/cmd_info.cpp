@@ -83,4 +83,4 @@ int RunInfo(const CardArgs &args) {
 
 }  // namespace
 
-AVR_CARD_COMMAND(info, "info", "info [--card DIR] [--json]", {}, RunInfo);
+AVR_CARD_COMMAND(info, "info", "info [--card DIR|--image PATH] [--json]", {"--image"}, RunInfo);

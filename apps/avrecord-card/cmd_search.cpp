@@ -75,5 +75,6 @@ int RunSearch(const CardArgs &args) {
 
 }  // namespace
 
-AVR_CARD_COMMAND(search, "search", "search --from TIME --to TIME [--type 2|1|4|8] [--card DIR] [--json]",
-                 {"--from", "--to", "--type"}, RunSearch);
+AVR_CARD_COMMAND(search, "search",
+                 "search --from TIME --to TIME [--type 2|1|4|8] [--card DIR|--image PATH] [--json]",
+                 {"--from", "--to", "--type", "--image"}, RunSearch);

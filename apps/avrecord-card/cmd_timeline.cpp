@@ -42,5 +42,6 @@ int RunTimeline(const CardArgs &args) {
 
 }  // namespace
 
-AVR_CARD_COMMAND(timeline, "timeline", "timeline --day YYYY-MM-DD -o OUT.svg [--card DIR] [--json]",
-                 {"--day", "-o"}, RunTimeline);
+AVR_CARD_COMMAND(timeline, "timeline",
+                 "timeline --day YYYY-MM-DD -o OUT.svg [--card DIR|--image PATH] [--json]",
+                 {"--day", "-o", "--image"}, RunTimeline);

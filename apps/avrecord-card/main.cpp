@@ -9,6 +9,7 @@
 
 #include "card_command.h"
 #include "common/platform_paths.h"
+#include "tools/card_image_io.h"
 
 namespace {
 
@@ -28,7 +29,7 @@ int PrintUsage(FILE *out) {
     std::vector<CardCommand> commands = Registry();
     std::sort(commands.begin(), commands.end(),
               [](const CardCommand &a, const CardCommand &b) { return strcmp(a.name, b.name) < 0; });
-    fprintf(out, "usage: avrecord-card COMMAND [--card DIR] [--json] ...\n\ncommands:\n");
+    fprintf(out, "usage: avrecord-card COMMAND [--card DIR | --image PATH] [--json] ...\n\ncommands:\n");
     for (const CardCommand &command : commands) fprintf(out, "  %s\n", command.usage);
     return kExitUsage;
 }
@@ -36,6 +37,18 @@ int PrintUsage(FILE *out) {
 bool TakesValue(const CardCommand &command, const std::string &name) {
     if (name == "--card") return true;
     return std::find(command.valueOptions.begin(), command.valueOptions.end(), name) != command.valueOptions.end();
+}
+
+// --image PATH: the card is read from an image or raw device, read-only;
+// args.card becomes the directory its files appear under.
+int AttachImage(CardArgs &args) {
+    if (args.Has("--card")) return CardFail(args, kExitUsage, "--card and --image exclude each other");
+    std::string image = args.Get("--image");
+    if (image.empty()) return CardFail(args, kExitUsage, "--image needs a card image or device");
+    std::string why;
+    if (CardImageAttach(image, &args.card, &why) != 0)
+        return CardFail(args, kExitCardProblem, "%s", why.c_str());
+    return kExitOk;
 }
 
 // Options may stand before or after the operands; "--name=value" works too.
@@ -65,6 +78,11 @@ int ParseArgs(const CardCommand &command, int argc, char **argv, CardArgs &args)
             return CardFail(args, kExitUsage, "option %s takes no value", word.c_str());
         }
         args.options[word] = value;
+    }
+    if (args.Has("--image")) {
+        if (!TakesValue(command, "--image"))
+            return CardFail(args, kExitUsage, "takes no --image");
+        return AttachImage(args);
     }
     args.card = args.Has("--card") ? args.Get("--card") : PlatformPath(kCardMountPoint);
     if (args.card.empty()) return CardFail(args, kExitUsage, "--card needs a directory");

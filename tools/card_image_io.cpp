@@ -1,0 +1,222 @@
+#include "tools/card_image_io.h"
+
+#include <fcntl.h>
+#include <strings.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "avrecord_lib/index_records.h"
+#include "common/file_io.h"
+#include "mkfs/fat32_reader.h"
+
+namespace {
+
+constexpr char kPictureSuffix[] = ".pic";
+
+struct ImageFile {
+    Fat32File file;
+    bool checked;  // its clusters were found contiguous
+};
+
+// A card file open through the layer: its own read-only descriptor of the
+// image, and where the file's bytes lie in it.
+struct OpenFile {
+    uint64_t start;    // byte offset of the file's first cluster
+    uint32_t size;     // file size
+    int64_t position;  // read position inside the file
+};
+
+struct AttachedImage {
+    std::string path;    // the image as given
+    std::string prefix;  // "<image>/"
+    Fat32Volume volume;
+    std::vector<ImageFile> files;
+    std::mutex mutex;  // guards checked flags and the open table
+    std::map<int, OpenFile> open;
+};
+
+std::unique_ptr<AttachedImage> g_image;
+
+bool IsPicture(const std::string &name) {
+    return name.size() > sizeof kPictureSuffix - 1 &&
+           name.compare(name.size() - (sizeof kPictureSuffix - 1), std::string::npos, kPictureSuffix) == 0;
+}
+
+// Closes a descriptor of the image on every way out of the attach.
+struct ImageFd {
+    int fd;
+    ~ImageFd() {
+        if (fd >= 0) PosixFileIo().close(fd);
+    }
+};
+
+int CheckFile(const AttachedImage &image, ImageFile *f, std::string *why) {
+    ImageFd device{PosixFileIo().open(image.path.c_str(), O_RDONLY | O_CLOEXEC, 0)};
+    if (device.fd < 0 || Fat32CheckContiguous(device.fd, image.volume, f->file, why) != 0) return -1;
+    f->checked = true;
+    return 0;
+}
+
+// The file a path names inside the image; nullptr (errno ENOENT) when the
+// path is inside it but no such file exists, or `outside` when the path is
+// not the image's at all.
+ImageFile *Lookup(const char *path, bool *outside) {
+    std::string text(path);
+    *outside = g_image == nullptr || text.compare(0, g_image->prefix.size(), g_image->prefix) != 0;
+    if (*outside) return nullptr;
+    std::string name = text.substr(g_image->prefix.size());
+    for (ImageFile &f : g_image->files) {
+        if (strcasecmp(f.file.name.c_str(), name.c_str()) == 0) return &f;
+    }
+    errno = ENOENT;
+    return nullptr;
+}
+
+int ImageOpen(const char *path, int flags, mode_t mode) {
+    bool outside = false;
+    ImageFile *f = Lookup(path, &outside);
+    if (outside) return PosixFileIo().open(path, flags, mode);
+    if (f == nullptr) return -1;
+    if ((flags & O_ACCMODE) != O_RDONLY || (flags & (O_CREAT | O_TRUNC)) != 0) {
+        errno = EROFS;
+        return -1;
+    }
+    std::lock_guard<std::mutex> lock(g_image->mutex);
+    std::string why;
+    if (!f->checked && CheckFile(*g_image, f, &why) != 0) {
+        errno = EIO;
+        return -1;
+    }
+    int fd = PosixFileIo().open(g_image->path.c_str(), O_RDONLY | (flags & O_CLOEXEC), 0);
+    if (fd < 0) return -1;
+    g_image->open[fd] = OpenFile{g_image->volume.ClusterOffset(f->file.firstCluster), f->file.size, 0};
+    return fd;
+}
+
+// The open card file of a descriptor; false for any other descriptor.
+bool Find(int fd, OpenFile *file) {
+    if (g_image == nullptr) return false;
+    std::lock_guard<std::mutex> lock(g_image->mutex);
+    auto it = g_image->open.find(fd);
+    if (it == g_image->open.end()) return false;
+    *file = it->second;
+    return true;
+}
+
+void SetPosition(int fd, int64_t position) {
+    std::lock_guard<std::mutex> lock(g_image->mutex);
+    auto it = g_image->open.find(fd);
+    if (it != g_image->open.end()) it->second.position = position;
+}
+
+int ImageClose(int fd) {
+    if (g_image != nullptr) {
+        std::lock_guard<std::mutex> lock(g_image->mutex);
+        g_image->open.erase(fd);
+    }
+    return PosixFileIo().close(fd);
+}
+
+int64_t ImageSeek(int fd, int64_t offset, int whence) {
+    OpenFile f;
+    if (!Find(fd, &f)) return PosixFileIo().seek(fd, offset, whence);
+    int64_t base = whence == SEEK_SET   ? 0
+                   : whence == SEEK_CUR ? f.position
+                   : whence == SEEK_END ? f.size
+                                        : -1;
+    if (base < 0 || offset < -base) {
+        errno = EINVAL;
+        return -1;
+    }
+    SetPosition(fd, base + offset);
+    return base + offset;
+}
+
+ssize_t ImageRead(int fd, void *buf, size_t length) {
+    OpenFile f;
+    if (!Find(fd, &f)) return PosixFileIo().read(fd, buf, length);
+    if (f.position >= f.size) return 0;
+    size_t n = std::min<uint64_t>(length, static_cast<uint64_t>(f.size - f.position));
+    int64_t at = static_cast<int64_t>(f.start) + f.position;
+    if (PosixFileIo().seek(fd, at, SEEK_SET) != at) return -1;
+    ssize_t got = PosixFileIo().read(fd, buf, n);
+    if (got > 0) SetPosition(fd, f.position + got);
+    return got;
+}
+
+ssize_t ImageWrite(int fd, const void *buf, size_t length) {
+    OpenFile f;
+    if (!Find(fd, &f)) return PosixFileIo().write(fd, buf, length);
+    errno = EBADF;
+    return -1;
+}
+
+int ImageFsync(int fd) {
+    OpenFile f;
+    return Find(fd, &f) ? 0 : PosixFileIo().fsync(fd);
+}
+
+int ImageSetCloseOnExec(int fd) { return PosixFileIo().setCloseOnExec(fd); }
+
+const FileIoOps kImageFileIo = {ImageOpen,  ImageClose, ImageSeek,          ImageRead,
+                                ImageWrite, ImageFsync, ImageSetCloseOnExec};
+
+// Reads the volume and its directory, and checks the card's files.
+int Inspect(AttachedImage *image, std::string *why) {
+    const std::string &path = image->path;
+    ImageFd device{PosixFileIo().open(path.c_str(), O_RDONLY | O_CLOEXEC, 0)};
+    if (device.fd < 0) {
+        *why = path + ": " + strerror(errno);
+        return -1;
+    }
+    const std::string notOurs = path + ": not a card of this recorder: ";
+    std::vector<Fat32File> files;
+    std::string problem;
+    if (Fat32ReadVolume(device.fd, &image->volume, &problem) != 0 ||
+        Fat32ReadRootDirectory(device.fd, image->volume, &files, &problem) != 0) {
+        *why = notOurs + problem;
+        return -1;
+    }
+    bool hasIndex = false;
+    for (const Fat32File &file : files) {
+        hasIndex = hasIndex || file.name == kIndexFileName;
+        image->files.push_back(ImageFile{file, false});
+    }
+    if (!hasIndex) {
+        *why = notOurs + "no " + kIndexFileName + " in its root directory";
+        return -1;
+    }
+    for (ImageFile &f : image->files) {
+        if (IsPicture(f.file.name)) continue;
+        if (Fat32CheckContiguous(device.fd, image->volume, f.file, &problem) != 0) {
+            *why = path + ": its files are not laid out as the card formatter does: " + problem;
+            return -1;
+        }
+        f.checked = true;
+    }
+    return 0;
+}
+
+}  // namespace
+
+int CardImageAttach(const std::string &image, std::string *cardDir, std::string *why) {
+    auto attached = std::make_unique<AttachedImage>();
+    attached->path = image;
+    attached->prefix = image + "/";
+    if (Inspect(attached.get(), why) != 0) return -1;
+    g_image = std::move(attached);
+    *cardDir = g_image->prefix;
+    SetFileIo(&kImageFileIo);
+    return 0;
+}
+
+void CardImageDetach() {
+    SetFileIo(nullptr);
+    g_image.reset();
+}

@@ -48,6 +48,8 @@ public:
     JsonLine &Add(const std::string &key, unsigned value) { return Add(key, static_cast<unsigned long long>(value)); }
     JsonLine &Add(const std::string &key, double value);
     JsonLine &AddBool(const std::string &key, bool value);
+    // value is JSON already (an array or object).
+    JsonLine &AddRaw(const std::string &key, const std::string &value);
     std::string Text() const { return "{" + body_ + "}"; }
     void Print() const;
 
@@ -57,6 +59,8 @@ private:
 };
 
 std::string JsonEscape(const std::string &text);
+// "[a,b,...]" from JSON values.
+std::string JsonArray(const std::vector<std::string> &values);
 
 // Registers a subcommand from its own file.
 #define AVR_CARD_COMMAND(id, ...) \

@@ -170,6 +170,18 @@ JsonLine &JsonLine::AddBool(const std::string &key, bool value) {
     return *this;
 }
 
+JsonLine &JsonLine::AddRaw(const std::string &key, const std::string &value) {
+    Key(key);
+    body_ += value;
+    return *this;
+}
+
+std::string JsonArray(const std::vector<std::string> &values) {
+    std::string out = "[";
+    for (size_t i = 0; i < values.size(); ++i) out += (i == 0 ? "" : ",") + values[i];
+    return out + "]";
+}
+
 void JsonLine::Print() const { printf("%s\n", Text().c_str()); }
 
 int main(int argc, char **argv) {

@@ -1,0 +1,417 @@
+'use strict';
+// The card's page: days, the zoomable timeline of a day, playback from a
+// clicked moment and MP4 clips, all through the JSON API under /api/.
+
+const $ = (id) => document.getElementById(id);
+const SVG = 'http://www.w3.org/2000/svg';
+const DAY_SECONDS = 86400;
+const MIN_SPAN = 60;              // the closest zoom: one minute across
+const ZOOM_STEP = 1.6;
+const PLAY_SLACK = 5;             // a click this close before a section plays it
+const CLIP_SECONDS = 10;          // default clip length after a click
+const CLIP_POLL_MS = 250;
+const DRAG_PIXELS = 4;            // less movement than this is a click
+const PLOT_LEFT = 86;
+const PLOT_RIGHT = 24;
+const LANE_HEIGHT = 22;
+const LANE_GAP = 6;
+const LANES = [
+  { label: 'Recordings', type: 0 },
+  { label: 'Alarm 1', type: 1 },
+  { label: 'Alarm 4', type: 4 },
+  { label: 'Alarm 8', type: 8 },
+];
+const TICKS = [1, 5, 10, 30, 60, 300, 600, 1800, 3600, 10800, 21600];
+const MAX_TICKS = 12;
+const AUDIO_NAMES = { aac: 'AAC', g711a: 'G.711 A-law', g711u: 'G.711 \u00b5-law', none: 'none' };
+const CODEC_NAMES = { h264: 'H.264', h265: 'H.265' };
+
+const state = {
+  days: [],
+  day: null,          // {day, start, end, sections, events}
+  sections: [],
+  events: [],
+  viewStart: 0,
+  viewSpan: DAY_SECONDS,
+  moment: null,       // the moment shown by the playhead
+  playing: null,      // {section, keyTime}
+};
+// Figures the tests read: the time from a click to the first frame shown.
+window.avrecordStats = { clicks: 0, clickToFirstFrameMs: null, lastError: null };
+
+async function getJson(url, options) {
+  const res = await fetch(url, options);
+  const body = await res.json().catch(() => ({ error: res.statusText }));
+  if (!res.ok) throw new Error(body.error || res.statusText);
+  return body;
+}
+
+const pad = (n) => String(n).padStart(2, '0');
+
+// Clock text of a moment of the shown day, counted from its local midnight
+// as the card's tool reckons it.
+function clockText(t, withSeconds = true) {
+  const s = Math.floor(t - state.day.start);
+  const text = `${pad(Math.floor(s / 3600))}:${pad(Math.floor(s / 60) % 60)}`;
+  return withSeconds ? `${text}:${pad(s % 60)}` : text;
+}
+
+function secondsOfClock(text) {
+  const [h, m, s] = text.split(':').map(Number);
+  return state.day.start + h * 3600 + m * 60 + (s || 0);
+}
+
+function megabytes(bytes) {
+  return `${(bytes / 1e6).toFixed(1)} MB`;
+}
+
+// ---- days ----------------------------------------------------------------
+
+function monthTable(year, month, days) {
+  const first = new Date(Date.UTC(year, month - 1, 1));
+  const length = new Date(Date.UTC(year, month, 0)).getUTCDate();
+  const table = document.createElement('table');
+  table.createCaption().textContent = first.toLocaleString('en', { month: 'long', year: 'numeric', timeZone: 'UTC' });
+  const head = table.createTHead().insertRow();
+  for (const name of ['Mo', 'Tu', 'We', 'Th', 'Fr', 'Sa', 'Su']) head.insertCell().outerHTML = `<th>${name}</th>`;
+  const body = table.createTBody();
+  let row = body.insertRow();
+  for (let i = 0; i < (first.getUTCDay() + 6) % 7; i++) row.insertCell();
+  for (let d = 1; d <= length; d++) {
+    if (row.cells.length === 7) row = body.insertRow();
+    const cell = row.insertCell();
+    const key = `${year}-${pad(month)}-${pad(d)}`;
+    const day = days.get(key);
+    if (!day) {
+      cell.textContent = d;
+      cell.className = 'empty';
+      continue;
+    }
+    const button = document.createElement('button');
+    button.type = 'button';
+    button.textContent = d;
+    button.dataset.day = key;
+    button.title = `${day.sections} sections, ${day.events} alarm events`;
+    if (day.events > 0) button.classList.add('alarms');
+    button.addEventListener('click', () => selectDay(day));
+    cell.appendChild(button);
+  }
+  return table;
+}
+
+function drawCalendar() {
+  const box = $('calendar');
+  box.textContent = '';
+  if (state.days.length === 0) {
+    box.textContent = 'No recordings on this card.';
+    return;
+  }
+  const byKey = new Map(state.days.map((d) => [d.day, d]));
+  const months = [...new Set(state.days.map((d) => d.day.slice(0, 7)))].reverse();
+  for (const month of months) {
+    const div = document.createElement('div');
+    div.className = 'month';
+    div.appendChild(monthTable(Number(month.slice(0, 4)), Number(month.slice(5, 7)), byKey));
+    box.appendChild(div);
+  }
+}
+
+async function selectDay(day) {
+  state.day = day;
+  for (const b of document.querySelectorAll('#calendar button')) b.classList.toggle('selected', b.dataset.day === day.day);
+  const range = `from=${day.start}&to=${day.end - 1}`;
+  const [sections, events] = await Promise.all([getJson(`/api/sections?${range}`), getJson(`/api/events?${range}`)]);
+  state.sections = sections.sections;
+  state.events = events.events;
+  state.viewStart = day.start;
+  state.viewSpan = day.end - day.start;
+  $('day-title').textContent = `${day.day}: ${state.sections.length} sections, ${state.events.length} alarm events`;
+  drawTimeline();
+}
+
+// ---- timeline --------------------------------------------------------------
+
+function plotWidth() {
+  return Math.max(1, $('timeline').clientWidth - PLOT_LEFT - PLOT_RIGHT);
+}
+
+function xOf(t) {
+  return PLOT_LEFT + ((t - state.viewStart) / state.viewSpan) * plotWidth();
+}
+
+function timeAt(x) {
+  return state.viewStart + ((x - PLOT_LEFT) / plotWidth()) * state.viewSpan;
+}
+
+function svgElement(name, attributes, parent) {
+  const element = document.createElementNS(SVG, name);
+  for (const [key, value] of Object.entries(attributes)) element.setAttribute(key, value);
+  parent.appendChild(element);
+  return element;
+}
+
+function laneY(index) {
+  return LANE_GAP + index * (LANE_HEIGHT + LANE_GAP);
+}
+
+function drawBar(svg, item, lane, cls, label) {
+  const left = Math.max(xOf(item.start), PLOT_LEFT);
+  const right = Math.min(xOf(item.end + 1), PLOT_LEFT + plotWidth());
+  if (right < PLOT_LEFT || left > PLOT_LEFT + plotWidth()) return;
+  const bar = svgElement('rect', { class: cls, x: left, y: laneY(lane), width: Math.max(2, right - left), height: LANE_HEIGHT }, svg);
+  bar.dataset.name = item.name;
+  bar.dataset.start = item.start;
+  bar.dataset.end = item.end;
+  svgElement('title', {}, bar).textContent = label;
+}
+
+function drawAxis(svg, axisY) {
+  const step = TICKS.find((s) => state.viewSpan / s <= MAX_TICKS) || TICKS[TICKS.length - 1];
+  const first = Math.ceil((state.viewStart - state.day.start) / step) * step + state.day.start;
+  for (let t = first; t <= state.viewStart + state.viewSpan; t += step) {
+    const x = xOf(t);
+    svgElement('line', { class: 'grid', x1: x, x2: x, y1: 0, y2: axisY }, svg);
+    svgElement('text', { x, y: axisY + 14, 'text-anchor': 'middle' }, svg).textContent = clockText(t, step < 60);
+  }
+  LANES.forEach((lane, i) => {
+    svgElement('text', { class: 'lane-label', x: 6, y: laneY(i) + 15 }, svg).textContent = lane.label;
+  });
+}
+
+function drawTimeline() {
+  const svg = $('timeline');
+  svg.textContent = '';
+  if (!state.day) return;
+  const axisY = laneY(LANES.length);
+  drawAxis(svg, axisY);
+  for (const s of state.sections) {
+    const playing = state.playing && state.playing.section.name === s.name;
+    drawBar(svg, s, 0, playing ? 'section playing' : 'section',
+      `${s.name} ${clockText(s.start)}-${clockText(s.end)}, ${s.width}x${s.height}, ${s.frame_rate} fps`);
+  }
+  for (const e of state.events) {
+    const lane = LANES.findIndex((l) => l.type === e.type);
+    if (lane > 0) drawBar(svg, e, lane, `alarm alarm-type-${e.type}`, `${e.name} alarm type ${e.type} ${clockText(e.start)}-${clockText(e.end)}`);
+  }
+  state.playhead = svgElement('line', { class: 'playhead', y1: 0, y2: axisY, visibility: 'hidden' }, svg);
+  movePlayhead();
+}
+
+function movePlayhead() {
+  if (!state.playhead) return;
+  const inView = state.moment !== null && state.moment >= state.viewStart && state.moment <= state.viewStart + state.viewSpan;
+  state.playhead.setAttribute('visibility', inView ? 'visible' : 'hidden');
+  if (inView) {
+    state.playhead.setAttribute('x1', xOf(state.moment));
+    state.playhead.setAttribute('x2', xOf(state.moment));
+  }
+}
+
+// Shows span seconds with the moment at keeping its place on the screen.
+function zoomTo(span, at) {
+  if (!state.day) return;
+  const daySpan = state.day.end - state.day.start;
+  const newSpan = Math.min(daySpan, Math.max(MIN_SPAN, span));
+  const fraction = (at - state.viewStart) / state.viewSpan;
+  state.viewSpan = newSpan;
+  panTo(at - fraction * newSpan);
+}
+
+function panTo(start) {
+  const latest = state.day.end - state.viewSpan;
+  state.viewStart = Math.min(latest, Math.max(state.day.start, start));
+  drawTimeline();
+}
+
+function viewCentre() {
+  return state.moment !== null ? state.moment : state.viewStart + state.viewSpan / 2;
+}
+
+function setUpTimeline() {
+  const svg = $('timeline');
+  let drag = null;
+  svg.addEventListener('wheel', (event) => {
+    event.preventDefault();
+    zoomTo(state.viewSpan * (event.deltaY > 0 ? ZOOM_STEP : 1 / ZOOM_STEP), timeAt(event.offsetX));
+  }, { passive: false });
+  svg.addEventListener('mousedown', (event) => {
+    drag = { x: event.clientX, start: state.viewStart, moved: false };
+  });
+  window.addEventListener('mousemove', (event) => {
+    if (!drag || !state.day) return;
+    const dx = event.clientX - drag.x;
+    if (Math.abs(dx) >= DRAG_PIXELS) drag.moved = true;
+    if (drag.moved) panTo(drag.start - (dx / plotWidth()) * state.viewSpan);
+  });
+  window.addEventListener('mouseup', (event) => {
+    const click = drag && !drag.moved && event.target.closest('#timeline');
+    drag = null;
+    if (click && state.day && event.offsetX >= PLOT_LEFT) play(Math.floor(timeAt(event.offsetX)));
+  });
+  for (const button of document.querySelectorAll('#zoom button[data-span]')) {
+    button.addEventListener('click', () => zoomTo(Number(button.dataset.span), viewCentre()));
+  }
+  $('zoom-in').addEventListener('click', () => zoomTo(state.viewSpan / ZOOM_STEP, viewCentre()));
+  $('zoom-out').addEventListener('click', () => zoomTo(state.viewSpan * ZOOM_STEP, viewCentre()));
+  window.addEventListener('resize', drawTimeline);
+}
+
+// ---- playback --------------------------------------------------------------
+
+function sectionAt(at) {
+  return state.sections.find((s) => s.start <= at && at <= s.end) ||
+    state.sections.find((s) => s.start > at && s.start - at <= PLAY_SLACK);
+}
+
+function showDetails(section) {
+  $('section-title').textContent = section.name;
+  const alarms = section.alarm_types.length ? section.alarm_types.map((t) => `type ${t}`).join(', ') : 'none';
+  const rows = [
+    ['Time', `${clockText(section.start)} \u2013 ${clockText(section.end)}`],
+    ['Resolution', `${section.width} \u00d7 ${section.height}`],
+    ['Frame rate', `${section.frame_rate} fps`],
+    ['Codec', `${CODEC_NAMES[section.codec] || section.codec}, audio ${AUDIO_NAMES[section.audio] || section.audio}`],
+    ['Size', `${megabytes(section.size)}, ${section.frames} frames`],
+    ['Alarm', alarms],
+  ];
+  const list = $('details');
+  list.textContent = '';
+  for (const [name, value] of rows) {
+    list.appendChild(document.createElement('dt')).textContent = name;
+    const dd = list.appendChild(document.createElement('dd'));
+    dd.textContent = value;
+    dd.dataset.field = name.toLowerCase().replace(' ', '-');
+  }
+}
+
+function setClipRange(from, to) {
+  $('clip-from').value = clockText(from);
+  $('clip-to').value = clockText(Math.min(to, state.day.end - 1));
+}
+
+async function play(at) {
+  const section = sectionAt(at);
+  $('play-status').textContent = '';
+  if (!section) {
+    $('play-status').textContent = `Nothing was recorded at ${clockText(at)}.`;
+    return;
+  }
+  at = Math.max(at, section.start);
+  const clicked = performance.now();
+  window.avrecordStats.clicks += 1;
+  window.avrecordStats.clickToFirstFrameMs = null;
+  state.moment = at;
+  setClipRange(at, at + CLIP_SECONDS);
+  const video = $('video');
+  video.src = `/api/video?at=${at}`;
+  const started = video.play().catch(() => {});
+  try {
+    const details = await getJson(`/api/play?at=${at}`);
+    state.playing = { section: details, keyTime: details.key_time };
+    showDetails(details);
+  } catch (error) {
+    $('play-status').textContent = error.message;
+  }
+  video.requestVideoFrameCallback(() => {
+    window.avrecordStats.clickToFirstFrameMs = performance.now() - clicked;
+  });
+  drawTimeline();
+  await started;
+}
+
+function showClock() {
+  const video = $('video');
+  if (state.playing && state.day) {
+    const t = state.playing.keyTime + video.currentTime;
+    $('clock').textContent = `${state.day.day} ${clockText(t)}`;
+    $('clock').dataset.time = t.toFixed(3);
+    state.moment = t;
+    movePlayhead();
+  }
+  requestAnimationFrame(showClock);
+}
+
+function setUpPlayer() {
+  $('video').addEventListener('error', () => {
+    const error = $('video').error;
+    window.avrecordStats.lastError = error ? `${error.code} ${error.message}` : 'error';
+    $('play-status').textContent = `The video cannot be played (${window.avrecordStats.lastError}).`;
+  });
+  requestAnimationFrame(showClock);
+}
+
+// ---- clips -------------------------------------------------------------------
+
+function showClipProgress(job) {
+  const progress = $('clip-progress');
+  progress.hidden = false;
+  progress.value = job.done;
+  let text = `${job.state}: ${job.frames} frames, ${megabytes(job.bytes)}`;
+  if (job.seconds_left !== undefined) text += `, about ${Math.ceil(job.seconds_left)} s left`;
+  if (job.error) text += ` (${job.error})`;
+  $('clip-status').textContent = text;
+}
+
+async function makeClip(event) {
+  event.preventDefault();
+  if (!state.day) return;
+  const from = secondsOfClock($('clip-from').value);
+  const to = secondsOfClock($('clip-to').value);
+  $('clip-link').hidden = true;
+  $('clip-make').disabled = true;
+  try {
+    let job = await getJson(`/api/clips?from=${from}&to=${to}`, { method: 'POST' });
+    while (job.state === 'queued' || job.state === 'working') {
+      showClipProgress(job);
+      await new Promise((resolve) => setTimeout(resolve, CLIP_POLL_MS));
+      job = await getJson(`/api/clips/${job.id}`);
+    }
+    showClipProgress(job);
+    if (job.state === 'done') {
+      const link = $('clip-link');
+      link.href = job.url;
+      link.download = '';
+      link.hidden = false;
+      link.click();
+    }
+  } catch (error) {
+    $('clip-status').textContent = error.message;
+  } finally {
+    $('clip-make').disabled = false;
+  }
+}
+
+// ---- card ----------------------------------------------------------------------
+
+async function showCard() {
+  const info = await getJson('/api/info');
+  $('card-info').textContent = `${info.files.length} of ${info.file_sum} media files in use`;
+}
+
+async function checkCard() {
+  $('check-result').textContent = 'checking\u2026';
+  try {
+    const check = await getJson('/api/check');
+    $('check-result').textContent = check.consistent ? 'index consistent' :
+      `${check.problems.length} problems: ${check.problems[0]}`;
+  } catch (error) {
+    $('check-result').textContent = error.message;
+  }
+}
+
+async function start() {
+  setUpTimeline();
+  setUpPlayer();
+  $('clip').addEventListener('submit', makeClip);
+  $('check').addEventListener('click', checkCard);
+  try {
+    await showCard();
+    state.days = (await getJson('/api/days')).days;
+    drawCalendar();
+    if (state.days.length) await selectDay(state.days[state.days.length - 1]);
+  } catch (error) {
+    $('day-title').textContent = error.message;
+  }
+}
+
+start();

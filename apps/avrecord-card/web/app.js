@@ -156,7 +156,7 @@ function laneY(index) {
 
 function drawBar(svg, item, lane, cls, label) {
   const left = Math.max(xOf(item.start), PLOT_LEFT);
-  const right = Math.min(xOf(item.end + 1), PLOT_LEFT + plotWidth());
+  const right = Math.min(xOf(item.end), PLOT_LEFT + plotWidth());
   if (right < PLOT_LEFT || left > PLOT_LEFT + plotWidth()) return;
   const bar = svgElement('rect', { class: cls, x: left, y: laneY(lane), width: Math.max(2, right - left), height: LANE_HEIGHT }, svg);
   bar.dataset.name = item.name;
@@ -171,7 +171,8 @@ function drawAxis(svg, axisY) {
   for (let t = first; t <= state.viewStart + state.viewSpan; t += step) {
     const x = xOf(t);
     svgElement('line', { class: 'grid', x1: x, x2: x, y1: 0, y2: axisY }, svg);
-    svgElement('text', { x, y: axisY + 14, 'text-anchor': 'middle' }, svg).textContent = clockText(t, step < 60);
+    const anchor = x > PLOT_LEFT + plotWidth() - PLOT_RIGHT ? 'end' : 'middle';
+    svgElement('text', { x, y: axisY + 14, 'text-anchor': anchor }, svg).textContent = clockText(t, step < 60);
   }
   LANES.forEach((lane, i) => {
     svgElement('text', { class: 'lane-label', x: 6, y: laneY(i) + 15 }, svg).textContent = lane.label;

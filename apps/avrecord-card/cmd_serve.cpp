@@ -25,10 +25,10 @@ int RunServe(const CardArgs &args) {
     return ServeCard(options);
 }
 #else
-constexpr char kServeUsage[] = "serve (not in this build: it needs an HTTP library this target lacks)";
+constexpr char kServeUsage[] = "serve  (the web page is not part of this build)";
 
 int RunServe(const CardArgs &args) {
-    return CardFail(args, kExitUsage, "not in this build: it needs an HTTP library this target lacks");
+    return CardFail(args, kExitUsage, "the web page is not part of this build");
 }
 #endif
 

@@ -10,7 +10,6 @@
 #include "avrecord_lib/record_file.h"
 #include "avrecord_lib/record_index.h"
 #include "card_command.h"
-#include "common/nal_unit.h"
 #include "tools/calendar_time.h"
 #include "tools/record_timeline.h"
 #include "tools/recording_reader.h"
@@ -18,8 +17,8 @@
 
 namespace {
 
-constexpr size_t kMaxParamLength = 64;  // longer than any time or name we take
-constexpr int kMaxDaysPerRecording = 2; // sections end at midnight; a longer span is damage
+constexpr size_t kMaxParamLength = 64;   // longer than any time or name we take
+constexpr int kMaxDaysPerRecording = 2;  // sections end at midnight; a longer span is damage
 constexpr uint32_t kMaxKeyFrameEntries = (kMediaFileSize - kKeyFrameTableOffset) / kKeyFrameEntrySize;
 
 // A descriptor from AVFileOpen, closed on leaving.
@@ -51,9 +50,9 @@ void LoadSections(int indexFd, const std::vector<FileInfoHead> &files, CardCatal
             firstKeyEntry += s.m_u32KeyFrameSum;
             // A section without frames yet has no end and nothing to show.
             if (s.m_u32EndTime <= s.m_u32StartTime) continue;
-            catalog->sections.push_back(CatalogSection{
-                RecordName(kSectionNameFormat, file.m_u32FileNo, s.m_u16SectionNo), s,
-                SeekFileMidnightCorrected(s.m_u32EndTime), first});
+            catalog->sections.push_back(
+                CatalogSection{RecordName(kSectionNameFormat, file.m_u32FileNo, s.m_u16SectionNo), s,
+                               SeekFileMidnightCorrected(s.m_u32EndTime), first});
         }
     }
 }
@@ -65,8 +64,9 @@ void LoadEvents(const std::string &cardDir, uint32_t fileSum, CardCatalog *catal
     std::unique_ptr<AlarmEventEntry[]> entries(new AlarmEventEntry[kMaxAlarmEventSum]);
     for (uint32_t n = 0; n < fileSum; ++n) {
         AlarmEventInfo info;
-        if (AV_AlarmEventFileInfoRead(events.fd, n, &info) != 0 || info.m_u32HeadFlag != kAlarmEventInfoFlag ||
-            info.m_u32AlarmEventSum == 0 || AV_AlarmEventEntryListRead(events.fd, &info, entries.get()) != 0) {
+        if (AV_AlarmEventFileInfoRead(events.fd, n, &info) != 0 ||
+            info.m_u32HeadFlag != kAlarmEventInfoFlag || info.m_u32AlarmEventSum == 0 ||
+            AV_AlarmEventEntryListRead(events.fd, &info, entries.get()) != 0) {
             continue;
         }
         for (uint32_t i = 0; i < info.m_u32AlarmEventSum; ++i) {
@@ -144,19 +144,6 @@ const char *AudioName(uint8_t codeType) {
     }
 }
 
-// "h265" when the key frame's first unit is an H.265 parameter set, access
-// unit delimiter or SEI; "h264" otherwise.
-std::string VideoCodecOf(const RecordingFrame &key) {
-    const uint8_t *p = key.pData;
-    for (uint32_t i = 0; i + 3 < key.u32Length; ++i) {
-        if (p[i] == 0 && p[i + 1] == 0 && p[i + 2] == 1) {
-            int type = H265NalType(p[i + 3]);
-            return type >= kH265NalVps && type <= kH265NalPrefixSei ? "h265" : "h264";
-        }
-    }
-    return "h264";
-}
-
 // The codec of a section from its first video frame; "" when unreadable.
 std::string SectionCodec(const std::string &cardDir, const std::string &name) {
     RecordingSpan span;
@@ -167,7 +154,7 @@ std::string SectionCodec(const std::string &cardDir, const std::string &name) {
         cardDir.c_str(), span,
         [&codec](const RecordingFrame &frame) {
             if (frame.iType != kPSFrameVideo) return true;
-            codec = VideoCodecOf(frame);
+            codec = RecordingIsH265(frame) ? "h265" : "h264";
             return false;
         },
         &reason);
@@ -188,8 +175,8 @@ std::string EventJson(const CatalogEvent &event) {
 
 // The section's JSON with the codec read from its first frame, the alarm
 // types of the events during it, and the fields of extra.
-std::string SectionDetails(const std::string &cardDir, const CardCatalog &catalog, const CatalogSection &section,
-                           const JsonLine &extra) {
+std::string SectionDetails(const std::string &cardDir, const CardCatalog &catalog,
+                           const CatalogSection &section, const JsonLine &extra) {
     std::set<unsigned> alarms;
     for (const CatalogEvent &e : catalog.events) {
         if (Overlaps(e.entry.m_u32StartTime, e.end, section.head.m_u32StartTime, section.end))
@@ -200,7 +187,8 @@ std::string SectionDetails(const std::string &cardDir, const CardCatalog &catalo
     std::string codec = SectionCodec(cardDir, section.name);
     std::string json = SectionJson(section);
     json.pop_back();  // the details go on inside the same object
-    json += ",\"codec\":\"" + (codec.empty() ? std::string("unknown") : codec) + "\",\"alarm_types\":" + JsonArray(types);
+    json += ",\"codec\":\"" + (codec.empty() ? std::string("unknown") : codec) +
+            "\",\"alarm_types\":" + JsonArray(types);
     std::string more = extra.Text();
     if (more.size() > 2) json += "," + more.substr(1, more.size() - 2);
     return json + "}";
@@ -208,11 +196,13 @@ std::string SectionDetails(const std::string &cardDir, const CardCatalog &catalo
 
 }  // namespace
 
-int CatalogKeyFrame(const std::string &cardDir, const CatalogSection &section, uint32_t at, KeyFrameEntry *key) {
+int CatalogKeyFrame(const std::string &cardDir, const CatalogSection &section, uint32_t at,
+                    KeyFrameEntry *key) {
     CardFile media(CardMediaFilePath(cardDir, section.head.m_u32FileNo));
     if (media.fd < 0) return -1;
     bool found = false;
-    uint32_t count = std::min(section.head.m_u32KeyFrameSum, kMaxKeyFrameEntries - std::min(section.firstKeyEntry, kMaxKeyFrameEntries));
+    uint32_t count = std::min(section.head.m_u32KeyFrameSum,
+                              kMaxKeyFrameEntries - std::min(section.firstKeyEntry, kMaxKeyFrameEntries));
     for (uint32_t k = 0; k < count; ++k) {
         KeyFrameEntry entry;
         if (AV_RecordKeyFrameEntryRead(media.fd, KeyFrameEntryOffset(section.firstKeyEntry + k), &entry) < 0)
@@ -357,7 +347,8 @@ ApiReply ApiDays(const std::string &cardDir, const ApiQuery &query) {
     std::map<std::string, DayCount> days;
     for (const CatalogSection &s : catalog.sections)
         CountDays(s.head.m_u32StartTime, s.end, &DayCount::sections, &days);
-    for (const CatalogEvent &e : catalog.events) CountDays(e.entry.m_u32StartTime, e.end, &DayCount::events, &days);
+    for (const CatalogEvent &e : catalog.events)
+        CountDays(e.entry.m_u32StartTime, e.end, &DayCount::events, &days);
     std::vector<std::string> rows;
     for (const auto &[day, count] : days) {
         rows.push_back(JsonLine()
@@ -410,7 +401,8 @@ ApiReply ApiSection(const std::string &cardDir, const ApiQuery &query) {
     if (loaded.status != kHttpOk) return loaded;
     auto found = std::find_if(catalog.sections.begin(), catalog.sections.end(),
                               [&name](const CatalogSection &s) { return s.name == name; });
-    if (found == catalog.sections.end()) return ApiError(kHttpNotFound, "no section " + name + " on the card");
+    if (found == catalog.sections.end())
+        return ApiError(kHttpNotFound, "no section " + name + " on the card");
     return ApiReply{kHttpOk, SectionDetails(cardDir, catalog, *found, JsonLine())};
 }
 

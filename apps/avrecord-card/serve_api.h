@@ -64,9 +64,9 @@ struct CatalogSection {
     uint32_t firstKeyEntry;  // its first entry in the media file's key-frame table
 };
 struct CatalogEvent {
-    std::string name;        // "he%06d_%06d.mp4"
-    AlarmEventEntry entry;   // the event record
-    uint32_t end;            // end as listed; the start while still open
+    std::string name;       // "he%06d_%06d.mp4"
+    AlarmEventEntry entry;  // the event record
+    uint32_t end;           // end as listed; the start while still open
 };
 struct CardCatalog {
     std::vector<CatalogSection> sections;
@@ -87,7 +87,8 @@ const CatalogSection *CatalogSectionAt(const CardCatalog &catalog, uint32_t at, 
 // The section's key frame at or before moment at (its first key frame when
 // at lies before it). 0, or -1 when the section's key-frame table cannot be
 // read.
-int CatalogKeyFrame(const std::string &cardDir, const CatalogSection &section, uint32_t at, KeyFrameEntry *key);
+int CatalogKeyFrame(const std::string &cardDir, const CatalogSection &section, uint32_t at,
+                    KeyFrameEntry *key);
 
 // The calls. Each reads the card only after its parameters passed.
 ApiReply ApiDays(const std::string &cardDir, const ApiQuery &query);

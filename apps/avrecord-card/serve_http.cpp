@@ -15,10 +15,10 @@
 #include <mutex>
 #include <thread>
 
+#include "card_clip.h"
 #include "card_command.h"
 #include "serve_api.h"
 #include "serve_assets.h"
-#include "serve_media.h"
 #include "tools/calendar_time.h"
 
 namespace {
@@ -49,7 +49,8 @@ std::string FileStamp(uint32_t seconds) {
 // thread; each lands as a file in the server's own temporary folder.
 class ClipJobs {
 public:
-    ClipJobs(std::string cardDir, std::string folder) : cardDir_(std::move(cardDir)), folder_(std::move(folder)) {
+    ClipJobs(std::string cardDir, std::string folder)
+        : cardDir_(std::move(cardDir)), folder_(std::move(folder)) {
         worker_ = std::thread([this] { Work(); });
     }
     ~ClipJobs() {
@@ -106,6 +107,7 @@ private:
         std::string state = kQueued;
         std::string error;
         ClipProgress progress{};
+        double done = 0;  // share of the clip made
         Clock::time_point started{};
         double seconds = 0;  // making time, once done
     };
@@ -113,12 +115,13 @@ private:
     std::string StatusJson(unsigned id, const Job &job) const {
         JsonLine line;
         line.Add("id", id).Add("from", job.from).Add("to", job.to).Add("state", job.state);
-        line.Add("frames", static_cast<unsigned long long>(job.progress.frames))
-            .Add("bytes", static_cast<unsigned long long>(job.progress.bytes))
-            .Add("done", job.progress.done);
-        if (job.state == std::string(kWorking) && job.progress.done > 0) {
+        line.Add("frames", static_cast<unsigned long long>(job.progress.videoFrames))
+            .Add("frames_total", static_cast<unsigned long long>(job.progress.videoFramesTotal))
+            .Add("bytes", static_cast<unsigned long long>(job.progress.outputBytes))
+            .Add("done", job.done);
+        if (job.state == std::string(kWorking) && job.done > 0) {
             double elapsed = std::chrono::duration<double>(Clock::now() - job.started).count();
-            line.Add("seconds_left", elapsed * (1 - job.progress.done) / job.progress.done);
+            line.Add("seconds_left", elapsed * (1 - job.done) / job.done);
         }
         if (job.state == std::string(kDone)) line.Add("url", "/api/clips/" + std::to_string(id) + "/file");
         if (!job.error.empty()) line.Add("error", job.error);
@@ -149,19 +152,32 @@ private:
             Job copy = job;
             lock.unlock();
             std::string reason;
-            int made = MakeClip(
-                cardDir_, copy.from, copy.to, copy.path,
+            ClipRequest request;
+            request.cardDir = cardDir_;
+            request.from = copy.from;
+            request.to = copy.to;
+            ClipInfo info;
+            int made = CardClipToFile(
+                request, copy.path,
                 [this, id](const ClipProgress &progress) {
                     std::lock_guard<std::mutex> guard(mutex_);
-                    jobs_[id].progress = progress;
+                    Job &job = jobs_[id];
+                    job.progress = progress;
+                    if (progress.cardBytesTotal > 0)
+                        job.done =
+                            std::min(1.0, static_cast<double>(progress.cardBytes) / progress.cardBytesTotal);
                     return !stopping_;
                 },
-                &reason);
+                &info, &reason);
             lock.lock();
             Job &done = jobs_[id];
-            done.state = made == 0 ? kDone : kFailed;
+            done.state = made == kClipOk ? kDone : kFailed;
             done.error = reason;
-            if (made == 0) done.progress.done = 1;
+            if (made == kClipOk) {
+                done.done = 1;
+                done.progress.videoFrames = info.videoFrames;
+                done.progress.outputBytes = info.outputBytes;
+            }
         }
     }
 
@@ -212,13 +228,15 @@ ApiReply StartClip(const std::string &cardDir, const ApiQuery &query, ClipJobs &
     std::string reason;
     if (LoadCardCatalog(cardDir, &catalog, &reason) != 0) return ApiError(kHttpServerError, reason);
     bool any = false;
-    for (const CatalogSection &s : catalog.sections) any = any || (s.head.m_u32StartTime < to && s.end > from);
+    for (const CatalogSection &s : catalog.sections)
+        any = any || (s.head.m_u32StartTime < to && s.end > from);
     if (!any) return ApiError(kHttpNotFound, "nothing was recorded in that time");
     return jobs.Start(from, to);
 }
 
-// Checks the moment to play; the section that holds it, or an error.
-ApiReply FindPlayable(const std::string &cardDir, const ApiQuery &query, uint32_t *at) {
+// Checks the moment to play; the section that holds it, or an error. *at
+// and *end give the stretch to play: from the moment to the section's end.
+ApiReply FindPlayable(const std::string &cardDir, const ApiQuery &query, uint32_t *at, uint32_t *end) {
     ApiParams params(query, {"at"});
     if (!params.Time("at", at)) return params.Error();
     CardCatalog catalog;
@@ -227,20 +245,32 @@ ApiReply FindPlayable(const std::string &cardDir, const ApiQuery &query, uint32_
     const CatalogSection *section = CatalogSectionAt(catalog, *at, kPlaySlackSeconds);
     if (section == nullptr) return ApiError(kHttpNotFound, "nothing was recorded at that moment");
     *at = std::max(*at, section->head.m_u32StartTime);
+    *end = section->end + 1;
     return ApiReply{kHttpOk, SectionJson(*section)};
 }
 
-void StreamVideo(const std::string &cardDir, uint32_t at, httplib::Response &res) {
+// Fragmented MP4 from the key frame at or before the moment, made while it
+// is sent: the browser shows the first frames before the rest is read.
+void StreamVideo(const std::string &cardDir, uint32_t at, uint32_t end, httplib::Response &res) {
+    // The stream has no length to take ranges of: whatever range the
+    // browser asks for, it gets the whole of it.
+    res.status = kHttpOk;
     res.set_header("Cache-Control", "no-store");
-    res.set_chunked_content_provider("video/mp4", [cardDir, at](size_t, httplib::DataSink &sink) {
+    res.set_chunked_content_provider("video/mp4", [cardDir, at, end](size_t, httplib::DataSink &sink) {
+        ClipRequest request;
+        request.cardDir = cardDir;
+        request.from = at;
+        request.to = end;
+        ClipInfo info;
         std::string reason;
-        int streamed = StreamFromMoment(
-            cardDir, at,
+        int streamed = CardClipToStream(
+            request,
             [&sink](const uint8_t *data, size_t size) {
                 return sink.is_writable() && sink.write(reinterpret_cast<const char *>(data), size);
             },
-            &reason);
-        if (streamed != 0) fprintf(stderr, "avrecord-card serve: playback stopped: %s\n", reason.c_str());
+            nullptr, &info, &reason);
+        if (streamed != kClipOk && streamed != kClipCancelled)
+            fprintf(stderr, "avrecord-card serve: playback stopped: %s\n", reason.c_str());
         sink.done();
         return true;
     });
@@ -249,8 +279,11 @@ void StreamVideo(const std::string &cardDir, uint32_t at, httplib::Response &res
 void AddRoutes(httplib::Server &server, const std::string &cardDir, ClipJobs &jobs) {
     using httplib::Request;
     using httplib::Response;
-    auto card = [&server, cardDir](const char *path, ApiReply (*call)(const std::string &, const ApiQuery &)) {
-        server.Get(path, [cardDir, call](const Request &req, Response &res) { Reply(res, call(cardDir, req.params)); });
+    auto card = [&server, cardDir](const char *path,
+                                   ApiReply (*call)(const std::string &, const ApiQuery &)) {
+        server.Get(path, [cardDir, call](const Request &req, Response &res) {
+            Reply(res, call(cardDir, req.params));
+        });
     };
     card("/api/days", ApiDays);
     card("/api/sections", ApiSections);
@@ -260,10 +293,10 @@ void AddRoutes(httplib::Server &server, const std::string &cardDir, ClipJobs &jo
     card("/api/info", ApiInfo);
     card("/api/check", ApiCheck);
     server.Get("/api/video", [cardDir](const Request &req, Response &res) {
-        uint32_t at = 0;
-        ApiReply found = FindPlayable(cardDir, req.params, &at);
+        uint32_t at = 0, end = 0;
+        ApiReply found = FindPlayable(cardDir, req.params, &at, &end);
         if (found.status != kHttpOk) return Reply(res, found);
-        StreamVideo(cardDir, at, res);
+        StreamVideo(cardDir, at, end, res);
     });
     server.Post("/api/clips", [cardDir, &jobs](const Request &req, Response &res) {
         Reply(res, StartClip(cardDir, req.params, jobs));
@@ -310,8 +343,8 @@ void SetUpServer(httplib::Server &server, const ServeOptions &options, const int
         return httplib::Server::HandlerResponse::Handled;
     });
     // Errors the routes did not word themselves (an unknown method, say).
-    server.set_error_handler(httplib::Server::HandlerWithResponse(
-        [](const httplib::Request &, httplib::Response &res) {
+    server.set_error_handler(
+        httplib::Server::HandlerWithResponse([](const httplib::Request &, httplib::Response &res) {
             if (!res.body.empty()) return httplib::Server::HandlerResponse::Unhandled;
             Reply(res, ApiError(res.status, "request refused"));
             return httplib::Server::HandlerResponse::Handled;
@@ -388,14 +421,17 @@ int ServeCard(const ServeOptions &options) {
         ClipJobs jobs(options.cardDir, folder);
         SetUpServer(server, options, &port);
         AddRoutes(server, options.cardDir, jobs);
-        port = options.port == 0 ? server.bind_to_any_port(options.host) :
-                                   (server.bind_to_port(options.host, options.port) ? options.port : -1);
+        port = options.port == 0 ? server.bind_to_any_port(options.host)
+                                 : (server.bind_to_port(options.host, options.port) ? options.port : -1);
         if (port < 0) {
-            fprintf(stderr, "avrecord-card serve: cannot listen on %s:%d\n", options.host.c_str(), options.port);
+            fprintf(stderr, "avrecord-card serve: cannot listen on %s:%d\n", options.host.c_str(),
+                    options.port);
             status = kExitUsage;
         } else {
             if (!IsLoopbackHost(options.host))
-                fprintf(stderr, "avrecord-card serve: listening beyond this machine: anyone who reaches %s sees the card\n",
+                fprintf(stderr,
+                        "avrecord-card serve: listening beyond this machine: anyone who reaches %s sees the "
+                        "card\n",
                         options.host.c_str());
             bool v6 = options.host.find(':') != std::string::npos;
             printf("serving %s at http://%s%s%s:%d/ (Ctrl-C stops)\n", options.cardDir.c_str(), v6 ? "[" : "",

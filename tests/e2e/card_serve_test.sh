@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # avrecord-card serve on a card recorded as the daemon records (pack, an
-# ffmpeg clip of H.264 with AAC, 30 s from 08:00:00) with two alarm events
+# ffmpeg clip of H.264 with AAC, 30 s from 08:00:00 on a stopped clock, so
+# frame times fall on whole seconds) with two alarm events
 # written into its event file. The JSON API answers as the index says and
 # refuses bad input with 400 and a message while staying up; then headless
 # Chromium uses the page as a person would (card_serve_page.py): it plays
@@ -14,7 +15,7 @@ card="$work/card"
 artefacts="$AVRECORD_BUILD_DIR/test-artefacts/serve"
 mkdir -p "$card" "$work/downloads" "$artefacts"
 
-if "$tool" --help | grep -q "serve (not in this build"; then
+if "$tool" --help | grep -q "web page is not part of this build"; then
   echo "card serve: not in this build, skipped"
   exit 0
 fi
@@ -26,7 +27,7 @@ ff -f lavfi -i testsrc2=size=640x360:rate=25 -t 30 -pix_fmt yuv420p -c:v libx264
   -keyint_min 50 -sc_threshold 0 -bf 0 -x264-params repeat-headers=1 -f h264 "$work/clip.h264"
 ff -f lavfi -i sine=frequency=440:sample_rate=16000 -t 30 -c:a aac -b:a 32k -f adts "$work/tone.aac"
 expect 0 "$tool" prealloc "$card" --media 1
-expect 0 faketime "2026-03-10 08:00:00" "$tool" pack "$work/clip.h264" --card "$card" --codec h264 \
+expect 0 faketime -f "2026-03-10 08:00:00" "$tool" pack "$work/clip.h264" --card "$card" --codec h264 \
   --audio "$work/tone.aac" --audio-codec aac
 section=hi000000_000001.mp4
 # Alarm events of types 4 (08:00:06-08:00:12) and 1 (08:00:20-08:00:21) in media file 0.
@@ -53,7 +54,7 @@ get /api/days
 [ "$body" = '{"days":[{"day":"2026-03-10","start":1773100800,"end":1773187200,"sections":1,"events":2}]}' ] ||
   fail "days: $body"
 get "/api/sections?from=2026-03-10T08:00:29&to=2026-03-10T09:00:00"
-[[ "$body" == *'"name":"'$section'","start":'$start',"end":'$((start + 30))',"size":'*'"frame_rate":25,"width":640,"height":360,"audio":"aac"'* ]] ||
+[[ "$body" == *'"name":"'$section'","start":'$start',"end":'$((start + 29))',"size":'*'"frame_rate":25,"width":640,"height":360,"audio":"aac"'* ]] ||
   fail "sections overlapping the range: $body"
 get "/api/events?from=$start&to=$((start + 3600))&type=4"
 [[ "$body" == *'"events":[{"name":"he000000_000000.mp4","start":'$((start + 6))',"end":'$((start + 12))',"type":4'*'}]}' ]] ||

@@ -23,6 +23,7 @@ const LANES = [
 ];
 const TICKS = [1, 5, 10, 30, 60, 300, 600, 1800, 3600, 10800, 21600];
 const MAX_TICKS = 12;
+const LABEL_HALF_CHAR = 3.5;      // half the width of a label character, in pixels
 const AUDIO_NAMES = { aac: 'AAC', g711a: 'G.711 A-law', g711u: 'G.711 \u00b5-law', none: 'none' };
 const CODEC_NAMES = { h264: 'H.264', h265: 'H.265' };
 
@@ -47,6 +48,7 @@ async function getJson(url, options) {
 }
 
 const pad = (n) => String(n).padStart(2, '0');
+const count = (n, noun) => `${n} ${noun}${n === 1 ? '' : 's'}`;
 
 // Clock text of a moment of the shown day, counted from its local midnight
 // as the card's tool reckons it.
@@ -91,7 +93,7 @@ function monthTable(year, month, days) {
     button.type = 'button';
     button.textContent = d;
     button.dataset.day = key;
-    button.title = `${day.sections} sections, ${day.events} alarm events`;
+    button.title = `${count(day.sections, 'section')}, ${count(day.events, 'alarm event')}`;
     if (day.events > 0) button.classList.add('alarms');
     button.addEventListener('click', () => selectDay(day));
     cell.appendChild(button);
@@ -125,7 +127,8 @@ async function selectDay(day) {
   state.events = events.events;
   state.viewStart = day.start;
   state.viewSpan = day.end - day.start;
-  $('day-title').textContent = `${day.day}: ${state.sections.length} sections, ${state.events.length} alarm events`;
+  $('day-title').textContent =
+    `${day.day}: ${count(state.sections.length, 'section')}, ${count(state.events.length, 'alarm event')}`;
   drawTimeline();
 }
 
@@ -171,8 +174,10 @@ function drawAxis(svg, axisY) {
   for (let t = first; t <= state.viewStart + state.viewSpan; t += step) {
     const x = xOf(t);
     svgElement('line', { class: 'grid', x1: x, x2: x, y1: 0, y2: axisY }, svg);
-    const anchor = x > PLOT_LEFT + plotWidth() - PLOT_RIGHT ? 'end' : 'middle';
-    svgElement('text', { x, y: axisY + 14, 'text-anchor': anchor }, svg).textContent = clockText(t, step < 60);
+    const label = clockText(t, step < 60);
+    if (x + label.length * LABEL_HALF_CHAR <= PLOT_LEFT + plotWidth() + PLOT_RIGHT) {
+      svgElement('text', { x, y: axisY + 14, 'text-anchor': 'middle' }, svg).textContent = label;
+    }
   }
   LANES.forEach((lane, i) => {
     svgElement('text', { class: 'lane-label', x: 6, y: laneY(i) + 15 }, svg).textContent = lane.label;

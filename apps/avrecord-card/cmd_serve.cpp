@@ -14,7 +14,8 @@ namespace {
 constexpr char kDefaultListen[] = "127.0.0.1:8080";
 
 #if AVRECORD_CARD_SERVE
-constexpr char kServeUsage[] = "serve [--card DIR] [--listen HOST:PORT] (default 127.0.0.1:8080)";
+constexpr char kServeUsage[] =
+    "serve [--card DIR|--image PATH] [--listen HOST:PORT] (default 127.0.0.1:8080)";
 
 int RunServe(const CardArgs &args) {
     if (!args.positional.empty()) return CardFail(args, kExitUsage, "takes no operands");
@@ -34,4 +35,4 @@ int RunServe(const CardArgs &args) {
 
 }  // namespace
 
-AVR_CARD_COMMAND(serve, "serve", kServeUsage, {"--listen"}, RunServe);
+AVR_CARD_COMMAND(serve, "serve", kServeUsage, {"--listen", "--image"}, RunServe);

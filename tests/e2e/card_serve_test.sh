@@ -3,7 +3,8 @@
 # ffmpeg clip of H.264 with AAC, 30 s from 08:00:00 on a stopped clock, so
 # frame times fall on whole seconds) with two alarm events
 # written into its event file. The JSON API answers as the index says and
-# refuses bad input with 400 and a message while staying up; then headless
+# refuses bad input with 400 and a message while staying up. Then the card
+# is written into a FAT32 image and served from it (--image), and headless
 # Chromium uses the page as a person would (card_serve_page.py): it plays
 # the section from a clicked moment and downloads a 10 s clip, which
 # ffprobe reads as H.264 and AAC of the right length. Screenshots of the
@@ -37,11 +38,20 @@ put $((0x100000)) "41444546$(le32 $((start + 6)))$(le32 $((start + 12)))${counts
 put $((0x100000 + 48)) "41444546$(le32 $((start + 20)))$(le32 $((start + 21)))${counts}000001000119" \
   "$card/event000.bin"
 
-"$tool" serve --card "$card" --listen 127.0.0.1:0 >"$work/serve.out" 2>"$work/serve.err" &
-server=$!
-for _ in $(seq 100); do grep -q "^serving" "$work/serve.out" && break; sleep 0.1; done
-url=$(sed -nE 's/^serving .* at (http[^ ]+) .*/\1/p' "$work/serve.out")
-[ -n "$url" ] || { fail "serve did not start: $(cat "$work/serve.err")"; exit 1; }
+# serve_card NAME CARD-OPTIONS...: starts a server; its address in $url, its process in $server.
+serve_card() {
+  local name=$1; shift
+  "$tool" serve "$@" --listen 127.0.0.1:0 >"$work/$name.out" 2>"$work/$name.err" &
+  server=$!
+  for _ in $(seq 100); do grep -q "^serving" "$work/$name.out" && break; sleep 0.1; done
+  url=$(sed -nE 's/^serving .* at (http[^ ]+) .*/\1/p' "$work/$name.out")
+  [ -n "$url" ] || { fail "serve $* did not start: $(cat "$work/$name.err")"; exit 1; }
+}
+stop_server() {
+  kill -TERM "$server"
+  wait "$server" || fail "serve exited $? on SIGTERM"
+}
+serve_card dir --card "$card"
 
 # get PATH [CURL ARGS...]: the body in $body, the status in $code.
 get() {
@@ -93,8 +103,18 @@ refused 404 "/../../etc/passwd" --path-as-is
 refused 403 "/api/days" -H "Host: card.example.com"
 get /api/info
 [ "$code" = 200 ] || fail "server down after bad requests: $code"
+get "/api/sections?from=0&to=4294967295"
+sections=$body
+stop_server
 
-# The page in the browser.
+# The same card written into a FAT32 image, served without mounting it:
+# the same answers, and the page in the browser.
+truncate -s 2G "$work/card.img"
+expect 0 "$tool" format "$work/card.img" --init
+expect 0 "$AVRECORD_SOURCE_DIR/scripts/fat-image" place "$work/card.img" "$card"
+serve_card image --image "$work/card.img"
+get "/api/sections?from=0&to=4294967295"
+[ "$body" = "$sections" ] || fail "sections from the image: $body"
 if python3 "$AVRECORD_SOURCE_DIR/tests/e2e/card_serve_page.py" "$url" 2026-03-10 "$section" "$start" 4 \
   "$artefacts" "$work/downloads" >"$work/page.json"; then
   cat "$work/page.json"
@@ -107,7 +127,6 @@ else
   fail "$(cat "$work/page.json")"
 fi
 
-kill -TERM "$server"
-wait "$server" || fail "serve exited $? on SIGTERM"
+stop_server
 [ "$failures" -eq 0 ] && echo "card serve: all passed"
 exit "$failures"

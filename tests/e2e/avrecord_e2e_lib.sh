@@ -150,6 +150,37 @@ PY
 
 section_count() { sections | wc -l; }
 
+# check_recording SECONDS: the card holds one section of the 1080p H.264
+# stream, about SECONDS long, whose elementary stream is one contiguous run
+# of what the simulator published looping the sample (every start code four
+# bytes long), from a key frame on, with as many access units as indexed.
+check_recording() {
+  local seconds=$1 rows file sno start end offset size frames width height rate name
+  mapfile -t rows < <(sections)
+  [ "${#rows[@]}" -eq 1 ] || { fail "expected one section, found ${#rows[@]}: ${rows[*]}"; return; }
+  read -r file sno start end offset size frames width height rate <<<"${rows[0]}"
+  [ "$width x $height @ $rate" = "1920 x 1080 @ 25" ] || fail "section media $width x $height @ $rate"
+  [ "$frames" -ge $(((seconds - 2) * 25)) ] || fail "only $frames frames in ${seconds} s"
+  [ $((end - start)) -ge $((seconds - 2)) ] || fail "section spans $((end - start)) s"
+  name=$(printf 'hi%06d_%06d.mp4' "$file" "$sno")
+  "$card_tool" frames "$name" --card "$card" --es "$work/recorded.h264" >/dev/null 2>"$work/frames.err" ||
+    fail "frames --es: $(cat "$work/frames.err")"
+  python3 - "$samples/h264_1080p.h264" "$work/recorded.h264" "$frames" <<'PY' || fail "recorded stream differs from the input"
+import re, sys
+data = open(sys.argv[1], 'rb').read()
+data = re.sub(rb'(?<!\x00)\x00\x00\x01', b'\x00\x00\x00\x01', data)  # as published
+got = open(sys.argv[2], 'rb').read()
+if not got.startswith(b'\x00\x00\x00\x01\x67'):
+    sys.exit('recording does not start with a key frame')
+loops = len(got) // len(data) + 2
+if (data * loops).find(got) < 0:
+    sys.exit('recorded bytes are not a contiguous run of the published stream')
+units = got.count(b'\x00\x00\x00\x01\x65') + got.count(b'\x00\x00\x00\x01\x41')
+if units != int(sys.argv[3]):
+    sys.exit(f'{units} access units in the stream, {sys.argv[3]} in the index')
+PY
+}
+
 # events FILE_NO: "slot SUM" (or "none"), then "event START END TYPE" per
 # entry of the media file's alarm-event slot in event000.bin.
 events() {

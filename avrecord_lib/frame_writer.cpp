@@ -3,6 +3,7 @@
 #include <sys/sysinfo.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -59,6 +60,7 @@ struct WriterState {
     uint16_t audioCode = kAudioCodecG711U;    // audio codec code in force
     struct timeval refWall {};                // wall clock at the first key frame
     uint32_t refUptime = 0;                   // uptime at the first key frame
+    uint32_t lastSync = 0;                    // uptime at the open or the last flush
     RecordEncodingInfo encoding{};            // channel settings, re-read per frame
     std::mutex gate;                          // held by a frame in flight, the open and the close
     uint32_t videoTally[kMaxChannels] = {};   // video frames per channel
@@ -103,6 +105,7 @@ RecordUptimeClock g_uptimeClock = SystemUptime;
 RecordEncodingSource g_encodingSource = CameraEncodingSource;
 std::string g_cardDir;  // empty: the card mount point
 WriterStepHook g_stepHook = nullptr;
+std::atomic<uint32_t> g_syncSeconds{0};  // flush interval, 0: none
 
 void Step(WriterStep step) {
     if (g_stepHook != nullptr) g_stepHook(step);
@@ -244,6 +247,19 @@ void UpdateIndex(WriterState &w, uint32_t time, uint32_t length, bool entryWritt
     AV_RecordConfigInfoWrite(w.indexFd, info);
 }
 
+// Media data first, then the index that describes it (not the index when
+// the data could not be flushed): a flushed index never points at data that
+// a power cut could still take.
+void SyncIfDue(WriterState &w) {
+    uint32_t interval = g_syncSeconds.load(std::memory_order_relaxed);
+    if (interval == 0) return;
+    uint32_t now = g_uptimeClock();
+    if (now - w.lastSync < interval) return;
+    w.lastSync = now;
+    if (AVFileDataSync(w.mediaFd) != 0 || AVFileDataSync(w.indexFd) != 0)
+        LogTrace("%s %d: fdatasync failed, errno %d\n", __func__, __LINE__, errno);
+}
+
 bool Recording(const WriterState &w, int channel) {
     return w.recordingOn.load(std::memory_order_relaxed) &&
            channel == w.channel.load(std::memory_order_relaxed);
@@ -292,6 +308,7 @@ int WriteAdmittedFrame(WriterState &w, int channel, int kind, const uint8_t *dat
         Step(WriterStep::kKeyEntryWritten);
     }
     UpdateIndex(w, time, written, entry, !video);
+    SyncIfDue(w);
     return 0;
 }
 
@@ -309,6 +326,8 @@ void CloseLeftDescriptors(WriterState &w) {
 void LS_RecordSetEncodingSource(RecordEncodingSource source) {
     g_encodingSource = source != nullptr ? source : CameraEncodingSource;
 }
+
+void LS_RecordSetSyncSeconds(uint32_t seconds) { g_syncSeconds.store(seconds, std::memory_order_relaxed); }
 
 void LS_RecordSetStepHook(WriterStepHook hook) { g_stepHook = hook; }
 
@@ -349,6 +368,7 @@ int LS_RecordInit(const FileInfoHead *file, int channel) {
     w.fileSize = 0;
     w.frameCounter = 0;
     w.param = PSStreamParam{};
+    w.lastSync = g_uptimeClock();
     w.channel.store(channel, std::memory_order_relaxed);
     g_u32Offset = file->m_u32DataSize;
     LogTrace("%s %d : g_u32Offset = %d \n", __func__, __LINE__, static_cast<int>(g_u32Offset));

@@ -50,6 +50,12 @@ typedef void (*RecordWallClock)(struct timeval *now);
 typedef uint32_t (*RecordUptimeClock)();
 void LS_RecordSetClocks(RecordWallClock wall, RecordUptimeClock uptime);
 
+// Flush interval in seconds of uptime; 0 (the default) never flushes.
+// Otherwise, once the interval has passed since the open or the last
+// flush, the frame that finds it so flushes the media file's data and then
+// the index (fdatasync) after its own writes, on the writer's thread.
+void LS_RecordSetSyncSeconds(uint32_t seconds);
+
 // Points between the writer's steps for one frame, in their order. A test
 // holds a frame at one of them to run the record run's end against it.
 enum class WriterStep {

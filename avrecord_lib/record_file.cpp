@@ -66,6 +66,8 @@ int AVFileWrite(int fd, const void *buf, uint32_t length) {
     return ExactTransferResult(FileIo().write(fd, buf, length), length);
 }
 
+int AVFileDataSync(int fd) { return fd < 0 ? -1 : FileIo().fdatasync(fd); }
+
 int AV_RecordFileOpen(const char *path, int mode) { return AVFileOpen(path, mode); }
 int AV_RecordFileClose(int fd) { return AVFileClose(fd); }
 

@@ -26,6 +26,10 @@ int AVFileSeek(int fd, int32_t offset, int whence);
 int AVFileRead(int fd, void *buf, uint32_t length);
 int AVFileWrite(int fd, const void *buf, uint32_t length);
 
+// Flushes the file's data to the device (fdatasync); -1 for a negative
+// descriptor, else the flush result.
+int AVFileDataSync(int fd);
+
 // Second names of open and close; they forward unchanged.
 int AV_RecordFileOpen(const char *path, int mode);
 int AV_RecordFileClose(int fd);

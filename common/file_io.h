@@ -15,6 +15,7 @@ struct FileIoOps {
     ssize_t (*read)(int fd, void *buf, size_t length);
     ssize_t (*write)(int fd, const void *buf, size_t length);
     int (*fsync)(int fd);
+    int (*fdatasync)(int fd);
     int (*setCloseOnExec)(int fd);
 };
 

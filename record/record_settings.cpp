@@ -29,5 +29,13 @@ RecordSettings ReadRecordSettings(const char *caller) {
         LogTrace("%s %d Param error, nDuration = %d\n", caller, __LINE__, settings.nDuration);
         settings.nDuration = kDefaultDuration;
     }
+
+    read_profile_string(kRecordSettingsSection, kSyncSecondsKey, value, kSettingValueSize, "0", file.c_str());
+    settings.nSyncSeconds = atoi(value);
+    LogTrace("%s %d nSyncSeconds = %d\n", caller, __LINE__, settings.nSyncSeconds);
+    if (settings.nSyncSeconds < 0 || settings.nSyncSeconds > kMaxSyncSeconds) {
+        LogTrace("%s %d Param error, nSyncSeconds = %d\n", caller, __LINE__, settings.nSyncSeconds);
+        settings.nSyncSeconds = kDefaultSyncSeconds;
+    }
     return settings;
 }

@@ -5,6 +5,7 @@
 
 #include <cstdio>
 
+#include "avrecord_lib/frame_writer.h"
 #include "common/log.h"
 #include "ipc/alarm_shm.h"
 #include "ipc/av_server_request.h"
@@ -50,6 +51,7 @@ int main(int /*argc*/, char ** /*argv*/) {
     RecordSettings settings = ReadRecordSettings(__func__);
     int nStreamType = settings.nStreamType;
     int nDuration = settings.nDuration;
+    LS_RecordSetSyncSeconds(static_cast<uint32_t>(settings.nSyncSeconds));
 
     for (;;) {
         if (CheckRecordStart() != 0) {

@@ -19,6 +19,7 @@
 #include "common/file_io.h"
 #include "support/card_fixture.h"
 #include "support/es_frames.h"
+#include "support/faulty_file_io.h"
 #include "support/test_support.h"
 
 namespace {
@@ -62,6 +63,7 @@ protected:
 
     void TearDown() override {
         LS_RecordSetStepHook(nullptr);
+        LS_RecordSetSyncSeconds(0);
         LS_RecordClose();
         LS_RecordSetEncodingSource(nullptr);
         LS_RecordSetClocks(nullptr, nullptr);
@@ -365,6 +367,40 @@ TEST_F(FrameWriterTest, NoFrameIsTakenOnceTheFileIsFull) {
     EXPECT_EQ(GetSectionInfoHead()->m_u32KeyFrameSum, 1u);
     EXPECT_EQ(GetSectionInfoHead()->m_u32VideoFrameSum, 1u);
     ExpectIndexAccountsForEveryFrame("full file");
+}
+
+// One frame a second: with an interval of 5 s the media file and then the
+// index are flushed after the frame's last index write at +5 s and +10 s;
+// with 0 nothing is flushed.
+TEST_F(FrameWriterTest, SyncSecondsFlushesMediaThenIndexAfterTheFrame) {
+    FaultyFileIo io;
+    io.LogWrites();
+    LS_RecordSetSyncSeconds(5);
+    Open();
+    std::vector<int> flushedAt;
+    for (int second = 0; second <= 12; ++second) {
+        g_uptime = 5000 + second;
+        g_wall.tv_sec = kStartTime + second;
+        size_t before = io.syncLog().size();
+        ASSERT_EQ(Write(second == 0 ? kH264Key : kH264Other), 0);
+        if (io.syncLog().size() != before) flushedAt.push_back(second);
+    }
+    LS_RecordSetSyncSeconds(0);
+    g_uptime += 60;
+    ASSERT_EQ(Write(kH264Other), 0);
+
+    EXPECT_EQ(flushedAt, (std::vector<int>{5, 10}));
+    ASSERT_EQ(io.syncLog().size(), 4u);
+    for (size_t k = 0; k < 4; k += 2) {
+        const SyncLogEntry &media = io.syncLog()[k];
+        const SyncLogEntry &index = io.syncLog()[k + 1];
+        EXPECT_EQ(media.path, media_);
+        EXPECT_EQ(index.path, card_ + kIndexFileName);
+        EXPECT_EQ(index.writesBefore, media.writesBefore);
+        const WriteLogEntry &last = io.writeLog()[media.writesBefore - 1];
+        EXPECT_EQ(last.path, card_ + kIndexFileName);  // the index header, the frame's last write
+        EXPECT_EQ(last.offset, 0);
+    }
 }
 
 TEST_F(FrameWriterTest, ErrorsAndIgnoredFrames) {

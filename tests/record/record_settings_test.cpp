@@ -10,14 +10,15 @@ TEST(RecordSettingsTest, ValuesAreBoundedAndDefaulted) {
         const char *file;  // nullptr: no settings file
         int streamType;
         int duration;
+        int syncSeconds;
     } cases[] = {
-        {nullptr, 1, 600},
-        {"[AVRecordCustom]\nStreamType=0\nDuration=1200\n", 0, 1200},
-        {"[AVRecordCustom]\nStreamType=2\nDuration=0\n", 2, 0},
-        {"[AVRecordCustom]\nStreamType=3\nDuration=1201\n", 1, 600},
-        {"[AVRecordCustom]\nStreamType=-1\nDuration=-5\n", 1, 600},
-        {"[AVRecordCustom]\nDuration=abc\n", 1, 0},
-        {"[Other]\nStreamType=0\nDuration=10\n", 1, 600},
+        {nullptr, 1, 600, 0},
+        {"[AVRecordCustom]\nStreamType=0\nDuration=1200\nSyncSeconds=60\n", 0, 1200, 60},
+        {"[AVRecordCustom]\nStreamType=2\nDuration=0\nSyncSeconds=0\n", 2, 0, 0},
+        {"[AVRecordCustom]\nStreamType=3\nDuration=1201\nSyncSeconds=61\n", 1, 600, 0},
+        {"[AVRecordCustom]\nStreamType=-1\nDuration=-5\nSyncSeconds=-1\n", 1, 600, 0},
+        {"[AVRecordCustom]\nDuration=abc\nSyncSeconds=5\n", 1, 0, 5},
+        {"[Other]\nStreamType=0\nDuration=10\nSyncSeconds=5\n", 1, 600, 0},
     };
     for (const auto &c : cases) {
         ScopedRoot root;
@@ -25,6 +26,7 @@ TEST(RecordSettingsTest, ValuesAreBoundedAndDefaulted) {
         RecordSettings settings = ReadRecordSettings("test");
         EXPECT_EQ(settings.nStreamType, c.streamType) << (c.file ? c.file : "no file");
         EXPECT_EQ(settings.nDuration, c.duration) << (c.file ? c.file : "no file");
+        EXPECT_EQ(settings.nSyncSeconds, c.syncSeconds) << (c.file ? c.file : "no file");
     }
 }
 

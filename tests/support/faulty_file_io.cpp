@@ -11,13 +11,11 @@
 
 FaultyFileIo *FaultyFileIo::active_ = nullptr;
 
-const FileIoOps FaultyFileIo::kOps = {FaultyFileIo::Open,
-                                      FaultyFileIo::Close,
-                                      FaultyFileIo::Seek,
-                                      FaultyFileIo::Read,
-                                      FaultyFileIo::Write,
-                                      [](int fd) { return PosixFileIo().fsync(fd); },
-                                      [](int fd) { return PosixFileIo().setCloseOnExec(fd); }};
+const FileIoOps FaultyFileIo::kOps = {
+    FaultyFileIo::Open,     FaultyFileIo::Close,
+    FaultyFileIo::Seek,     FaultyFileIo::Read,
+    FaultyFileIo::Write,    [](int fd) { return PosixFileIo().fsync(fd); },
+    FaultyFileIo::DataSync, [](int fd) { return PosixFileIo().setCloseOnExec(fd); }};
 
 FaultyFileIo::FaultyFileIo() {
     active_ = this;
@@ -93,11 +91,21 @@ ssize_t FaultyFileIo::Write(int fd, const void *buf, size_t length) {
     if (written <= 0) return written;
     if (self.spaceLimited_) self.spaceLeft_ -= static_cast<uint64_t>(written);
     if (self.logWrites_) {
-        auto path = self.paths_.find(fd);
-        self.writeLog_.push_back(WriteLogEntry{path != self.paths_.end() ? path->second : std::string(),
-                                               offset, std::string(static_cast<const char *>(buf), written)});
+        self.writeLog_.push_back(
+            WriteLogEntry{self.PathOf(fd), offset, std::string(static_cast<const char *>(buf), written)});
     }
     return written;
+}
+
+int FaultyFileIo::DataSync(int fd) {
+    FaultyFileIo &self = *active_;
+    if (self.logWrites_) self.syncLog_.push_back(SyncLogEntry{self.PathOf(fd), self.writeLog_.size()});
+    return PosixFileIo().fdatasync(fd);
+}
+
+std::string FaultyFileIo::PathOf(int fd) const {
+    auto path = paths_.find(fd);
+    return path != paths_.end() ? path->second : std::string();
 }
 
 void ReplayWriteLog(const std::vector<WriteLogEntry> &log, size_t count,

@@ -20,6 +20,12 @@ struct WriteLogEntry {
     std::string data;  // bytes that reached the file
 };
 
+// A flush of a file's data (fdatasync) and where it fell among the writes.
+struct SyncLogEntry {
+    std::string path;     // path the descriptor was opened with
+    size_t writesBefore;  // write-log entries made before it
+};
+
 class FaultyFileIo {
 public:
     enum class Op { kRead, kWrite, kSeek };
@@ -37,10 +43,11 @@ public:
     // The device fills up after `bytes` more bytes: the write that crosses
     // the limit is partial, every later one fails with ENOSPC.
     void NoSpaceAfter(uint64_t bytes);
-    // Starts keeping the write log.
+    // Starts keeping the write log (and the log of data flushes).
     void LogWrites() { logWrites_ = true; }
 
     const std::vector<WriteLogEntry> &writeLog() const { return writeLog_; }
+    const std::vector<SyncLogEntry> &syncLog() const { return syncLog_; }
     int calls(Op op) const { return calls_[static_cast<int>(op)]; }
 
 private:
@@ -55,6 +62,8 @@ private:
     static int64_t Seek(int fd, int64_t offset, int whence);
     static ssize_t Read(int fd, void *buf, size_t length);
     static ssize_t Write(int fd, const void *buf, size_t length);
+    static int DataSync(int fd);
+    std::string PathOf(int fd) const;
     // Counts the call; true (errno set) when it is to fail.
     bool Fails(Op op);
 
@@ -68,6 +77,7 @@ private:
     bool logWrites_ = false;
     std::map<int, std::string> paths_;
     std::vector<WriteLogEntry> writeLog_;
+    std::vector<SyncLogEntry> syncLog_;
 };
 
 // Applies the first `count` writes of a log to the files; mapPath turns a

@@ -162,10 +162,15 @@ int ImageFsync(int fd) {
     return Find(fd, &f) ? 0 : PosixFileIo().fsync(fd);
 }
 
+int ImageFdatasync(int fd) {
+    OpenFile f;
+    return Find(fd, &f) ? 0 : PosixFileIo().fdatasync(fd);
+}
+
 int ImageSetCloseOnExec(int fd) { return PosixFileIo().setCloseOnExec(fd); }
 
-const FileIoOps kImageFileIo = {ImageOpen,  ImageClose, ImageSeek,          ImageRead,
-                                ImageWrite, ImageFsync, ImageSetCloseOnExec};
+const FileIoOps kImageFileIo = {ImageOpen,  ImageClose, ImageSeek,      ImageRead,
+                                ImageWrite, ImageFsync, ImageFdatasync, ImageSetCloseOnExec};
 
 // Reads the volume and its directory, and checks the card's files.
 int Inspect(AttachedImage *image, std::string *why) {

@@ -9,6 +9,7 @@ usage: card_serve_page.py URL DAY SECTION START CLICK_OFFSET ARTEFACTS DOWNLOADS
 import json
 import os
 import sys
+import tempfile
 import time
 
 from browser import Browser, BrowserError
@@ -25,11 +26,18 @@ def check(condition, message):
 
 
 def zoom_to_section(b, section):
-    """Wheels in over the section's bar until a minute fills the timeline."""
+    """Wheels in over the section's bar until a minute fills the timeline,
+    then drags the bar's start to the middle."""
     bar = f'#timeline rect.section[data-name="{section}"]'
     for _ in range(WHEEL_STEPS):
         box = b.box(bar)
         b.mouse("mouseWheel", box["x"] + 1, box["y"] + box["height"] / 2, deltaX=0, deltaY=-120)
+    box, timeline = b.box(bar), b.box("#timeline")
+    y = box["y"] + box["height"] / 2
+    b.mouse("mousePressed", box["x"] + 1, y, button="left", clickCount=1)
+    b.mouse("mouseMoved", timeline["x"] + timeline["width"] / 2, y, button="left", buttons=1)
+    b.mouse("mouseReleased", timeline["x"] + timeline["width"] / 2, y, button="left", clickCount=1)
+    check(b.evaluate("document.getElementById('video').src") == "", "dragging the timeline started playback")
     span = b.evaluate("(() => { const r = [...document.querySelectorAll('#timeline text')]"
                       ".map(t => t.textContent); return r.filter(t => /:\\d\\d:\\d\\d$/.test(t)).length; })()")
     check(span > 0, "the timeline does not show seconds after zooming in")
@@ -81,7 +89,8 @@ def make_clip(b, downloads):
 
 def main(url, day, section, start, offset, artefacts, downloads):
     start, offset = int(start), int(offset)
-    b = Browser(os.path.join(artefacts, "profile"))
+    profile = tempfile.TemporaryDirectory()
+    b = Browser(profile.name)
     try:
         b.navigate(url)
         b.wait_for(f"!!document.querySelector('#calendar button[data-day=\"{day}\"].selected')", TIMEOUT,
@@ -96,12 +105,13 @@ def main(url, day, section, start, offset, artefacts, downloads):
         clip = make_clip(b, downloads)
         clip_from = b.evaluate("document.getElementById('clip-from').value")
         b.evaluate("drawTimeline()")
-        b.screenshot(os.path.join(artefacts, "page.png"))
+        b.screenshot(os.path.join(artefacts, "page.png"), "body")
         print(json.dumps({"clip": clip, "clip_from": clip_from, "clock": state["clock"],
                           "details": state["details"],
                           "click_to_first_frame_ms": b.evaluate("window.avrecordStats.clickToFirstFrameMs")}))
     finally:
         b.close()
+        profile.cleanup()
 
 
 if __name__ == "__main__":

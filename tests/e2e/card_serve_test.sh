@@ -51,6 +51,9 @@ stop_server() {
   kill -TERM "$server"
   wait "$server" || fail "serve exited $? on SIGTERM"
 }
+expect 2 "$tool" serve --card "$card" --listen 127.0.0.1
+expect 2 "$tool" serve --card "$card" --listen 127.0.0.1:65536
+expect 1 "$tool" serve --card "$work/nowhere"
 serve_card dir --card "$card"
 
 # get PATH [CURL ARGS...]: the body in $body, the status in $code.

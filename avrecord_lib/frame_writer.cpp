@@ -152,8 +152,8 @@ void FillAudioParams(WriterState &w) {
             return;
         }
     }
-    // Unknown type: the code in force stays, the stream map gets the type
-    // itself, and audio frames are refused while it stands.
+    // Unknown type: the code in force stays, and audio goes on being
+    // recorded with it; only the stream map takes the type itself.
     w.param.u16AudioCodec = static_cast<uint16_t>(e.u32AudioCodeType);
     w.param.u16AudioSampleRate = static_cast<uint16_t>(e.u32AudioSampleRate);
     w.param.u16AudioValue = static_cast<uint16_t>(e.u32AudioValue);
@@ -207,7 +207,7 @@ int BuildFrame(WriterState &w, int kind, bool keyForm, const uint8_t *data, uint
     *start = ps;
     if (kind != kFrameKindVideo) {
         if (!w.sectionStarted) return -1;
-        uint16_t code = w.param.u16AudioCodec;
+        uint16_t code = w.audioCode;
         if (code != kAudioCodecAac && code != kAudioCodecG711U && code != kAudioCodecG711A) return -1;
         return makeAudioPSFrame(data, length, ps, w.frameCounter + 1);
     }

@@ -77,7 +77,7 @@ void LS_RecordSetCardDir(const char *dir);
 int LS_RecordInit(const FileInfoHead *file, int channel);
 
 // One frame of kind 0 (video) or 1 (audio). 0 when handled or ignored, -1
-// when refused (before the first key frame, unknown audio codec, bad frame).
+// when refused (before the first key frame, bad frame).
 // A frame is ignored once its file is full: the section could not account
 // for it.
 int libAVRecordWriteFrame(int channel, int kind, const uint8_t *data, const AVDataInfo *info);

@@ -270,29 +270,38 @@ TEST_F(FrameWriterTest, RecordedPictureSizeRotationAndMarkedEntries) {
     EXPECT_EQ(Entry(0).m_u8KeyType, kKeyTypeEncoderMark);
 }
 
-TEST_F(FrameWriterTest, AudioFollowsTheVideoCounterWithKnownCodecsOnly) {
+// An audio codec type other than 0, 1 and 3 keeps the audio code in force:
+// audio is still recorded, and the stream map takes the type and the
+// channel's own audio values.
+TEST_F(FrameWriterTest, AudioFollowsTheVideoCounterWhateverTheCodecType) {
     struct Case {
         uint32_t audioType;
-        int result;
-        uint8_t streamType;
-    } cases[] = {{0, 0, 0x91}, {1, 0, 0x90}, {3, 0, 0x0F}, {2, -1, 0}};
+        uint8_t streamType;  // stream map byte; 0: left as the buffer holds it
+        uint16_t sampleRate;
+    } cases[] = {{0, 0x91, 8000}, {1, 0x90, 8000}, {3, 0x0F, 48000}, {2, 0, 16000}, {7, 0, 16000}};
+    g_encoding.u32AudioSampleRate = 16000;
+    g_encoding.u32AudioValue = 24000;
     Bytes audio(320, 0x5A);
+    const uint32_t mapAt = kRecordFileHeaderSize + 36;  // behind the pack and system headers
     for (const Case &c : cases) {
         g_encoding.u32AudioCodeType = c.audioType;
         Open();
         EXPECT_EQ(Write(audio, 0, kFrameKindAudio), -1);  // nothing before the first key frame
         ASSERT_EQ(Write(kH264Key), 0);
         uint32_t at = g_u32Offset;
-        EXPECT_EQ(Write(audio, 0, kFrameKindAudio), c.result) << c.audioType;
+        EXPECT_EQ(Write(audio, 0, kFrameKindAudio), 0) << c.audioType;
         EXPECT_EQ(GetSectionInfoHead()->m_u32VideoFrameSum, 1u);
-        if (c.result == 0) {
-            EXPECT_EQ(static_cast<uint8_t>(MediaAt(kRecordFileHeaderSize + 36 + 28, 1)[0]), c.streamType);
-            std::string pes = MediaAt(at, kPesHeaderSize);
-            EXPECT_EQ(static_cast<uint8_t>(pes[3]), 0xC0);
-            EXPECT_EQ(PSDecodePts(reinterpret_cast<const uint8_t *>(&pes[9])),
-                      PSTimeStamp(3, kPsTimeStampRate));
-            EXPECT_EQ(g_u32Offset, at + kPesHeaderSize + audio.size());
+        EXPECT_EQ(GetSectionInfoHead()->m_u8AudioCodeType, c.audioType);
+        if (c.streamType != 0) {
+            EXPECT_EQ(static_cast<uint8_t>(MediaAt(mapAt + 28, 1)[0]), c.streamType);
         }
+        uint16_t rate;
+        memcpy(&rate, MediaAt(mapAt + 32, 2).data(), 2);
+        EXPECT_EQ(rate, c.sampleRate) << c.audioType;
+        std::string pes = MediaAt(at, kPesHeaderSize);
+        EXPECT_EQ(static_cast<uint8_t>(pes[3]), 0xC0);
+        EXPECT_EQ(PSDecodePts(reinterpret_cast<const uint8_t *>(&pes[9])), PSTimeStamp(3, kPsTimeStampRate));
+        EXPECT_EQ(g_u32Offset, at + kPesHeaderSize + audio.size());
         LS_RecordClose();
     }
 }

@@ -3,8 +3,10 @@
 # gives exactly what the same card gives as a directory (search, frames,
 # exports, timeline), opens the image read-only and never for writing
 # (strace), and refuses an image that is not a card of this recorder.
-# The image is a recording written into the clusters of a formatted image
-# (scripts/fat-image place).
+# Two images: a recording written into the clusters of a formatted image
+# (scripts/fat-image place), and, where User-mode Linux boots, a card
+# recorded through a real kernel's vfat mount (scripts/real-card), whose
+# search output on the mounted card is compared with the image's.
 set -uo pipefail
 source "$(dirname "$0")/lib.sh"
 command -v ffmpeg >/dev/null && command -v mkfs.fat >/dev/null || { echo "card image: no ffmpeg or mkfs.fat, skipped"; exit 0; }
@@ -51,6 +53,30 @@ if command -v strace >/dev/null; then
     -o "$work/x.avi" >/dev/null 2>&1 || fail "export from the image"
   opens=$(grep -c "\"$image\"" "$work/trace")
   [ "$opens" -gt 0 ] && ! grep "\"$image\"" "$work/trace" | grep -qv O_RDONLY || fail "image opens: $(grep "\"$image\"" "$work/trace")"
+fi
+
+# Recorded through the kernel's vfat driver: search on the mounted card
+# inside the VM, then on the unmounted image here.
+source "$AVRECORD_SOURCE_DIR/scripts/real-card"
+if real_card_probe; then
+  truncate -s 2G "$work/real.img"
+  expect 0 "$tool" format "$work/real.img" --init
+  cat >"$work/steps.sh" <<'STEPS'
+set -e
+tool=$1 clip=$2 tone=$3
+for _ in 1 2 3; do "$tool" pack "$clip" --card "$card_dir" --audio "$tone" --audio-codec g711a >/dev/null; done
+"$tool" search --from 0 --to 4294967295 --json --card "$card_dir" >"$REAL_CARD_WORK/mounted.json"
+"$tool" frames hi000000_000003.mp4 --json --card "$card_dir" >"$REAL_CARD_WORK/mounted-frames.json"
+STEPS
+  "$AVRECORD_SOURCE_DIR/scripts/real-card" run --card "$work/real.img" --work "$work" "$work/steps.sh" \
+    "$tool" "$work/clip.h264" "$work/tone.alaw" >/dev/null 2>&1 || fail "recording in the VM (see $work/console.log)"
+  expect 0 "$tool" search --from 0 --to 4294967295 --json --image "$work/real.img"
+  [ "$(wc -l <"$work/mounted.json")" = 3 ] && [ "$out" = "$(cat "$work/mounted.json")" ] ||
+    fail "search on the image of the mounted card: $out / $(cat "$work/mounted.json")"
+  expect 0 "$tool" frames hi000000_000003.mp4 --json --image "$work/real.img"
+  [ "$out" = "$(cat "$work/mounted-frames.json")" ] || fail "frames differ on the image of the mounted card"
+else
+  echo "card image: $real_card_why; the kernel-mounted card is skipped"
 fi
 
 # Not a card of this recorder.

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "fuzz/avi_entry.h"
+#include "fuzz/card_image_entry.h"
 #include "fuzz/ini_entry.h"
 #include "fuzz/playback_entry.h"
 #include "fuzz/ring_entry.h"
@@ -49,6 +50,7 @@ TEST(CorpusReplay, SeekFileAndIndexCheck) {
     Replay("seek_file", fuzz::FuzzSeekFile);
 }
 TEST(CorpusReplay, AviReader) { Replay("avi", fuzz::FuzzAviReader); }
+TEST(CorpusReplay, CardImageReader) { Replay("card_image", fuzz::FuzzCardImage); }
 
 TEST(CorpusReplay, RingReader) {
     REQUIRE_PRIVATE_IPC();

@@ -18,5 +18,5 @@ reliability: deps
 	@scripts/reliability
 
 demo:
-	@scripts/install-deps --demo
+	@scripts/install-deps
 	@scripts/demo

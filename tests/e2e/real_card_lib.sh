@@ -28,7 +28,8 @@ real_card_record() {
   echo "VM: recorded $1 s, halted after $((SECONDS - started)) s (status $status)"
   if [ "$status" -ne 0 ]; then
     fail "the recording in the VM ended with status $status"
-    sed -n '/as init process/,$p' "$vm/console.log" | tail -30
+    tail -20 "$vm/steps.log"
+    sed -n '/as init process/,$p' "$vm/console.log" | tail -10
   fi
 }
 

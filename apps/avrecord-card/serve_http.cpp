@@ -302,10 +302,13 @@ void AddRoutes(httplib::Server &server, const std::string &cardDir, ClipJobs &jo
         Reply(res, StartClip(cardDir, req.params, jobs));
     });
     server.Get(R"(/api/clips/(\d{1,9}))", [&jobs](const Request &req, Response &res) {
-        if (!ApiParams(req.params, {}).Ok()) return Reply(res, ApiParams(req.params, {}).Error());
+        ApiParams params(req.params, {});
+        if (!params.Ok()) return Reply(res, params.Error());
         Reply(res, jobs.Status(static_cast<unsigned>(std::stoul(req.matches[1]))));
     });
     server.Get(R"(/api/clips/(\d{1,9})/file)", [&jobs](const Request &req, Response &res) {
+        ApiParams params(req.params, {});
+        if (!params.Ok()) return Reply(res, params.Error());
         std::string path, name;
         if (!jobs.Finished(static_cast<unsigned>(std::stoul(req.matches[1])), &path, &name))
             return Reply(res, ApiError(kHttpNotFound, "no finished clip " + req.matches[1].str()));

@@ -233,12 +233,18 @@ function viewCentre() {
   return state.moment !== null ? state.moment : state.viewStart + state.viewSpan / 2;
 }
 
+// The pointer's x on the timeline (offsetX would count from a bar's edge in
+// some browsers).
+function timelineX(event) {
+  return event.clientX - $('timeline').getBoundingClientRect().left;
+}
+
 function setUpTimeline() {
   const svg = $('timeline');
   let drag = null;
   svg.addEventListener('wheel', (event) => {
     event.preventDefault();
-    zoomTo(state.viewSpan * (event.deltaY > 0 ? ZOOM_STEP : 1 / ZOOM_STEP), timeAt(event.offsetX));
+    zoomTo(state.viewSpan * (event.deltaY > 0 ? ZOOM_STEP : 1 / ZOOM_STEP), timeAt(timelineX(event)));
   }, { passive: false });
   svg.addEventListener('mousedown', (event) => {
     drag = { x: event.clientX, start: state.viewStart, moved: false };
@@ -252,7 +258,8 @@ function setUpTimeline() {
   window.addEventListener('mouseup', (event) => {
     const click = drag && !drag.moved && event.target.closest('#timeline');
     drag = null;
-    if (click && state.day && event.offsetX >= PLOT_LEFT) play(Math.floor(timeAt(event.offsetX)));
+    const x = timelineX(event);
+    if (click && state.day && x >= PLOT_LEFT) play(Math.floor(timeAt(x)));
   });
   for (const button of document.querySelectorAll('#zoom button[data-span]')) {
     button.addEventListener('click', () => zoomTo(Number(button.dataset.span), viewCentre()));

@@ -50,6 +50,98 @@ bool LineNamesKey(const char *buf, int start, int end, const char *key, int *equ
     return true;
 }
 
+// True when formatting `format` with one int argument reads nothing but that
+// int. Refused are the conversions that would read something else: a
+// pointer (s, S, p, n), a floating value (a, e, f, g), a wider integer (an
+// l, ll, L, q, j, z, Z or t modifier, or C), a second argument (two reading
+// conversions, a "*" size beside one, a position other than 1$, positions
+// mixed with plain conversions), and a width or precision wider than the
+// whole text could be. Everything else prints as the C library prints it:
+// "%%", a "%" before a line end, "%m", conversions it does not know.
+class FormatArguments {
+public:
+    static bool ReadsOnlyOneInt(const char *format) {
+        FormatArguments scan;
+        for (const char *p = format; *p != '\0'; ++p) {
+            if (*p != '%') continue;
+            if (!scan.Conversion(&p)) return false;
+            if (*p == '\0') break;
+        }
+        return !(scan.positional_ && scan.sequentialReads_ > 0) && scan.sequentialReads_ <= 1;
+    }
+
+private:
+    // Reads "n$" at *p; false when there is none (p unchanged).
+    static bool Position(const char **p, unsigned *position) {
+        const char *q = *p;
+        unsigned n = 0;
+        for (; std::isdigit(static_cast<unsigned char>(*q)) && n <= MAX_FILE_SIZE; ++q)
+            n = n * 10 + (*q - '0');
+        if (q == *p || *q != '$') return false;
+        *position = n;
+        *p = q + 1;
+        return true;
+    }
+
+    // One argument read, either at a position or the next in sequence.
+    bool Reads(const char **p) {
+        unsigned position = 0;
+        if (!Position(p, &position)) {
+            ++sequentialReads_;
+            return true;
+        }
+        positional_ = true;
+        return position == 1;
+    }
+
+    // A width or precision: "*" reads an argument, digits are bounded.
+    bool FieldSize(const char **p, bool *tooWide) {
+        if (**p == '*') {
+            ++*p;
+            return Reads(p);
+        }
+        long size = 0;
+        for (; std::isdigit(static_cast<unsigned char>(**p)); ++*p) {
+            if (size <= MAX_FILE_SIZE) size = size * 10 + (**p - '0');
+        }
+        if (size > MAX_FILE_SIZE) *tooWide = true;
+        return true;
+    }
+
+    // The conversion whose "%" is at *p; leaves *p on its last character
+    // (or on the NUL that cut it short).
+    bool Conversion(const char **at) {
+        const char *p = *at + 1;
+        unsigned position = 0;
+        bool atPosition = Position(&p, &position);
+        if (atPosition) {
+            positional_ = true;
+            if (position != 1) return false;
+        }
+        while (*p != '\0' && std::strchr("-+ #0'I", *p) != nullptr) ++p;
+        bool tooWide = false;
+        if (!FieldSize(&p, &tooWide)) return false;
+        if (*p == '.') {
+            ++p;
+            if (!FieldSize(&p, &tooWide)) return false;
+        }
+        while (*p == 'h') ++p;
+        bool wide = false;
+        for (; *p != '\0' && std::strchr("lLqjzZt", *p) != nullptr; ++p) wide = true;
+        *at = p;
+        if (*p == '\0') return true;
+        if (std::strchr("sSpnaAeEfFgG", *p) != nullptr) return false;
+        bool readsInt = std::strchr("diouxXcbBC", *p) != nullptr;
+        if (readsInt && (wide || *p == 'C')) return false;
+        if (tooWide && (readsInt || *p == '%' || *p == 'm')) return false;
+        if (readsInt && !atPosition) ++sequentialReads_;
+        return true;
+    }
+
+    bool positional_ = false;
+    int sequentialReads_ = 0;
+};
+
 // Collects the rewritten file text, refusing anything past the buffer.
 struct IniText {
     char *buf;
@@ -87,46 +179,15 @@ struct IniText {
     // The text after an inserted key goes through the formatter as the format
     // itself with the remaining length as its one argument, so a "%d" in it
     // turns into that number and "%%" into "%"; configuration tools have
-    // always rewritten files this way. A conversion that would read anything
-    // but that one int is refused rather than run.
+    // always rewritten files this way. A format the C library fails on (a
+    // "%" as the very last character) leaves the file as it was.
     void RestAsFormat(const char *rest, int remaining) {
         if (overflow) return;
-        if (!TakesAtMostOneInt(rest)) {
+        if (!FormatArguments::ReadsOnlyOneInt(rest)) {
             overflow = true;
             return;
         }
         Printed(std::snprintf(buf + used, MAX_FILE_SIZE - used, rest, remaining));
-    }
-
-    // Skips a width or precision; false for one wider than the whole text
-    // could be (the result would not fit, and padding it out takes long).
-    static bool SkipFieldSize(const char **p) {
-        long size = 0;
-        for (; std::isdigit(static_cast<unsigned char>(**p)); ++*p) {
-            size = size * 10 + (**p - '0');
-            if (size > MAX_FILE_SIZE) return false;
-        }
-        return true;
-    }
-
-    static bool TakesAtMostOneInt(const char *format) {
-        int conversions = 0;
-        for (const char *p = format; *p != '\0'; ++p) {
-            if (*p != '%') continue;
-            ++p;
-            if (*p == '%') continue;
-            while (*p != '\0' && std::strchr("-+ #0", *p) != nullptr) ++p;
-            if (!SkipFieldSize(&p)) return false;
-            if (*p == '.') {
-                ++p;
-                if (!SkipFieldSize(&p)) return false;
-            }
-            if (*p == 'h') ++p;
-            if (*p == 'h') ++p;
-            if (*p == '\0' || std::strchr("diouxXc", *p) == nullptr) return false;
-            if (++conversions > 1) return false;
-        }
-        return true;
     }
 };
 

@@ -157,6 +157,11 @@ const WriteCase kWriteCases[] = {
     // The text after an inserted key is used as a format with the remaining
     // length as its argument.
     {"PercentAfterInsert", true, "[S]\nA=50%%\nB=%d\n", "S", "K", "v", "[S]\nK=v\nA=50%\nB=12\n"},
+    // What the C library makes of a lone "%" before a line end, a conversion
+    // it does not know and "% o" (octal with a space flag).
+    {"PercentAsTheLibraryPrintsIt", true, "[S]\nRate=50%\nA=%y%%\nC=5% off\n", "S", "K", "v",
+     "[S]\nK=v\nRate=50%\nA=%y%\nC=531ff\n"},
+    {"PositionOne", true, "[S]\nA=%1$d/%1$x\n", "S", "K", "v", "[S]\nK=v\nA=12/c\n"},
     {"PercentBeforeInsertKept", true, "[P]\nA=%%\n[S]\nB=1\n", "S", "K", "v", "[P]\nA=%%\n[S]\nK=v\nB=1\n"},
     {"PercentOnReplaceKept", true, "[S]\nK=1\nA=%d\n", "S", "K", "2", "[S]\nK=2\nA=%d\n"}};
 
@@ -169,10 +174,17 @@ TEST(IniTest, WriteRefusals) {
     TempDir dir;
     std::string path = dir.File("c.cfg");
 
-    // A conversion that would read anything but the one int is not run.
-    WriteWholeFile(path, "[S]\nA=%s\n");
-    EXPECT_EQ(write_profile_string("S", "K", "v", path.c_str()), 0);
-    EXPECT_EQ(ReadWholeFile(path), "[S]\nA=%s\n");
+    // A format that would read anything but the one int is not run: a
+    // pointer, a floating value, a wider integer, a second argument. A "%"
+    // as the very last character makes the C library fail.
+    for (const char *rest : {"%s", "%n", "%f", "%Lg", "%ld", "%zu", "%C", "%d %i", "%*d", "%.*x", "%2$d",
+                             "%1$d %d", "%99999d", "50%"}) {
+        SCOPED_TRACE(rest);
+        std::string text = std::string("[S]\nA=") + rest;
+        WriteWholeFile(path, text);
+        EXPECT_EQ(write_profile_string("S", "K", "v", path.c_str()), 0);
+        EXPECT_EQ(ReadWholeFile(path), text);
+    }
 
     // A result that would not fit the buffer is refused.
     std::string text = "[S]\nA=" + std::string(MAX_FILE_SIZE - 20, 'a') + "\n";

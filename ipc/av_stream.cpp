@@ -31,7 +31,9 @@ constexpr uint32_t kSerialBehindSleepMs = 8;
 constexpr uint32_t kKeyFrameSleepMs = 10;
 constexpr uint32_t kPauseSleepMs = 500;
 constexpr int32_t kTalkLengthLimitPrinted = 0x100000;
-constexpr const char kThreadName[] = "AVStreamGetAVDataThread";
+// The reader thread's name, and the function every log line of the reader
+// names (its helpers included): field logs are searched by it.
+constexpr const char kReaderFunction[] = "AVStreamGetAVDataThread";
 
 // Process-wide control state.
 struct StreamSysInfo {
@@ -122,27 +124,28 @@ void ExitThread(AVStreamReader *r, uint32_t type, uint32_t index) {
 }
 
 void LogExit(const AVStreamReader &r) {
-    LogTrace("%s %d: AVStreamGetAVDataThread %d %d exit!\n", __func__, __LINE__, r.MsgAVType, r.VideoIndex);
+    LogTrace("%s %d: AVStreamGetAVDataThread %d %d exit!\n", kReaderFunction, __LINE__, r.MsgAVType,
+             r.VideoIndex);
 }
 
 // Argument checks at thread start; false ends the thread.
 bool ReaderArgumentsValid(const AVStreamThreadArg &arg) {
     if (arg.VideoIndex > kAVTalkChannel) {
-        LogTrace("%s %d: VideoIndex %d is out of range!\n", __func__, __LINE__, arg.VideoIndex);
-        LogTrace("%s %d: AVStreamGetAVDataThread %d %d exit!\n", __func__, __LINE__, arg.MsgAVType,
+        LogTrace("%s %d: VideoIndex %d is out of range!\n", kReaderFunction, __LINE__, arg.VideoIndex);
+        LogTrace("%s %d: AVStreamGetAVDataThread %d %d exit!\n", kReaderFunction, __LINE__, arg.MsgAVType,
                  arg.VideoIndex);
         return false;
     }
     if (!TypeInRange(arg.MsgAVType)) {
-        LogTrace("%s %d: MsgAVType %d is out of range!\n", __func__, __LINE__, arg.MsgAVType);
-        LogTrace("%s %d: AVStreamGetAVDataThread %d %d exit!\n", __func__, __LINE__, arg.MsgAVType,
+        LogTrace("%s %d: MsgAVType %d is out of range!\n", kReaderFunction, __LINE__, arg.MsgAVType);
+        LogTrace("%s %d: AVStreamGetAVDataThread %d %d exit!\n", kReaderFunction, __LINE__, arg.MsgAVType,
                  arg.VideoIndex);
         return false;
     }
     int shmId = gGetAVStreamSysInfo.StreamSharememID[arg.VideoIndex].load(std::memory_order_relaxed);
     if (shmId < 0) {
-        LogTrace("%s %d: StreamSysInfo->StreamSharememID[%d] %d < 0\n", __func__, __LINE__, arg.VideoIndex,
-                 shmId);
+        LogTrace("%s %d: StreamSysInfo->StreamSharememID[%d] %d < 0\n", kReaderFunction, __LINE__,
+                 arg.VideoIndex, shmId);
         return false;
     }
     return true;
@@ -152,7 +155,7 @@ bool Attach(AVStreamReader &r) {
     int shmId = gGetAVStreamSysInfo.StreamSharememID[r.VideoIndex].load(std::memory_order_relaxed);
     void *base = shmat(shmId, nullptr, 0);
     if (base == nullptr || base == reinterpret_cast<void *>(-1)) {
-        LogTrace("%s %d: pAVData = NULL\n", __func__, __LINE__);
+        LogTrace("%s %d: pAVData = NULL\n", kReaderFunction, __LINE__);
         return false;
     }
     r.Base = static_cast<uint8_t *>(base);
@@ -165,8 +168,8 @@ bool StatusAllowsReading(AVStreamReader &r) {
     if (status == nullptr || status(r.VideoIndex) >= 1) return true;
     if (++r.StatusFail > kStatusFailLimit) {
         int result = status(r.VideoIndex);
-        LogTrace("%s %d: gTransFormStatusFunc[%d](%d) == %d\n", __func__, __LINE__, r.MsgAVType, r.VideoIndex,
-                 result);
+        LogTrace("%s %d: gTransFormStatusFunc[%d](%d) == %d\n", kReaderFunction, __LINE__, r.MsgAVType,
+                 r.VideoIndex, result);
         r.StatusFail = 0;
     }
     r.OldSerialNumber = 0;
@@ -184,14 +187,15 @@ int32_t AskPosition(uint32_t command, uint32_t type, uint32_t index) {
 // Asks where a new reader starts until the answer lies in 0..capacity.
 void SeekStart(AVStreamReader &r) {
     while (RunFlag(r.MsgAVType, r.VideoIndex) != 0) {
-        LogTrace("%s %d: MsgAVType = %d VideoIndex = %d\n", __func__, __LINE__, r.MsgAVType, r.VideoIndex);
+        LogTrace("%s %d: MsgAVType = %d VideoIndex = %d\n", kReaderFunction, __LINE__, r.MsgAVType,
+                 r.VideoIndex);
         int32_t pos = AskPosition(kAVStreamCmdStartPos, r.MsgAVType, r.VideoIndex);
-        if (r.VideoIndex == 0) LogTrace("%s %d: VideoPos = %d\n", __func__, __LINE__, pos);
+        if (r.VideoIndex == 0) LogTrace("%s %d: VideoPos = %d\n", kReaderFunction, __LINE__, pos);
         if (pos >= 0 && pos <= Capacity(r)) {
             r.VideoPos = pos;
             return;
         }
-        LogTrace("%s %d: VideoIndex = %d\n", __func__, __LINE__, r.VideoIndex);
+        LogTrace("%s %d: VideoIndex = %d\n", kReaderFunction, __LINE__, r.VideoIndex);
         SleepMs(kSeekSleepMs);
     }
 }
@@ -210,8 +214,8 @@ Step OnCheckMiss(AVStreamReader &r) {
         SleepMs(kCheckMissSleepMs);
         return Step::Next;
     }
-    LogTrace("%s %d: VideoIndex = %d VideoPos = %d AVDataCheck == %d\n", __func__, __LINE__, r.VideoIndex,
-             r.VideoPos, r.Info.AVDataCheck);
+    LogTrace("%s %d: VideoIndex = %d VideoPos = %d AVDataCheck == %d\n", kReaderFunction, __LINE__,
+             r.VideoIndex, r.VideoPos, r.Info.AVDataCheck);
     Resync(r);
     r.OldSerialNumber = 0;
     r.CheckMiss = 0;
@@ -220,14 +224,14 @@ Step OnCheckMiss(AVStreamReader &r) {
 
 void OnPause(AVStreamReader &r) {
     if (r.PauseFlag == 0) {
-        LogTrace("%s %d: Endflag == %d\n", __func__, __LINE__, r.Info.EndFlag);
+        LogTrace("%s %d: Endflag == %d\n", kReaderFunction, __LINE__, r.Info.EndFlag);
         AVDataInfo marker = r.Info;
         marker.SerialNumber = 0;
         marker.AVDataLen = 0;
         marker.PublisherWord = 0;
         memcpy(r.Base, &marker, sizeof marker);
     }
-    if (r.VideoIndex == 0) LogTrace("%s %d: VideoPos = %d\n", __func__, __LINE__, 0);
+    if (r.VideoIndex == 0) LogTrace("%s %d: VideoPos = %d\n", kReaderFunction, __LINE__, 0);
     r.VideoPos = 0;
     r.CheckMiss = 0;
     r.OldSerialNumber = 0;
@@ -236,11 +240,11 @@ void OnPause(AVStreamReader &r) {
 }
 
 void OnWrap(AVStreamReader &r) {
-    LogTrace("%s %d: MsgAVType = %d  Index = %d Endflag == %d\n", __func__, __LINE__, r.MsgAVType,
+    LogTrace("%s %d: MsgAVType = %d  Index = %d Endflag == %d\n", kReaderFunction, __LINE__, r.MsgAVType,
              r.VideoIndex, r.Info.EndFlag);
     r.VideoPos = 0;
     r.CheckMiss = 0;
-    if (r.VideoIndex == 0) LogTrace("%s %d: VideoPos = %d\n", __func__, __LINE__, 0);
+    if (r.VideoIndex == 0) LogTrace("%s %d: VideoPos = %d\n", kReaderFunction, __LINE__, 0);
 }
 
 void OnUnknownFlag(AVStreamReader &r) {
@@ -249,7 +253,7 @@ void OnUnknownFlag(AVStreamReader &r) {
         r.CheckMiss = 0;
         return;
     }
-    LogTrace("%s %d: VideoIndex = %d VideoPos = %d Endflag == %d\n", __func__, __LINE__, r.VideoIndex,
+    LogTrace("%s %d: VideoIndex = %d VideoPos = %d Endflag == %d\n", kReaderFunction, __LINE__, r.VideoIndex,
              r.VideoPos, r.Info.EndFlag);
     r.UnknownFlagWait = 0;
     Resync(r);
@@ -272,7 +276,7 @@ bool LengthTooLarge(AVStreamReader &r) {
     r.CheckMiss = 0;
     SleepMs(kFlagWaitSleepMs);
     int32_t printed = r.VideoIndex == kAVTalkChannel ? kTalkLengthLimitPrinted : Capacity(r);
-    LogTrace("%s %d: pDataInfo->AVDataLen = %d up to Max %d\n", __func__, __LINE__, r.Info.AVDataLen,
+    LogTrace("%s %d: pDataInfo->AVDataLen = %d up to Max %d\n", kReaderFunction, __LINE__, r.Info.AVDataLen,
              printed);
     return true;
 }
@@ -293,8 +297,8 @@ bool NextRecordStartsPicture(const AVStreamReader &r) {
 }
 
 void OnEqualSerial(AVStreamReader &r) {
-    LogTrace("%s %d: VideoIndex = %d pos = %d pDataInfo->SerialNumber %d oldSerialNumber %d\n", __func__,
-             __LINE__, r.VideoIndex, r.VideoPos, r.Info.SerialNumber, r.OldSerialNumber);
+    LogTrace("%s %d: VideoIndex = %d pos = %d pDataInfo->SerialNumber %d oldSerialNumber %d\n",
+             kReaderFunction, __LINE__, r.VideoIndex, r.VideoPos, r.Info.SerialNumber, r.OldSerialNumber);
     if (NextRecordStartsPicture(r)) {
         r.VideoPos = NextRecordPos(r);
         ClearWaits(r);
@@ -310,8 +314,8 @@ void OnSerialBehind(AVStreamReader &r) {
     ++r.SerialBehindWait;
     SleepMs(kSerialBehindSleepMs);
     if (r.SerialBehindWait > kSerialBehindLimit) {
-        LogTrace("%s %d: VideoIndex = %d VideoPos = %d Endflag == %d\n", __func__, __LINE__, r.VideoIndex,
-                 r.VideoPos, r.Info.EndFlag);
+        LogTrace("%s %d: VideoIndex = %d VideoPos = %d Endflag == %d\n", kReaderFunction, __LINE__,
+                 r.VideoIndex, r.VideoPos, r.Info.EndFlag);
         r.PauseFlag = 0;
         r.SerialBehindWait = 0;
         r.UnknownFlagWait = 0;
@@ -331,12 +335,12 @@ void OnSerialJump(AVStreamReader &r, uint32_t gap) {
     }
     r.SerialBehindWait = 0;
     r.PauseFlag = 0;
-    LogTrace("%s %d: MsgAVType = %d index = %d sub = %u - %u = %u pos = %u \n", __func__, __LINE__,
+    LogTrace("%s %d: MsgAVType = %d index = %d sub = %u - %u = %u pos = %u \n", kReaderFunction, __LINE__,
              r.MsgAVType, r.VideoIndex, r.Info.SerialNumber, r.OldSerialNumber, gap,
              static_cast<uint32_t>(r.VideoPos));
     r.UnknownFlagWait = 0;
     Resync(r);
-    LogTrace("%s %d: VideoPos = %d\n", __func__, __LINE__, r.VideoPos);
+    LogTrace("%s %d: VideoPos = %d\n", kReaderFunction, __LINE__, r.VideoPos);
     r.OldSerialNumber = 0;
     r.CheckMiss = 0;
     SleepMs(kFlagWaitSleepMs);
@@ -364,8 +368,8 @@ void OnFrame(AVStreamReader &r) {
     uint32_t gap = serial - last;
     if (gap >= kSerialJumpGap) return OnSerialJump(r, gap);
     if (gap > 1) {
-        LogTrace("%s %d:MsgAVType = %d VideoIndex = %d sub = %u - %u = %u pos = %u \n", __func__, __LINE__,
-                 r.MsgAVType, r.VideoIndex, serial, last, gap, static_cast<uint32_t>(r.VideoPos));
+        LogTrace("%s %d:MsgAVType = %d VideoIndex = %d sub = %u - %u = %u pos = %u \n", kReaderFunction,
+                 __LINE__, r.MsgAVType, r.VideoIndex, serial, last, gap, static_cast<uint32_t>(r.VideoPos));
     }
     Deliver(r);
 }
@@ -383,7 +387,7 @@ Step ReadOnce(AVStreamReader &r) {
         if (r.VideoPos == -1) return Step::Next;  // stopped while asking
     } else if (r.VideoPos < 0) {
         r.OldSerialNumber = 0;
-        LogTrace("%s %d VideoPos = %d\n", __func__, __LINE__, r.VideoPos);
+        LogTrace("%s %d VideoPos = %d\n", kReaderFunction, __LINE__, r.VideoPos);
         r.VideoPos = GetLastIFrame(r.Base, r.MsgAVType, r.VideoIndex, 0);
         return Step::Next;
     }
@@ -408,7 +412,7 @@ Step ReadOnce(AVStreamReader &r) {
 }
 
 void *AVStreamGetAVDataThread(void *argument) {
-    prctl(PR_SET_NAME, kThreadName);
+    prctl(PR_SET_NAME, kReaderFunction);
     AVStreamThreadArg arg = *static_cast<AVStreamThreadArg *>(argument);
     LogTrace("%s %d: type = %d index = %d\n", __func__, __LINE__, arg.MsgAVType, arg.VideoIndex);
     if (!ReaderArgumentsValid(arg)) {
@@ -518,7 +522,14 @@ int GetLastIFrame(uint8_t *base, uint32_t MsgAVType, uint32_t VideoIndex, uint32
         pos = AskPosition(kAVStreamCmdLastIFrame, MsgAVType, VideoIndex);
         // The position comes from the encoder: compared in 64 bits, so one
         // near INT32_MAX cannot wrap past the check.
-        if (pos < 0 || int64_t{pos} + static_cast<int64_t>(kAVRecordSlack + kNalHeaderAt) >= limit) continue;
+        if (int64_t{pos} + static_cast<int64_t>(kAVRecordSlack + kNalHeaderAt) >= limit) continue;
+        // A negative answer is no key frame either: it waits like one, so a
+        // confused encoder is not asked again at once, over and over.
+        if (pos < 0) {
+            SleepMs(kKeyFrameSleepMs);
+            if (RunFlag(MsgAVType, VideoIndex) == 0) break;
+            continue;
+        }
         const uint8_t *payload = base + pos + kAVRecordSlack;
         nal = payload[kNalHeaderAt];
         if (IsJpeg(payload)) break;

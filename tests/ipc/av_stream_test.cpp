@@ -99,6 +99,19 @@ size_t Count(const std::string &text, const std::string &pattern) {
         std::distance(std::sregex_iterator(text.begin(), text.end(), re), std::sregex_iterator()));
 }
 
+// Every line the reader logs names the reader's own function (or one of the
+// named functions it calls), never an internal helper: field logs are
+// searched by these names.
+void ExpectReaderFunctionNames(const std::string &log) {
+    const std::regex line("\\]: ([A-Za-z_]\\w*) ?\\d+");
+    for (auto it = std::sregex_iterator(log.begin(), log.end(), line); it != std::sregex_iterator(); ++it) {
+        std::string name = (*it)[1];
+        EXPECT_TRUE(name == "AVStreamGetAVDataThread" || name == "CheckOutOfPos" || name == "GetLastIFrame" ||
+                    name == "GetAVStreamInit" || name == "GetAVControlInit")
+            << name;
+    }
+}
+
 // Payload kinds: 'K' H.264 SPS (key frame), 'P' H.264 slice, 'I' IDR slice
 // alone, 'V' H.265 VPS, 'J' JPEG, 'A' AAC audio.
 std::vector<uint8_t> Payload(char kind, int32_t size = kPayloadSize) {
@@ -194,6 +207,7 @@ public:
         finished_ = true;
         AVStreamResetForTest();
         log_ = testing::internal::GetCapturedStderr();
+        ExpectReaderFunctionNames(log_);
         IpcMsgQueueRemove(msgId_);
         server_.join();
         for (auto &ring : rings_) AVRingWriterClose(&ring, true);
@@ -415,7 +429,8 @@ TEST(AVStreamReader, StartPositionBounds) {
         usleep(30000);
         std::string log = ring.Finish();
         std::string channel = std::to_string(c.channel);
-        EXPECT_EQ(Count(log, "SeekStart \\d+: VideoIndex = " + channel + "\n") > 0, c.asksAgain);
+        EXPECT_EQ(Count(log, "AVStreamGetAVDataThread \\d+: VideoIndex = " + channel + "\n") > 0,
+                  c.asksAgain);
         EXPECT_EQ(
             Count(log, "iVideoIndex = " + channel + " VideoPos = " + std::to_string(c.answer) + "\n") > 0,
             c.outOfPos);
@@ -455,6 +470,20 @@ TEST(AVStreamReader, GetLastIFrameAcceptsKeyFramesOnly) {
             EXPECT_EQ(Count(log, c.log), 1u) << log;
         }
     }
+}
+
+// A negative answer is no key frame: like any other it is asked again
+// only after the 10 ms pause.
+TEST(AVStreamReader, NegativeKeyFrameAnswerWaitsBeforeAskingAgain) {
+    REQUIRE_PRIVATE_IPC();
+    RingHarness ring;
+    int32_t keyFrame = ring.Put(1, 7, 'K');
+    ring.AnswerKeyFramesWith({-8, -8, -8, keyFrame});
+    ring.StartReader(1, NeverReady);
+    EXPECT_EQ(GetLastIFrame(ring.Ring(1).Base, kType, 1, 0), keyFrame);
+    ring.Finish();
+    EXPECT_EQ(ring.KeyFrameQuestions(), 4u);
+    EXPECT_EQ(Sleeps(10), 3u);
 }
 
 // Error paths: bad arguments, null buffers, a channel whose ring was never opened.

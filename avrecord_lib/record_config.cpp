@@ -1,6 +1,8 @@
 #include "avrecord_lib/record_config.h"
 
+#include <cerrno>
 #include <cstddef>
+#include <string>
 
 #include "avrecord_lib/index_records.h"
 #include "avrecord_lib/record_builder.h"
@@ -51,7 +53,14 @@ int AV_RecordConfigInfoGet(const char *path, uint32_t *spaceSize, uint32_t *free
 
 int AV_RecordSDCardFormat(MkfsCapacityInfo *capacity, int percent) {
     LogTrace("%s %d \n", __func__, __LINE__);
-    g_sdCardFormat(PlatformPath(kCardDevice).c_str(), capacity, percent);
+    std::string device = PlatformPath(kCardDevice);
+    errno = 0;
+    if (g_sdCardFormat(device.c_str(), capacity, percent) != 0) {
+        // The device is opened exclusively: a card still mounted (or open
+        // elsewhere) is refused with EBUSY and left as it was.
+        const char *why = errno == EBUSY ? "the device is busy (still mounted?)" : "the formatter failed";
+        LogError("%s %d: %s not formatted: %s\n", __func__, __LINE__, device.c_str(), why);
+    }
     return 0;
 }
 

@@ -15,7 +15,8 @@ int AV_RecordFileConfigSet(const char *path, const MkfsCapacityInfo *config);
 // size in MiB, counted in unused media files of 256 MiB. 0 or -1.
 int AV_RecordConfigInfoGet(const char *path, uint32_t *spaceSize, uint32_t *freeSize);
 // Formats the card partition, handing both parameters to the formatter
-// unchanged; always 0.
+// unchanged; always 0. A card the formatter refused (a busy device, one
+// still mounted) is logged as not formatted.
 int AV_RecordSDCardFormat(MkfsCapacityInfo *capacity, int percent);
 
 // The formatter AV_RecordSDCardFormat calls, mkfs_vfat; tests install their

@@ -17,7 +17,12 @@
 
 namespace {
 
-void PrintErrno(const char *message) { fprintf(stderr, "%s: %s\n", message, strerror(errno)); }
+// Keeps errno for the caller: a busy device is told apart by EBUSY.
+void PrintErrno(const char *message) {
+    int error = errno;
+    fprintf(stderr, "%s: %s\n", message, strerror(error));
+    errno = error;
+}
 
 void QueryBlockDevice(MkfsDevice *device) {
     int sectorSize = 0;

@@ -1,10 +1,16 @@
 #include "avrecord_lib/record_config.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <string>
 
 #include "avrecord_lib/index_records.h"
+#include "common/file_io.h"
+#include "common/log.h"
 #include "support/card_fixture.h"
 #include "support/faulty_file_io.h"
 #include "support/test_support.h"
@@ -52,6 +58,38 @@ TEST_F(RecordConfigTest, FormatsTheCardDevice) {
     ASSERT_EQ(AV_RecordFileConfigSet(index_.c_str(), &capacity), 0);
     EXPECT_EQ(ReadFileAt(index_, 0x08, 4), Le32(2048));
     EXPECT_EQ(ReadFileAt(index_, 0x14, 4), Le32(4));
+}
+
+// The card device is opened with O_EXCL: a card the kernel still has mounted
+// answers EBUSY, stays as it was, and the log says it was not formatted.
+TEST_F(RecordConfigTest, DeviceIsOpenedExclusivelySoABusyCardIsRefusedAloud) {
+    const char *hostDevices[] = {"/dev/loop0", "/dev/vda", "/dev/sda", "/dev/zram0"};
+    const char *blockDevice = nullptr;
+    struct stat st;
+    for (const char *device : hostDevices) {
+        if (blockDevice == nullptr && stat(device, &st) == 0 && S_ISBLK(st.st_mode)) blockDevice = device;
+    }
+    if (blockDevice == nullptr) GTEST_SKIP() << "no block device to stand for the card";
+    ScopedRoot root;  // the card device is a link to a block device; opening it is simulated
+    MakeDirectories(root.Under("/dev"));
+    ASSERT_EQ(symlink(blockDevice, root.Under("/dev/mmcblk1p1").c_str()), 0);
+    static int openFlags;
+    static FileIoOps busy = PosixFileIo();
+    busy.open = [](const char *, int flags, mode_t) {
+        openFlags = flags;
+        errno = EBUSY;
+        return -1;
+    };
+    SetFileIo(&busy);
+    LogEnable("test", 0);
+    testing::internal::CaptureStderr();
+    MkfsCapacityInfo capacity = {};
+    EXPECT_EQ(AV_RecordSDCardFormat(&capacity, 100), 0);
+    std::string log = testing::internal::GetCapturedStderr();
+    SetFileIo(nullptr);
+    EXPECT_EQ(openFlags & (O_RDWR | O_EXCL), O_RDWR | O_EXCL);
+    EXPECT_NE(log.find("AV_RecordSDCardFormat"), std::string::npos) << log;
+    EXPECT_NE(log.find("mmcblk1p1 not formatted: the device is busy"), std::string::npos) << log;
 }
 
 // Error paths: missing or invalid index, failed writes, null arguments.

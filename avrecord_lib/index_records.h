@@ -8,38 +8,20 @@
 #include <cstdint>
 
 #include "common/byte_order.h"
+#include "common/card_layout.h"
 
-// Card file set.
-inline constexpr uint32_t kMediaFileSize = 0x10000000;        // 256 MiB per "hi%06d.mp4"
-inline constexpr uint32_t kMediaFileSizeShift = 28;           // kMediaFileSize == 1 << 28
-inline constexpr uint32_t kMediaFileSizeMiB = 256;
+// Inside the card's files (their names and sizes: common/card_layout.h).
 inline constexpr uint32_t kMediaFileFullSize = 0xF900000;     // 249 MiB: a file this full takes no new section
 inline constexpr uint32_t kKeyFrameTableOffset = 0xFC00000;   // 252 MiB: key-frame table inside a media file
-inline constexpr uint32_t kIndexFileSize = 0x4000000;         // 64 MiB "index000.bin" / "index001.bin"
-inline constexpr uint32_t kKeyFrameFileSize = 0x10000000;     // "keyframe.bin"
-inline constexpr uint32_t kEventFileSize = 0x10000000;        // "event000.bin"
-inline constexpr const char kMediaFileNameFormat[] = "hi%06d.mp4";
-inline constexpr const char kPictureFileNameFormat[] = "hi%06d.pic";
-inline constexpr const char kIndexFileName[] = "index000.bin";
-inline constexpr const char kBackupIndexFileName[] = "index001.bin";
-inline constexpr const char kKeyFrameFileName[] = "keyframe.bin";
-inline constexpr const char kEventFileName[] = "event000.bin";
 inline constexpr const char kSectionNameFormat[] = "hi%06d_%06d.mp4";  // shown to clients
 inline constexpr const char kEventNameFormat[] = "he%06d_%06d.mp4";    // shown to clients
 
-// index000.bin layout.
-inline constexpr uint32_t kFileInfoHeadOffset = 0x400;
-inline constexpr uint32_t kSectionBlockOffset = 0x20000;
-inline constexpr uint32_t kSectionBlockSize = 0x4000;
+// index000.bin layout beyond the card layout's.
 inline constexpr uint32_t kSectionSlotSize = 64;
 inline constexpr uint32_t kMaxSectionNo = 251;
-inline constexpr uint32_t kMaxIndexFileRecords = 2709;
-inline constexpr uint32_t kMaxIndexSectionBlocks = 4088;
 
-// event000.bin layout.
+// event000.bin layout beyond the card layout's.
 inline constexpr uint32_t kAlarmEventInfoSlotSize = 256;
-inline constexpr uint32_t kEventListOffset = 0x100000;
-inline constexpr uint32_t kEventListSize = 0x20000;
 inline constexpr uint32_t kMaxAlarmEventSum = 1024;
 
 // Magic words.
@@ -85,7 +67,7 @@ struct FileInfoHead {
     uint32_t m_u32KeyFrameSum;         // entries in the file's key-frame table
     uint8_t m_u8Reserved[16];          // zero
 };
-static_assert(sizeof(FileInfoHead) == 48);
+static_assert(sizeof(FileInfoHead) == kFileInfoHeadSize);
 static_assert(offsetof(FileInfoHead, m_u32DataSize) == 0x10);
 static_assert(offsetof(FileInfoHead, m_u32RecordSectionSum) == 0x18);
 static_assert(offsetof(FileInfoHead, m_u32KeyFrameSum) == 0x1C);
@@ -181,7 +163,9 @@ static_assert(offsetof(AlarmEventEntry, m_u8AlarmType) == 0x18);
 static_assert(offsetof(AlarmEventEntry, m_u8FrameRate) == 0x19);
 
 // Positions.
-constexpr uint32_t FileInfoHeadPosition(uint32_t fileNo) { return kFileInfoHeadOffset + 48 * fileNo; }
+constexpr uint32_t FileInfoHeadPosition(uint32_t fileNo) {
+    return kFileInfoHeadOffset + kFileInfoHeadSize * fileNo;
+}
 constexpr uint32_t SectionInfoHeadPosition(uint32_t fileNo, uint32_t sectionNo) {
     return (sectionNo + ((fileNo + 8) * 256)) * kSectionSlotSize;
 }

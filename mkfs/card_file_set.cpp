@@ -3,20 +3,12 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "avrecord_lib/index_records.h"
+#include "common/card_layout.h"
 
 namespace {
 
 constexpr uint64_t kMiB = 1ull << 20;
 constexpr uint64_t kMaxPercent = 100;
-
-constexpr uint32_t kIndexFileRecordRoom = (kSectionBlockOffset - kFileInfoHeadOffset) / sizeof(FileInfoHead);
-constexpr uint32_t kIndexSectionBlockRoom = (kIndexFileSize - kSectionBlockOffset) / kSectionBlockSize;
-constexpr uint32_t kEventListRoom = (kEventFileSize - kEventListOffset) / kEventListSize;
-static_assert(kIndexFileRecordRoom == kMaxIndexFileRecords);
-static_assert(kIndexSectionBlockRoom == kMaxIndexSectionBlocks);
-static_assert(kCardLargeFileSize == kMediaFileSize && kCardLargeFileSize == kEventFileSize &&
-              kCardLargeFileSize == kKeyFrameFileSize && kCardSmallFileSize == kIndexFileSize);
 
 struct FixedFile {
     const char *shortName;
@@ -50,10 +42,6 @@ void SetFixed(CardFile *file, const FixedFile &fixed) {
 
 }  // namespace
 
-uint32_t CardMaxMediaFiles() {
-    return std::min({kIndexFileRecordRoom, kIndexSectionBlockRoom, kEventListRoom});
-}
-
 int CardFileAt(uint32_t position, uint32_t pictureFiles, uint32_t mediaFiles, CardFile *file) {
     if (position < pictureFiles) {
         SetNumbered(file, "HI%06uPIC", kPictureFileNameFormat, position);
@@ -80,9 +68,9 @@ int CardSplitCapacity(uint64_t deviceBytes, int percent, MkfsCapacityInfo *capac
     capacity->m_u64VideoSpace = mediaShare / (kMaxPercent * kMiB);
     capacity->m_u32PictureFileNum = static_cast<uint32_t>(pictureShare / (kMaxPercent * kCardLargeFileSize));
     capacity->m_u64PictureSpace = pictureShare / (kMaxPercent * kMiB);
-    if (capacity->m_u32VideoFileNum <= CardMaxMediaFiles()) return 0;
-    capacity->m_u32VideoFileNum = CardMaxMediaFiles();
-    capacity->m_u64VideoSpace = static_cast<uint64_t>(CardMaxMediaFiles()) * (kCardLargeFileSize / kMiB);
+    if (capacity->m_u32VideoFileNum <= kCardMaxMediaFiles) return 0;
+    capacity->m_u32VideoFileNum = kCardMaxMediaFiles;
+    capacity->m_u64VideoSpace = static_cast<uint64_t>(kCardMaxMediaFiles) * (kCardLargeFileSize / kMiB);
     return 1;
 }
 

@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "common/card_layout.h"
+
 // What a card of a given size holds, as reported to the caller.
 struct MkfsCapacityInfo {
     uint64_t m_u64TotalSize;       // device bytes >> 20 (MiB)
@@ -15,19 +17,6 @@ struct MkfsCapacityInfo {
     uint64_t m_u64PictureSpace;    // MiB given to picture files
     uint32_t m_u32PictureFileNum;  // picture files "hi%06d.pic"
 };
-
-inline constexpr uint32_t kCardLargeFileSize = 0x10000000;  // 256 MiB
-inline constexpr uint32_t kCardSmallFileSize = 0x4000000;   // 64 MiB
-inline constexpr uint64_t kCardHeldBackBytes = 1ull << 30;  // not split between media and pictures
-inline constexpr uint32_t kCardFixedFiles = 4;              // event, key-frame, two index files
-
-// The most media files the index can describe. index000.bin has room for
-// 2709 file records (0x400 .. 0x20000) and 4088 section blocks (0x20000 ..
-// 64 MiB); event000.bin holds event lists for 2040 files (0x100000 ..
-// 256 MiB). Beyond 2040 files the alarm writer would write past the end of
-// the pre-allocated event file, so the media count is capped at the
-// smallest of the three and the space above it stays unallocated.
-uint32_t CardMaxMediaFiles();
 
 struct CardFile {
     char m_szShortName[12];  // 8.3 name, 11 characters without the dot
@@ -46,7 +35,7 @@ inline uint32_t CardFileCount(uint32_t pictureFiles, uint32_t mediaFiles) {
 
 // Splits a device of deviceBytes between media (percent) and pictures
 // (100 - percent), both in whole 256 MiB files after the first GiB, and
-// caps the media count at CardMaxMediaFiles(). Returns 1 when it capped,
+// caps the media count at kCardMaxMediaFiles. Returns 1 when it capped,
 // 0 when not, -1 for a percentage outside 0..100.
 int CardSplitCapacity(uint64_t deviceBytes, int percent, MkfsCapacityInfo *capacity);
 

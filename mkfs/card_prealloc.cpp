@@ -56,9 +56,9 @@ int CreateSparse(const std::string &path, uint32_t size) {
 
 int CardPreallocate(const char *dir, uint32_t mediaFiles, uint32_t pictureFiles) {
     if (dir == nullptr) return -1;
-    if (mediaFiles > CardMaxMediaFiles()) {
+    if (mediaFiles > kCardMaxMediaFiles) {
         fprintf(stderr, "%u media files: the card index describes at most %u\n", mediaFiles,
-                CardMaxMediaFiles());
+                kCardMaxMediaFiles);
         return -1;
     }
     const uint32_t count = CardFileCount(pictureFiles, mediaFiles);

@@ -38,7 +38,7 @@ int PlanLayout(const MkfsDevice &device, int percent, MkfsCapacityInfo *capacity
 
     if (CardSplitCapacity(device.bytes, percent, capacity) > 0) {
         fprintf(stderr, "media files capped at %u: the card index cannot describe more\n",
-                CardMaxMediaFiles());
+                kCardMaxMediaFiles);
     }
     layout->mediaFiles = capacity->m_u32VideoFileNum;
     layout->pictureFiles = capacity->m_u32PictureFileNum;

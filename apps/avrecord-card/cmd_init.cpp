@@ -26,9 +26,9 @@ int CountMediaFiles(const CardArgs &args, uint32_t *count) {
                             CardMediaFilePath(args.card, fileNo).c_str(), static_cast<long long>(size),
                             kMediaFileSize);
         }
-        if (fileNo >= CardMaxMediaFiles()) {
+        if (fileNo >= kCardMaxMediaFiles) {
             return CardFail(args, kExitCardProblem,
-                            "more than %u media files: the index cannot describe them", CardMaxMediaFiles());
+                            "more than %u media files: the index cannot describe them", kCardMaxMediaFiles);
         }
     }
     *count = fileNo;

@@ -26,8 +26,8 @@ int RunPrealloc(const CardArgs &args) {
     const std::string &dir = args.positional[0];
     uint32_t media = 0;
     uint32_t pictures = 0;
-    if (!args.Has("--media") || !ParseCount(args.Get("--media"), CardMaxMediaFiles(), &media)) {
-        return CardFail(args, kExitUsage, "--media takes a count from 0 to %u", CardMaxMediaFiles());
+    if (!args.Has("--media") || !ParseCount(args.Get("--media"), kCardMaxMediaFiles, &media)) {
+        return CardFail(args, kExitUsage, "--media takes a count from 0 to %u", kCardMaxMediaFiles);
     }
     constexpr uint32_t kMaxPictures = 999999;
     if (args.Has("--pictures") && !ParseCount(args.Get("--pictures"), kMaxPictures, &pictures)) {

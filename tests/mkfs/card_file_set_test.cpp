@@ -65,5 +65,5 @@ TEST(CardFileSetTest, SplitsTheSpaceAfterTheFirstGiB) {
     MkfsCapacityInfo capacity{};
     EXPECT_EQ(CardSplitCapacity(2 * kGiB, 101, &capacity), -1);
     EXPECT_EQ(CardSplitCapacity(2 * kGiB, -1, &capacity), -1);
-    EXPECT_EQ(CardMaxMediaFiles(), 2040u);
+    EXPECT_EQ(kCardMaxMediaFiles, 2040u);
 }

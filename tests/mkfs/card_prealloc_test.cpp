@@ -54,7 +54,7 @@ TEST(CardPreallocateTest, RefusesBeforeCreatingAnything) {
     EXPECT_NE(messages.find("index001.bin' is in the way: 1000 bytes, 67108864 expected"), std::string::npos);
     EXPECT_EQ(FileSize(dir.File("hi000000.mp4")), -1);
 
-    EXPECT_EQ(Preallocate(dir.path(), CardMaxMediaFiles() + 1, 0, &messages), -1);
+    EXPECT_EQ(Preallocate(dir.path(), kCardMaxMediaFiles + 1, 0, &messages), -1);
     EXPECT_NE(messages.find("describes at most 2040"), std::string::npos);
     EXPECT_EQ(Preallocate(dir.File("missing"), 1, 0), -1);
 }

@@ -1,0 +1,25 @@
+cmake_minimum_required(VERSION 3.25)
+# Fails when a module folder includes a header of a folder that comes after
+# it in the build order (MODULES, comma-separated, lowest first): such an
+# include is a dependency cycle between module libraries.
+string(REPLACE "," ";" modules "${MODULES}")
+set(problems "")
+set(later ${modules})
+foreach(module ${modules})
+  list(REMOVE_ITEM later ${module})
+  file(GLOB sources ${ROOT}/${module}/*.h ${ROOT}/${module}/*.cpp ${ROOT}/${module}/*/*.h
+       ${ROOT}/${module}/*/*.cpp)
+  foreach(source ${sources})
+    file(STRINGS ${source} includes REGEX "^#include \"[a-z_]+/")
+    foreach(line ${includes})
+      string(REGEX REPLACE "^#include \"([a-z_]+)/.*" "\\1" folder "${line}")
+      if(folder IN_LIST later)
+        file(RELATIVE_PATH name ${ROOT} ${source})
+        string(APPEND problems "${name}: ${line} (${folder} comes after ${module})\n")
+      endif()
+    endforeach()
+  endforeach()
+endforeach()
+if(problems)
+  message(FATAL_ERROR "module folders include later folders:\n${problems}")
+endif()

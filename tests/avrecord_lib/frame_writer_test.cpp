@@ -412,6 +412,26 @@ TEST_F(FrameWriterTest, SyncSecondsFlushesMediaThenIndexAfterTheFrame) {
     }
 }
 
+// The writer keeps the media descriptor in two places; the second close
+// is made on -1, so a descriptor number another thread opened since is
+// never closed under it.
+TEST_F(FrameWriterTest, SecondCloseOfTheMediaDescriptorIsOnMinusOne) {
+    static std::vector<int> closed;
+    static FileIoOps counting = PosixFileIo();
+    counting.close = [](int fd) {
+        closed.push_back(fd);
+        return PosixFileIo().close(fd);
+    };
+    Open();
+    ASSERT_EQ(Write(kH264Key), 0);
+    closed.clear();
+    SetFileIo(&counting);
+    LS_RecordClose();
+    SetFileIo(nullptr);
+    ASSERT_EQ(closed.size(), 2u);  // the index and the media file, once each
+    EXPECT_NE(closed[0], closed[1]);
+}
+
 TEST_F(FrameWriterTest, ErrorsAndIgnoredFrames) {
     EXPECT_EQ(LS_RecordInit(nullptr, 0), -1);
     EXPECT_EQ(Write(kH264Key), 0);  // writer closed: ignored

@@ -409,6 +409,23 @@ TEST(AVStreamReader, OversizedLengthIsReadAgain) {
     EXPECT_GE(Count(log, "AVDataLen = 1048576 up to Max 1048576\n"), 3u);
 }
 
+// A record whose length is below the channel's limit but whose payload
+// would run past the end of the segment is not handed to the consumer (it
+// would read outside the segment): it waits like an oversized one.
+TEST(AVStreamReader, PayloadPastTheSegmentEndIsNotDelivered) {
+    REQUIRE_PRIVATE_IPC();
+    RingHarness ring;
+    const int32_t nearEnd = kAVStreamCapacity[1] - 100;
+    ring.Ring(1).WritePos.store(nearEnd);
+    ring.AnswerStartWith(nearEnd);
+    ring.PutHeader(1, kAVEndFlagFrame, 1000, 1);
+    ring.StartReader(1);
+    ASSERT_TRUE(WaitFor([] { return Sleeps(5) >= 3; }));
+    std::string log = ring.Finish();
+    EXPECT_TRUE(Serials().empty());
+    EXPECT_GE(Count(log, "AVDataLen = 1000 up to Max 1048576\n"), 3u) << log;
+}
+
 TEST(AVStreamReader, StartPositionBounds) {
     REQUIRE_PRIVATE_IPC();
     const struct {

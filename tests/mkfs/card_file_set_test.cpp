@@ -36,7 +36,7 @@ TEST(CardFileSetTest, PicturesThenMediaThenTheFixedFiles) {
     EXPECT_EQ(std::string(file.m_szLongName), "event000.bin");
 }
 
-TEST(CardFileSetTest, SplitsTheSpaceAfterTheFirstGiB) {
+TEST(CardFileSetTest, SplitsTheSpaceAndCapsMediaFilesAt2040) {
     const struct {
         uint64_t bytes;
         int percent;
@@ -48,9 +48,12 @@ TEST(CardFileSetTest, SplitsTheSpaceAfterTheFirstGiB) {
         {2 * kGiB, 0, {2048, 0, 0, 1024, 4}, 0},
         {15500000000ull, 100, {14781, 13757, 53, 0, 0}, 0},
         {kGiB - 1, 100, {1023, 0, 0, 0, 0}, 0},
-        // 1 TiB would take 4092 media files; the index describes 2040.
+        // 1 TiB would take 4092 media files; the index (and above all the
+        // event file) describes 2040: the rest of the media share stays
+        // unallocated, the picture share is untouched.
         {1024 * kGiB, 100, {1048576, 2040 * 256, 2040, 0, 0}, 1},
         {1024 * kGiB, 50, {1048576, 522240, 2040, 523776, 2046}, 1},
+        {(1 + 2040ull / 4) * kGiB, 100, {(1 + 2040 / 4) * 1024, 2040 * 256, 2040, 0, 0}, 0},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(std::to_string(c.bytes) + " at " + std::to_string(c.percent));

@@ -49,8 +49,9 @@ TEST_F(SysInfoTest, ExistingSmallerSegmentIsAttachedThroughLookup) {
     EXPECT_EQ(GetSysInfo()->videoRecord.ucEnable, 0);
 }
 
-TEST_F(SysInfoTest, ErrorPaths) {
-    // A segment too small to hold the fields read is refused, not read past.
+// Error paths. A segment under the key too small to hold the fields read
+// (another program's) is refused, not read past.
+TEST_F(SysInfoTest, SegmentTooSmallForTheFieldsReadIsRefused) {
     ASSERT_GE(shmget(kSysInfoShmKey, 4096, IPC_CREAT | 0660), 0);
     testing::internal::CaptureStderr();
     EXPECT_EQ(SysInfoAttach(), -1);

@@ -70,17 +70,25 @@ TEST_F(SysRequestTest, FieldSetterMapsFieldsToCommands) {
     for (size_t i = 0; i < 5; ++i) EXPECT_EQ(server.served()[i].request.cmd, cases[i].cmd);
 }
 
-TEST_F(SysRequestTest, ErrorPaths) {
-    uint8_t value = 1;
-    // Refused by the field setter: nothing is sent.
-    EXPECT_EQ(ControlSystemData(0x1110, &value, 1), -1);
-    EXPECT_EQ(ControlSystemData(SFIELD_SET_RECORD_ENABLE, nullptr, 1), -1);
-    // A value larger than the process's area.
+// A value larger than the process's transfer area would spill into the
+// next process's area: it is refused and nothing is sent.
+TEST_F(SysRequestTest, ValueLongerThanTheTransferAreaIsRefused) {
     std::vector<uint8_t> big(kSysTransferAreaSize + 1);
     EXPECT_EQ(SysConfigRequest(kCmdSetRecordSchedule, big.data(), big.size()), -1);
     struct msqid_ds ds {};
     ASSERT_EQ(msgctl(SysGetMsgId(), IPC_STAT, &ds), 0);
     EXPECT_EQ(ds.msg_qnum, 0u);
+}
+
+TEST_F(SysRequestTest, ErrorPaths) {
+    uint8_t value = 1;
+    // Refused by the field setter: nothing is sent.
+    EXPECT_EQ(ControlSystemData(0x1110, &value, 1), -1);
+    EXPECT_EQ(ControlSystemData(SFIELD_SET_RECORD_ENABLE, nullptr, 1), -1);
+    struct msqid_ds ds {};
+    ASSERT_EQ(msgctl(SysGetMsgId(), IPC_STAT, &ds), 0);
+    EXPECT_EQ(ds.msg_qnum, 0u);
+    std::vector<uint8_t> big(2);
 
     // The server refuses commands it does not serve and wrong lengths.
     {

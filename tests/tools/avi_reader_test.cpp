@@ -131,7 +131,7 @@ TEST(AviReaderTest, ShortBufferLeavesRestOfChunk) {
 }
 
 // Error paths.
-TEST(AviReaderTest, Refusals) {
+TEST(AviReaderTest, DamagedFilesAreRefusedNotFollowed) {
     TempDir dir;
     std::string path = dir.File("clip.avi");
     EXPECT_EQ(AF_Open(path.c_str()), nullptr);

@@ -136,6 +136,20 @@ TEST(SeekFileTest, MidnightCorrectionUsesLocalTime) {
 }
 
 // Error paths.
+// A damaged header counting more files than the index has room for: the
+// search reads the records the index can hold and no further.
+TEST(SeekFileTest, SearchStaysWithinTheIndexRoom) {
+    ScopedRoot root;
+    CardIndex card(root);
+    card.Header(0xFFFFFFFF);
+    card.File(0, 10, 100, 1);
+    card.Section(0, 1, 20, 30);
+    MakeSparseFile(card.Index(), kIndexFileSize);
+    auto list = std::make_unique<FileListInfo>();
+    EXPECT_EQ(SeekFile(2, 0, 100, list.get()), 0);
+    EXPECT_EQ(Names(*list), std::vector<std::string>{"hi000000_000001.mp4"});
+}
+
 TEST(SeekFileTest, Failures) {
     ScopedRoot root;
     auto list = std::make_unique<FileListInfo>();

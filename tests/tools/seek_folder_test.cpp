@@ -134,6 +134,27 @@ TEST(SeekFolderTest, DirectoryListings) {
     EXPECT_EQ(SeekFolder(dir.path().c_str(), 0, stopper), -1);
 }
 
+// The listings and the walk look at entries relative to the directory they
+// opened instead of changing into it: the working directory is the whole
+// process's, and a relative path given by one thread must not move under
+// another.
+TEST(SeekFolderTest, FolderUtilitiesKeepTheWorkingDirectory) {
+    TempDir dir;
+    MakeDirectories(dir.File("day/10"));
+    WriteWholeFile(dir.File("day/10/90"), "");
+    char before[4096];
+    ASSERT_NE(getcwd(before, sizeof before), nullptr);
+    ASSERT_EQ(chdir(dir.path().c_str()), 0);
+    auto list = std::make_unique<FileListInfo>();
+    EXPECT_EQ(FileUtilsCurrentFolderFileSeek("day/10", list.get()), 0);
+    EXPECT_EQ(FileUtilsCurrentFolderSubFolderSeek("day", list.get()), 0);
+    EXPECT_EQ(Names(*list), std::set<std::string>{"day/10"});
+    EXPECT_EQ(SeekFolder("day", 0, nullptr), 1);
+    char after[4096];
+    EXPECT_STREQ(getcwd(after, sizeof after), dir.path().c_str());
+    ASSERT_EQ(chdir(before), 0);
+}
+
 TEST(SeekFolderTest, NameTimes) {
     ScopedZone zone("XST-2");
     EXPECT_EQ(FileUtilsGetFileLastModifyTime("2026-03-10-10-00-05.mp4"), Local(10, 10, 0, 5));

@@ -91,7 +91,7 @@ struct SectionInfoHead {
     uint8_t m_u8FrameRate;             // frames per second
     uint8_t m_u8MediaFlag;             // 1
     uint8_t m_u8VideoParam;            // further byte of the encoding settings
-    uint8_t m_u8AudioCodeType;         // 0, 1 or 3
+    uint8_t m_u8AudioCodeType;         // kSectionAudioG711U, ...G711A or ...Aac
     uint8_t m_u8RecordType;            // record type given at record start
     uint8_t m_u8Reserved[19];          // zero
 };
@@ -105,6 +105,11 @@ static_assert(offsetof(SectionInfoHead, m_u8FrameRate) == 0x28);
 static_assert(offsetof(SectionInfoHead, m_u8AudioCodeType) == 0x2B);
 static_assert(offsetof(SectionInfoHead, m_u8RecordType) == 0x2C);
 static_assert(offsetof(SectionInfoHead, m_u8Reserved) == 0x2D);
+
+// Audio codec types of a section (m_u8AudioCodeType).
+inline constexpr uint8_t kSectionAudioG711U = 0;
+inline constexpr uint8_t kSectionAudioG711A = 1;
+inline constexpr uint8_t kSectionAudioAac = 3;
 
 // Key-frame entry, 20 bytes at 0xFC00000 + 20 * k of the media file. Packed:
 // the 16-bit zero field sits at an odd offset.

@@ -65,11 +65,11 @@ struct AviAudio {
 };
 AviAudio AudioOf(const SectionInfoHead &section) {
     switch (section.m_u8AudioCodeType) {
-        case 0:
+        case kSectionAudioG711U:
             return {7, 8000};
-        case 1:
+        case kSectionAudioG711A:
             return {6, 8000};
-        case 3:
+        case kSectionAudioAac:
             return {0xFF, 48000};
         default:
             return {0, 8000};

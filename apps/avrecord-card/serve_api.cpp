@@ -133,11 +133,11 @@ ApiReply CatalogOrError(const std::string &cardDir, CardCatalog *catalog) {
 
 const char *AudioName(uint8_t codeType) {
     switch (codeType) {
-        case 0:
+        case kSectionAudioG711U:
             return "g711u";
-        case 1:
+        case kSectionAudioG711A:
             return "g711a";
-        case 3:
+        case kSectionAudioAac:
             return "aac";
         default:
             return "none";

@@ -19,9 +19,6 @@ namespace {
 constexpr uint32_t kDefaultFrameRate = 25;
 constexpr uint32_t kProbeFrames = 250;         // frames searched for the first audio frame
 constexpr uint64_t kProgressEveryFrames = 10;  // video frames between progress reports
-constexpr uint8_t kAudioG711U = 0;             // section audio codec types
-constexpr uint8_t kAudioG711A = 1;
-constexpr uint8_t kAudioAac = 3;
 
 // One section's share of the clip: a whole section, or (bEvent set) its
 // frames from the key frame at or before u32FromTime to u32ToTime.
@@ -142,11 +139,11 @@ int PlanRange(const ClipRequest &request, ClipPlan *plan, std::string *reason) {
 
 Mp4AudioKind AudioKindOf(const SectionInfoHead &s) {
     switch (s.m_u8AudioCodeType) {
-        case kAudioG711U:
+        case kSectionAudioG711U:
             return Mp4AudioKind::kG711U;
-        case kAudioG711A:
+        case kSectionAudioG711A:
             return Mp4AudioKind::kG711A;
-        case kAudioAac:
+        case kSectionAudioAac:
             return Mp4AudioKind::kAac;
         default:
             return Mp4AudioKind::kNone;

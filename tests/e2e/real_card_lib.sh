@@ -49,6 +49,15 @@ real_card_check() {
   mcopy -s -n -i "$work/card.img" '::*' "$card" || fail "mcopy could not read the card back"
   "$card_tool" check --card "$card" --frames >"$work/check.txt" 2>&1 ||
     fail "check --frames: $(tail -5 "$work/check.txt")"
+  # Read without mounting, the image lists the same recordings, byte for byte.
+  local type
+  for type in 2 4; do
+    "$card_tool" search --from 0 --to 4294967295 --type $type --json --card "$card" >"$work/search-card.json"
+    "$card_tool" search --from 0 --to 4294967295 --type $type --json --image "$work/card.img" >"$work/search-image.json" ||
+      fail "search --image: $(cat "$work/search-image.json")"
+    cmp -s "$work/search-card.json" "$work/search-image.json" || fail "search --type $type --json differs on the image"
+    [ "$type" = 4 ] || [ -s "$work/search-image.json" ] || fail "search --image lists no section"
+  done
   check_recording "$1"
   rm -rf "$card"
 }

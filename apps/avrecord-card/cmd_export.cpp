@@ -211,6 +211,7 @@ int ExportMp4(const CardArgs &args, const std::string &out) {
     auto sink = [](const uint8_t *data, size_t length) { return fwrite(data, 1, length, stdout) == length; };
     int result = toStdout ? CardClipToStream(request, sink, progress, &info, &reason)
                           : CardClipToFile(request, out, progress, &info, &reason);
+    terminal.Finish();
     if (toStdout && fflush(stdout) != 0 && result == kClipOk) {
         result = kClipOutputError;
         reason = "cannot write standard output";

@@ -17,8 +17,12 @@ double Seconds(std::chrono::steady_clock::duration d) { return std::chrono::dura
 TerminalProgress::TerminalProgress(const char *what)
     : what_(what), enabled_(isatty(STDERR_FILENO) == 1), start_(Clock::now()), lastDrawn_(start_) {}
 
-TerminalProgress::~TerminalProgress() {
-    if (shown_) fprintf(stderr, "\n");
+TerminalProgress::~TerminalProgress() { Finish(); }
+
+void TerminalProgress::Finish() {
+    if (shown_) fprintf(stderr, "\r\033[K");
+    shown_ = false;
+    enabled_ = false;
 }
 
 std::string TerminalProgress::Line(const char *what, uint64_t frames, uint64_t framesTotal, uint64_t bytes,

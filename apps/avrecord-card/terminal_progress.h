@@ -18,8 +18,11 @@ public:
     // frames of framesTotal, bytes written; share (0..1) of the work done
     // gives the time left. Totals of 0 are left out.
     void Update(uint64_t frames, uint64_t framesTotal, uint64_t bytes, double share);
+    // Clears the line, so what is printed next takes its place (also done
+    // on destruction).
+    void Finish();
 
-    // The line as shown after `elapsed` seconds (for tests).
+    // The line as shown after `elapsed` seconds.
     static std::string Line(const char *what, uint64_t frames, uint64_t framesTotal, uint64_t bytes,
                             double share, double elapsed);
 

@@ -48,22 +48,22 @@ uint32_t FrameRateOf(const SectionInfoHead &s) {
 // in a long section does not read its way there. 0 when there is none.
 uint32_t KeyFrameAtOrBefore(int mediaFd, const SectionInfoHead &s, uint32_t firstEntry, uint32_t from) {
     if (s.m_u32KeyFrameSum == 0 || s.m_u32StartTime >= from) return 0;
-    std::vector<KeyFrameEntry> entries(s.m_u32KeyFrameSum);
     uint64_t tableBytes = uint64_t{s.m_u32KeyFrameSum} * kKeyFrameEntrySize;
-    uint64_t at = uint64_t{kKeyFrameTableOffset} + KeyFrameEntryOffset(firstEntry);
-    if (at + tableBytes > kMediaFileSize ||
-        AV_RecordStreamInfoRead(mediaFd, static_cast<uint32_t>(at), entries.data(),
+    uint64_t at = uint64_t{kKeyFrameTableOffset} + uint64_t{firstEntry} * kKeyFrameEntrySize;
+    if (at + tableBytes > kMediaFileSize) return 0;
+    std::vector<KeyFrameEntry> entries(s.m_u32KeyFrameSum);
+    if (AV_RecordStreamInfoRead(mediaFd, static_cast<uint32_t>(at), entries.data(),
                                 static_cast<uint32_t>(tableBytes)) < 0)
         return 0;
-    uint32_t found = 0;
-    for (const KeyFrameEntry &e : entries) {
-        if (e.m_u32HeadFlag != kKeyFrameEntryFlag || e.m_u32Time > from ||
-            e.m_u32FrameOffset >= s.m_u32SectionSize)
+    // Entries follow the recording: the last one that fits is the one.
+    for (auto e = entries.rbegin(); e != entries.rend(); ++e) {
+        if (e->m_u32HeadFlag != kKeyFrameEntryFlag || e->m_u32Time > from ||
+            e->m_u32FrameOffset >= s.m_u32SectionSize)
             continue;
-        uint32_t offset = s.m_u32SectionOffset + e.m_u32FrameOffset;
-        if (libAVRecordPlayBackIsKeyFrame(mediaFd, offset) == 1) found = offset;
+        uint32_t offset = s.m_u32SectionOffset + e->m_u32FrameOffset;
+        if (libAVRecordPlayBackIsKeyFrame(mediaFd, offset) == 1) return offset;
     }
-    return found;
+    return 0;
 }
 
 // Share of a section's [start, end] second range that [from, to) covers.
@@ -77,7 +77,7 @@ double Covered(const SectionInfoHead &s, uint32_t from, uint32_t to) {
 
 void Estimate(ClipPiece *piece, double share) {
     const SectionInfoHead &s = piece->span.stSection;
-    piece->bytesEstimate = static_cast<uint64_t>(share * (piece->span.u32DataEnd - piece->span.u32DataBegin));
+    piece->bytesEstimate = static_cast<uint64_t>(share * s.m_u32SectionSize);
     piece->framesEstimate = static_cast<uint64_t>(share * s.m_u32VideoFrameSum);
 }
 

@@ -61,6 +61,7 @@ pictures() { ffmpeg -loglevel error -i "$1" -map 0:v -fps_mode passthrough -f fr
 # start (2 s into the first, key frames every 2 s) to its end.
 expect 0 "$tool" search --card "$card" --from 0 --to 4294967295 --json
 start=$(grep "\"$c1\"" <<<"$out" | sed -E 's/.*"start":([0-9]+).*/\1/')
+start0=$(grep "\"$h264\"" <<<"$out" | sed -E 's/.*"start":([0-9]+).*/\1/')
 second=$(grep "\"$c2\"" <<<"$out" | sed -E 's/.*"start":([0-9]+).*/\1/')
 expect 0 "$tool" export --from $((start + 2)) --to $((second + 3)) --card "$card" -o "$work/r.mp4" --json
 [ "$(json_field sections "$out")" = 2 ] || fail "range report: $out"
@@ -70,6 +71,16 @@ check "$work/r.mp4" h264 aac "$frames" "$(json_field key_frames "$out")"
 # A range from one codec into another stops at the change.
 expect 0 "$tool" export --from 0 --to 4294967295 --card "$card" -o "$work/x.mp4" --json
 [ "$(json_field video_frames "$out")" = 100 ] && [[ "$out" == *'"stopped_at":'* ]] || fail "codec change: $out"
+
+# An alarm event 1 s into the first section, 1 s long: from the key frame
+# before it (the section's first, key frames every 2 s) to its end.
+put 0 "41454d4600000000$(le32 $((start0 + 1)))$(le32 $((start0 + 2)))01000000" "$card/event000.bin"
+put $((0x100000)) "41444546$(le32 $((start0 + 1)))$(le32 $((start0 + 2)))0000000000000000000000000100" \
+  "$card/event000.bin"
+expect 0 "$tool" export he000000_000000.mp4 --card "$card" -o "$work/e.mp4" --json
+frames=$(json_field video_frames "$out")
+[ "$frames" -ge 50 ] && [ "$frames" -lt 100 ] || fail "event export took $frames video frames"
+check "$work/e.mp4" h264 aac "$frames" "$(json_field key_frames "$out")"
 
 # Fragmented MP4 on standard output.
 "$tool" export "$c1" --card "$card" -o - --format mp4 >"$work/s.mp4" 2>"$work/err" || fail "stream: $(cat "$work/err")"

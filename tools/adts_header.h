@@ -29,3 +29,15 @@ inline bool AdtsParse(const uint8_t *h, size_t size, AdtsHeader *header) {
     header->channels = ((h[2] & 0x01u) << 2) | (h[3] >> 6);
     return true;
 }
+
+// The two-byte AudioSpecificConfig an MP4 sample description carries for
+// the stream whose ADTS header is h (at least kAdtsHeaderSize bytes): object
+// type (the header's profile + 1), sample rate index, channel configuration.
+inline constexpr uint32_t kAudioSpecificConfigSize = 2;
+inline void AdtsAudioSpecificConfig(const uint8_t *h, uint8_t config[kAudioSpecificConfigSize]) {
+    uint8_t objectType = static_cast<uint8_t>((h[2] >> 6) + 1);
+    uint8_t rateIndex = (h[2] >> 2) & 0x0F;
+    uint8_t channels = static_cast<uint8_t>(((h[2] & 0x01u) << 2) | (h[3] >> 6));
+    config[0] = static_cast<uint8_t>((objectType << 3) | (rateIndex >> 1));
+    config[1] = static_cast<uint8_t>(((rateIndex & 0x01u) << 7) | (channels << 3));
+}

@@ -26,7 +26,8 @@ namespace {
 constexpr uint32_t kMaxClipSeconds = 3600;  // one hour
 constexpr size_t kMaxClipJobs = 32;         // the oldest finished clip goes first
 constexpr size_t kMaxPayload = 1024;        // no call takes a body
-constexpr time_t kIoTimeoutSeconds = 30;
+constexpr time_t kReadTimeoutSeconds = 30;
+constexpr time_t kWriteTimeoutSeconds = 600;  // a paused video stops reading its stream
 constexpr int kMaxPort = 65535;
 constexpr char kJson[] = "application/json";
 
@@ -335,8 +336,8 @@ void AddRoutes(httplib::Server &server, const std::string &cardDir, ClipJobs &jo
 
 void SetUpServer(httplib::Server &server, const ServeOptions &options, const int *port) {
     server.set_payload_max_length(kMaxPayload);
-    server.set_read_timeout(kIoTimeoutSeconds);
-    server.set_write_timeout(kIoTimeoutSeconds);
+    server.set_read_timeout(kReadTimeoutSeconds);
+    server.set_write_timeout(kWriteTimeoutSeconds);
     server.set_default_headers({{"X-Content-Type-Options", "nosniff"},
                                 {"Content-Security-Policy", "default-src 'self'; img-src 'self' data:"},
                                 {"Referrer-Policy", "no-referrer"}});

@@ -77,6 +77,11 @@ get "/api/play?at=2026-03-10T08:00:05"
 [[ "$body" == *'"codec":"h264","alarm_types":[1,4],"key_time":'$((start + 4))'}' ]] || fail "play: $body"
 get /api/check
 [ "$body" = '{"consistent":true,"problems":[]}' ] || fail "check: $body"
+# The played stream is fragmented MP4 whose header already describes its
+# audio (the recorded mono 16 kHz AAC), as a player that starts early needs.
+get "/api/video?at=$((start + 5))"
+audio=$(ffprobe -v error -select_streams a -show_entries stream=profile,sample_rate,channels -of csv=p=0 "$work/body")
+[ "$code" = 200 ] && [ "$audio" = "LC,16000,1" ] || fail "played stream: $code, audio $audio"
 
 # Bad input: 400 (404 for what is not there), a message, and the server stays up.
 refused() {  # CODE PATH [CURL ARGS...]

@@ -229,6 +229,19 @@ bool Mp4Output::AddAudio(const Mp4Tracks &tracks, std::string *reason) {
         return false;
     }
     audio_->codecpar->frame_size = kAacSamplesPerFrame;
+    // The filter hands its configuration on with the first packet, after a
+    // fragmented MP4's header is out: the sample description gets it here.
+    if (audio_->codecpar->extradata_size == 0) {
+        uint8_t *config =
+            static_cast<uint8_t *>(av_mallocz(kAudioSpecificConfigSize + AV_INPUT_BUFFER_PADDING_SIZE));
+        if (config == nullptr) {
+            *reason = "out of memory";
+            return false;
+        }
+        AdtsAudioSpecificConfig(tracks.audioFrame, config);
+        audio_->codecpar->extradata = config;
+        audio_->codecpar->extradata_size = kAudioSpecificConfigSize;
+    }
     return true;
 }
 

@@ -191,6 +191,8 @@ void Report(const CardArgs &args, const std::string &out, const Survey &survey) 
 // MP4 of a recording (name) or of a time range: remuxed by the clip library.
 // "-o -" streams it (fragmented) to standard output.
 int ExportMp4(const CardArgs &args, const std::string &out) {
+    if (out == "-" && isatty(STDOUT_FILENO))
+        return CardFail(args, kExitUsage, "standard output is a terminal: pipe it, or give -o FILE.mp4");
     ClipRequest request;
     request.cardDir = args.card;
     if (args.positional.size() == 1) {

@@ -299,7 +299,8 @@ bool Mp4Output::Finish(std::string *reason) {
         ok = encoder_->Flush([this](AVPacket *packet) { return WriteAacPacket(packet); });
         if (!ok && error_.empty()) error_ = encoder_->Error();
     }
-    int error = ok ? av_write_trailer(format_) : 0;
+    // A sink that asked to stop is not called again.
+    int error = ok && !sinkStopped_ ? av_write_trailer(format_) : 0;
     if (error < 0) ok = Fail("finishing the MP4", error);
     if (ownsIo_) {
         // The index moved to the front on closing: the size is the file's.

@@ -265,6 +265,27 @@ bool Recording(const WriterState &w, int channel) {
            channel == w.channel.load(std::memory_order_relaxed);
 }
 
+// A frame whose bytes are in the media file: the offsets, its key-frame
+// entry and the records; then a flush when one is due.
+void AccountFrame(WriterState &w, uint32_t time, uint32_t written, bool video, bool key, bool marked) {
+    if (w.firstKeyPending) {
+        w.sectionStarted = true;
+        w.firstKeyPending = false;
+        time = GetSectionInfoHead()->m_u32StartTime;
+    }
+    w.fileSize += written;
+    g_u32Offset += written;
+
+    uint32_t pixels = uint32_t{w.param.u16Width} * w.param.u16Height;
+    bool entry = video && (key || (marked && pixels >= kKeyEntryMinPixels));
+    if (entry) {
+        WriteKeyFrameEntry(w, time, written, marked ? kKeyTypeEncoderMark : kKeyTypeParameterSet);
+        Step(WriterStep::kKeyEntryWritten);
+    }
+    UpdateIndex(w, time, written, entry, !video);
+    SyncIfDue(w);
+}
+
 // One frame that passed the gate, from its classification to the index.
 int WriteAdmittedFrame(WriterState &w, int channel, int kind, const uint8_t *data, const AVDataInfo *info) {
     uint32_t length = static_cast<uint32_t>(info->AVDataLen);
@@ -291,30 +312,14 @@ int WriteAdmittedFrame(WriterState &w, int channel, int kind, const uint8_t *dat
     if (AV_RecordStreamInfoWrite(w.mediaFd, g_u32Offset, start, static_cast<uint32_t>(psLength)) == 0)
         return 0;
     Step(WriterStep::kMediaWritten);
-
-    if (w.firstKeyPending) {
-        w.sectionStarted = true;
-        w.firstKeyPending = false;
-        time = GetSectionInfoHead()->m_u32StartTime;
-    }
-    uint32_t written = static_cast<uint32_t>(psLength);
-    w.fileSize += written;
-    g_u32Offset += written;
-
-    uint32_t pixels = uint32_t{w.param.u16Width} * w.param.u16Height;
-    bool entry = video && (cls.key || (marked && pixels >= kKeyEntryMinPixels));
-    if (entry) {
-        WriteKeyFrameEntry(w, time, written, marked ? kKeyTypeEncoderMark : kKeyTypeParameterSet);
-        Step(WriterStep::kKeyEntryWritten);
-    }
-    UpdateIndex(w, time, written, entry, !video);
-    SyncIfDue(w);
+    AccountFrame(w, time, static_cast<uint32_t>(psLength), video, cls.key, marked);
     return 0;
 }
 
-// Closes what an earlier open left: a failed open keeps the index open,
-// and a run that returned without its end steps keeps both.
-void CloseLeftDescriptors(WriterState &w) {
+// Closes both descriptors. The open calls it too, for what an earlier open
+// left: a failed open keeps the index open, and a run that returned
+// without its end steps keeps both.
+void CloseDescriptors(WriterState &w) {
     if (w.indexFd >= 0) AVFileClose(w.indexFd);
     if (w.mediaFd >= 0) AVFileClose(w.mediaFd);
     w.indexFd = -1;
@@ -347,7 +352,7 @@ int LS_RecordInit(const FileInfoHead *file, int channel) {
     if (file == nullptr) return -1;
     WriterState &w = g_writer;
     std::lock_guard<std::mutex> gate(w.gate);
-    CloseLeftDescriptors(w);
+    CloseDescriptors(w);
 
     char path[256];
     std::string card = g_cardDir.empty() ? PlatformPath(kCardMountPoint) : g_cardDir;
@@ -405,10 +410,7 @@ int LS_RecordClose() {
     WriterState &w = g_writer;
     w.recordingOn.store(0, std::memory_order_relaxed);
     std::lock_guard<std::mutex> gate(w.gate);
-    AVFileClose(w.indexFd);
-    AVFileClose(w.mediaFd);
-    w.indexFd = -1;
-    w.mediaFd = -1;
+    CloseDescriptors(w);
     // The media descriptor's second copy is released through the logged
     // stream close. Its number may already belong to a file another thread
     // opened since, so the close is made on the cleared copy: it fails

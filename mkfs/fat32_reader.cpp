@@ -13,6 +13,8 @@
 
 namespace {
 
+constexpr uint8_t kJumpShort = 0xEB;  // a boot sector starts with a jump over its fields
+constexpr uint8_t kJumpNear = 0xE9;
 constexpr uint32_t kMinSectorSize = 512;
 constexpr uint32_t kMaxSectorSize = 4096;
 constexpr uint32_t kMaxFatCount = 2;
@@ -60,6 +62,9 @@ int CheckGeometry(const Fat32BootSector &b, std::string *why) {
     if (b.signature != kBootSignature)
         return Problem(why, "no boot sector signature (bytes 510-511 are %02x %02x, not 55 aa)",
                        b.signature & 0xFF, b.signature >> 8);
+    if (b.jump[0] != kJumpShort && b.jump[0] != kJumpNear)
+        return Problem(why, "no jump instruction in front of the boot sector: a partition table? "
+                            "(give the partition, for example /dev/sdb1, not the whole disk)");
     if (!IsPowerOfTwo(b.bytesPerSector) || b.bytesPerSector < kMinSectorSize ||
         b.bytesPerSector > kMaxSectorSize)
         return Problem(why, "logical sector size of %u bytes is not a power of two from 512 to 4096",

@@ -66,6 +66,7 @@ TEST_F(Fat32ReaderTest, RefusesBootSectorsItCannotTrust) {
         const char *message;
     } cases[] = {
         {510, std::string("\x55\x00", 2), "no boot sector signature (bytes 510-511 are 55 00, not 55 aa)"},
+        {0, std::string("\x33", 1), "no jump instruction in front of the boot sector: a partition table?"},
         {11, std::string("\x00\x03", 2), "logical sector size of 768 bytes is not a power of two"},
         {13, std::string("\x03", 1), "cluster size of 3 sectors is not a power of two up to 128"},
         {14, std::string("\x00\x00", 2), "no reserved sectors in front of the FAT"},

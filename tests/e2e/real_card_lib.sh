@@ -58,6 +58,8 @@ real_card_check() {
     cmp -s "$work/search-card.json" "$work/search-image.json" || fail "search --type $type --json differs on the image"
     [ "$type" = 4 ] || [ -s "$work/search-image.json" ] || fail "search --image lists no section"
   done
+  "$card_tool" check --image "$work/card.img" --frames >"$work/check-image.txt" 2>&1 ||
+    fail "check --frames --image: $(tail -3 "$work/check-image.txt")"
   check_recording "$1"
   rm -rf "$card"
 }

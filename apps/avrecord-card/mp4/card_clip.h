@@ -6,7 +6,7 @@
 // re-encoded as AAC, which browsers and most players take in MP4.
 //
 // A clip may span sections: they follow one another in the MP4 with the
-// gaps between them left out. It stops early (clip.stoppedAt set) at the
+// gaps between them left out. It stops early (ClipInfo::stoppedAt set) at the
 // first section whose codec, picture size or audio differs from the first.
 // Video frames are placed at the section's frame rate, audio continues
 // sample by sample and is re-aligned with the video at every section.

@@ -29,6 +29,14 @@ DateTime LocalDateTime(uint32_t seconds) {
     return FromTm(t);
 }
 
+std::string LocalTimeText(uint32_t seconds) {
+    DateTime t = LocalDateTime(seconds);
+    char text[32];
+    snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d", t.year, t.month, t.day, t.hour, t.minute,
+             t.second);
+    return text;
+}
+
 int64_t LocalSeconds(const DateTime &local) {
     struct tm t {};
     t.tm_year = local.year - 1900;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 struct DateTime {
     int year;     // e.g. 2026
@@ -18,6 +19,8 @@ DateTime LocalDateTime(uint32_t seconds);
 // The local time given by the fields (weekday ignored; daylight saving as
 // the zone has it), as UTC seconds; -1 when it cannot be represented.
 int64_t LocalSeconds(const DateTime &local);
+// "YYYY-MM-DD HH:MM:SS" in local time.
+std::string LocalTimeText(uint32_t seconds);
 
 // "YYYY-MM-DD" as a real calendar date. False for anything else.
 bool ParseDate(const char *text, DateTime *date);

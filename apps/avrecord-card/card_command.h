@@ -4,6 +4,7 @@
 // 1 on a card problem, 2 on bad usage, one clear line on standard error.
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <string>
 #include <vector>
@@ -14,9 +15,9 @@ inline constexpr int kExitUsage = 2;
 
 struct CardArgs {
     std::string command;
-    std::vector<std::string> positional;       // operands in order
-    std::map<std::string, std::string> options; // "--name" -> value ("" for flags)
-    std::string card;                          // card directory, with a trailing '/'
+    std::vector<std::string> positional;         // operands in order
+    std::map<std::string, std::string> options;  // "--name" -> value ("" for flags)
+    std::string card;                            // card directory, with a trailing '/'
     bool json = false;
 
     bool Has(const std::string &name) const { return options.count(name) != 0; }
@@ -25,7 +26,7 @@ struct CardArgs {
 
 struct CardCommand {
     const char *name;
-    const char *usage;      // "format TARGET [--percent P] [--init]"
+    const char *usage;  // "format TARGET [--percent P] [--init]"
     // Options that take a value; every other "--x" is a flag.
     std::vector<std::string> valueOptions;
     int (*run)(const CardArgs &args);
@@ -45,7 +46,9 @@ public:
     JsonLine &Add(const std::string &key, long long value);
     JsonLine &Add(const std::string &key, unsigned long long value);
     JsonLine &Add(const std::string &key, int value) { return Add(key, static_cast<long long>(value)); }
-    JsonLine &Add(const std::string &key, unsigned value) { return Add(key, static_cast<unsigned long long>(value)); }
+    JsonLine &Add(const std::string &key, unsigned value) {
+        return Add(key, static_cast<unsigned long long>(value));
+    }
     JsonLine &Add(const std::string &key, double value);
     JsonLine &AddBool(const std::string &key, bool value);
     // value is JSON already (an array or object).
@@ -61,6 +64,11 @@ private:
 std::string JsonEscape(const std::string &text);
 // "[a,b,...]" from JSON values.
 std::string JsonArray(const std::vector<std::string> &values);
+
+struct FileInfoHead;
+// Adds a media file's record: number, times, data size, sections, key
+// frames and record type, as info --json and the page's API give them.
+JsonLine &AddFileRecord(JsonLine &line, uint32_t fileNo, const FileInfoHead &file);
 
 // Registers a subcommand from its own file.
 #define AVR_CARD_COMMAND(id, ...) \

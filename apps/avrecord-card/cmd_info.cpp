@@ -47,16 +47,8 @@ void PrintHeader(const CardArgs &args, const RecordConfigInfo &header, uint32_t 
 
 void PrintFile(const CardArgs &args, uint32_t fileNo, const FileInfoHead &file) {
     if (args.json) {
-        JsonLine()
-            .Add("type", "file")
-            .Add("file", fileNo)
-            .Add("start", file.m_u32StartTime)
-            .Add("end", file.m_u32EndTime)
-            .Add("data_size", file.m_u32DataSize)
-            .Add("sections", file.m_u32RecordSectionSum)
-            .Add("key_frames", file.m_u32KeyFrameSum)
-            .Add("record_type", file.m_u32RecordType)
-            .Print();
+        JsonLine line;
+        AddFileRecord(line.Add("type", "file"), fileNo, file).Print();
         return;
     }
     printf("%6u  %-19s  %-19s  %10u  %8u  %10u  %4u\n", fileNo, UtcText(file.m_u32StartTime).c_str(),
@@ -82,5 +74,15 @@ int RunInfo(const CardArgs &args) {
 }
 
 }  // namespace
+
+JsonLine &AddFileRecord(JsonLine &line, uint32_t fileNo, const FileInfoHead &file) {
+    return line.Add("file", fileNo)
+        .Add("start", file.m_u32StartTime)
+        .Add("end", file.m_u32EndTime)
+        .Add("data_size", file.m_u32DataSize)
+        .Add("sections", file.m_u32RecordSectionSum)
+        .Add("key_frames", file.m_u32KeyFrameSum)
+        .Add("record_type", file.m_u32RecordType);
+}
 
 AVR_CARD_COMMAND(info, "info", "info [--card DIR|--image PATH] [--json]", {"--image"}, RunInfo);

@@ -10,14 +10,6 @@
 
 namespace {
 
-std::string LocalText(uint32_t seconds) {
-    DateTime t = LocalDateTime(seconds);
-    char text[32];
-    snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d", t.year, t.month, t.day, t.hour, t.minute,
-             t.second);
-    return text;
-}
-
 bool ParseType(const std::string &text, uint16_t *type) {
     for (uint16_t known : {kSeekTypeNormal, kSeekTypeAlarm1, kSeekTypeAlarm4, kSeekTypeAlarm8}) {
         if (text == std::to_string(known)) {
@@ -40,8 +32,8 @@ void PrintEntry(const CardArgs &args, const FileListEntry &e) {
             .Print();
         return;
     }
-    printf("%-19s  %-19s  %-19s  %10u  %8u  %3u\n", e.szFileName, LocalText(e.u32StartTime).c_str(),
-           LocalText(e.u32EndTime).c_str(), e.u32FileSize, e.u32FrameCount, e.u32FrameRate);
+    printf("%-19s  %-19s  %-19s  %10u  %8u  %3u\n", e.szFileName, LocalTimeText(e.u32StartTime).c_str(),
+           LocalTimeText(e.u32EndTime).c_str(), e.u32FileSize, e.u32FrameCount, e.u32FrameRate);
 }
 
 int RunSearch(const CardArgs &args) {
@@ -64,7 +56,7 @@ int RunSearch(const CardArgs &args) {
     }
     if (!args.json) {
         if (list->s32FileNum == 0) {
-            printf("no recordings from %s to %s\n", LocalText(from).c_str(), LocalText(to).c_str());
+            printf("no recordings from %s to %s\n", LocalTimeText(from).c_str(), LocalTimeText(to).c_str());
             return kExitOk;
         }
         printf("%-19s  %-19s  %-19s  %10s  %8s  %3s\n", "name", "start", "end", "size", "frames", "fps");

@@ -89,12 +89,9 @@ std::string Printable(std::string text) {
 
 bool Overlaps(uint32_t start, uint32_t end, uint32_t from, uint32_t to) { return start <= to && end >= from; }
 
-std::string LocalDay(uint32_t seconds) {
-    DateTime t = LocalDateTime(seconds);
-    char text[16];
-    snprintf(text, sizeof text, "%04d-%02d-%02d", t.year, t.month, t.day);
-    return text;
-}
+constexpr size_t kDayTextLength = 10;  // "YYYY-MM-DD"
+
+std::string LocalDay(uint32_t seconds) { return LocalTimeText(seconds).substr(0, kDayTextLength); }
 
 // Local midnight at the start of the day holding seconds, and the next one.
 void LocalDayBounds(uint32_t seconds, int64_t *start, int64_t *end) {
@@ -431,14 +428,8 @@ ApiReply ApiInfo(const std::string &cardDir, const ApiQuery &query) {
     for (uint32_t n = 0; n < index.files.size(); ++n) {
         const FileInfoHead &f = index.files[n];
         if (f.m_u32HeadFlag != kFileInfoHeadFlag) continue;
-        files.push_back(JsonLine()
-                            .Add("file", n)
-                            .Add("start", f.m_u32StartTime)
-                            .Add("end", f.m_u32EndTime)
-                            .Add("data_size", f.m_u32DataSize)
-                            .Add("sections", f.m_u32RecordSectionSum)
-                            .Add("key_frames", f.m_u32KeyFrameSum)
-                            .Text());
+        JsonLine line;
+        files.push_back(AddFileRecord(line, n, f).Text());
     }
     return Ok(JsonLine()
                   .Add("version", index.header.m_u32Version)

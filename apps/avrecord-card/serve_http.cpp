@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -38,11 +39,11 @@ void Reply(httplib::Response &res, const ApiReply &reply) {
     res.set_content(reply.body, kJson);
 }
 
+// "YYYY-MM-DD_HH-MM-SS", local: a part of a file name.
 std::string FileStamp(uint32_t seconds) {
-    DateTime t = LocalDateTime(seconds);
-    char text[32];
-    snprintf(text, sizeof text, "%04d-%02d-%02d_%02d-%02d-%02d", t.year, t.month, t.day, t.hour, t.minute,
-             t.second);
+    std::string text = LocalTimeText(seconds);
+    std::replace(text.begin(), text.end(), ' ', '_');
+    std::replace(text.begin(), text.end(), ':', '-');
     return text;
 }
 

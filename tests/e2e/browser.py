@@ -11,6 +11,8 @@ FLAGS = [
     "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
     "--disable-background-networking", "--disable-component-update", "--disable-sync",
     "--remote-debugging-pipe",
+    # Containers often have a small /dev/shm and no sound device.
+    "--disable-dev-shm-usage", "--mute-audio",
 ]
 
 

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -13,6 +14,7 @@
 #include <deque>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -30,6 +32,8 @@ constexpr size_t kMaxPayload = 1024;        // no call takes a body
 constexpr time_t kReadTimeoutSeconds = 30;
 constexpr time_t kWriteTimeoutSeconds = 600;  // a paused video stops reading its stream
 constexpr int kMaxPort = 65535;
+constexpr int kStopGraceTicks = 30;  // three seconds to finish after a signal
+constexpr std::chrono::milliseconds kStopTick(100);
 constexpr char kJson[] = "application/json";
 
 using Clock = std::chrono::steady_clock;
@@ -359,13 +363,24 @@ void SetUpServer(httplib::Server &server, const ServeOptions &options, const int
     });
 }
 
-// SIGINT and SIGTERM end the server from a thread of their own.
-std::thread StopOnSignal(httplib::Server &server, sigset_t signals) {
-    return std::thread([&server, signals] {
+// SIGINT and SIGTERM end the server from a thread of their own. A stream
+// whose viewer stopped reading could hold the server up for its write
+// timeout: when the server has not finished within a grace time, the clips
+// folder goes and the process ends there.
+void StopOnSignal(httplib::Server &server, sigset_t signals, std::string folder,
+                  std::shared_ptr<std::atomic<bool>> finished) {
+    std::thread([&server, signals, folder, finished] {
         int signal = 0;
         sigwait(&signals, &signal);
+        if (*finished) return;
         server.stop();
-    });
+        for (int tick = 0; tick < kStopGraceTicks; ++tick) {
+            if (*finished) return;
+            std::this_thread::sleep_for(kStopTick);
+        }
+        std::filesystem::remove_all(folder);
+        std::_Exit(kExitOk);
+    }).detach();
 }
 
 }  // namespace
@@ -421,6 +436,7 @@ int ServeCard(const ServeOptions &options) {
 
     int port = options.port;
     int status = kExitOk;
+    auto finished = std::make_shared<std::atomic<bool>>(false);
     {
         httplib::Server server;
         ClipJobs jobs(options.cardDir, folder);
@@ -442,12 +458,11 @@ int ServeCard(const ServeOptions &options) {
             printf("serving %s at http://%s%s%s:%d/ (Ctrl-C stops)\n", options.cardDir.c_str(), v6 ? "[" : "",
                    options.host.c_str(), v6 ? "]" : "", port);
             fflush(stdout);
-            std::thread stopper = StopOnSignal(server, signals);
+            StopOnSignal(server, signals, folder, finished);
             server.listen_after_bind();
-            pthread_kill(stopper.native_handle(), SIGTERM);
-            stopper.join();
         }
     }
+    *finished = true;
     std::filesystem::remove_all(folder);
     return status;
 }

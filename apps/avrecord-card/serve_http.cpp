@@ -363,19 +363,27 @@ void SetUpServer(httplib::Server &server, const ServeOptions &options, const int
     });
 }
 
+// What the signal thread and the serving thread share about the end.
+struct StopState {
+    std::mutex mutex;
+    httplib::Server *server = nullptr;  // listening; nullptr once it is being torn down
+    std::atomic<bool> finished{false};  // everything is cleaned up
+};
+
 // SIGINT and SIGTERM end the server from a thread of their own. A stream
 // whose viewer stopped reading could hold the server up for its write
 // timeout: when the server has not finished within a grace time, the clips
 // folder goes and the process ends there.
-void StopOnSignal(httplib::Server &server, sigset_t signals, std::string folder,
-                  std::shared_ptr<std::atomic<bool>> finished) {
-    std::thread([&server, signals, folder, finished] {
+void StopOnSignal(sigset_t signals, std::string folder, std::shared_ptr<StopState> stop) {
+    std::thread([signals, folder, stop] {
         int signal = 0;
         sigwait(&signals, &signal);
-        if (*finished) return;
-        server.stop();
+        {
+            std::lock_guard<std::mutex> lock(stop->mutex);
+            if (stop->server != nullptr) stop->server->stop();
+        }
         for (int tick = 0; tick < kStopGraceTicks; ++tick) {
-            if (*finished) return;
+            if (stop->finished) return;
             std::this_thread::sleep_for(kStopTick);
         }
         std::filesystem::remove_all(folder);
@@ -436,7 +444,7 @@ int ServeCard(const ServeOptions &options) {
 
     int port = options.port;
     int status = kExitOk;
-    auto finished = std::make_shared<std::atomic<bool>>(false);
+    auto stop = std::make_shared<StopState>();
     {
         httplib::Server server;
         ClipJobs jobs(options.cardDir, folder);
@@ -458,11 +466,14 @@ int ServeCard(const ServeOptions &options) {
             printf("serving %s at http://%s%s%s:%d/ (Ctrl-C stops)\n", options.cardDir.c_str(), v6 ? "[" : "",
                    options.host.c_str(), v6 ? "]" : "", port);
             fflush(stdout);
-            StopOnSignal(server, signals, folder, finished);
+            stop->server = &server;
+            StopOnSignal(signals, folder, stop);
             server.listen_after_bind();
+            std::lock_guard<std::mutex> lock(stop->mutex);
+            stop->server = nullptr;
         }
     }
-    *finished = true;
+    stop->finished = true;
     std::filesystem::remove_all(folder);
     return status;
 }

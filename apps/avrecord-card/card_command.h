@@ -61,7 +61,10 @@ private:
     std::string body_;
 };
 
-std::string JsonEscape(const std::string &text);
+// Appends text to out as a quoted, escaped JSON string.
+void AppendJsonString(std::string &out, const std::string &text);
+// text as a quoted, escaped JSON string.
+std::string JsonString(const std::string &text);
 // "[a,b,...]" from JSON values.
 std::string JsonArray(const std::vector<std::string> &values);
 

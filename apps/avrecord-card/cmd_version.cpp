@@ -2,14 +2,15 @@
 #include <cstdio>
 
 #include "card_command.h"
+#include "common/version.h"
 
 namespace {
 
 int RunVersion(const CardArgs &args) {
     if (args.json) {
-        JsonLine().Add("program", "avrecord-card").Add("version", "1.0").Print();
+        JsonLine().Add("program", "avrecord-card").Add("version", AVRecordVersion()).Print();
     } else {
-        printf("avrecord-card 1.0\n");
+        printf("avrecord-card %s\n", AVRecordVersion());
     }
     return kExitOk;
 }

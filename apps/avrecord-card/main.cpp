@@ -112,8 +112,8 @@ int CardFail(const CardArgs &args, int code, const char *format, ...) {
     return code;
 }
 
-std::string JsonEscape(const std::string &text) {
-    std::string out;
+void AppendJsonString(std::string &out, const std::string &text) {
+    out += '"';
     for (unsigned char c : text) {
         switch (c) {
             case '"': out += "\\\""; break;
@@ -130,17 +130,24 @@ std::string JsonEscape(const std::string &text) {
                 }
         }
     }
+    out += '"';
+}
+
+std::string JsonString(const std::string &text) {
+    std::string out;
+    AppendJsonString(out, text);
     return out;
 }
 
 void JsonLine::Key(const std::string &key) {
     if (!body_.empty()) body_ += ",";
-    body_ += "\"" + JsonEscape(key) + "\":";
+    AppendJsonString(body_, key);
+    body_ += ':';
 }
 
 JsonLine &JsonLine::Add(const std::string &key, const std::string &value) {
     Key(key);
-    body_ += "\"" + JsonEscape(value) + "\"";
+    AppendJsonString(body_, value);
     return *this;
 }
 

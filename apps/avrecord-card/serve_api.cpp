@@ -447,6 +447,6 @@ ApiReply ApiCheck(const std::string &cardDir, const ApiQuery &query) {
     if (CheckCardIndex(cardDir, &problems) != 0) return ApiError(kHttpServerError, problems.front().text);
     if (frames) CheckCardFrames(cardDir, &problems);
     std::vector<std::string> rows;
-    for (const IndexProblem &p : problems) rows.push_back("\"" + JsonEscape(FormatIndexProblem(p)) + "\"");
+    for (const IndexProblem &p : problems) rows.push_back(JsonString(FormatIndexProblem(p)));
     return Ok(JsonLine().AddBool("consistent", problems.empty()).AddRaw("problems", JsonArray(rows)));
 }

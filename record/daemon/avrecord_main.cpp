@@ -7,6 +7,7 @@
 
 #include "avrecord_lib/frame_writer.h"
 #include "common/log.h"
+#include "common/version.h"
 #include "ipc/alarm_shm.h"
 #include "ipc/av_server_request.h"
 #include "ipc/av_stream.h"
@@ -26,6 +27,7 @@ namespace {
 constexpr unsigned kScheduleRetrySeconds = 1;
 constexpr unsigned kExitPauseSeconds = 2;
 constexpr uint32_t kRecordedChannels = 3;
+constexpr size_t kBannerSize = 128;
 
 // The reader threads keep running until the process ends; leaving without
 // running static destructors keeps them from touching torn-down state.
@@ -34,10 +36,19 @@ constexpr uint32_t kRecordedChannels = 3;
     _exit(0);
 }
 
+// The first line of every recording run names the build, as "avrecord-card
+// version" does, so a field log shows which version wrote it.
+void LogVersion() {
+    char banner[kBannerSize];
+    snprintf(banner, sizeof banner, "AVRecord %s", AVRecordVersion());
+    LogStampLine(banner);
+}
+
 }  // namespace
 
 int main(int /*argc*/, char ** /*argv*/) {
     if (DeviceLacksRecordCapability()) return 0;
+    LogVersion();
 
     InstallSignalHandlers();
     CameraAccessInit(kRecordCameraType, kRecordProcessArgument);

@@ -24,8 +24,10 @@ const Bytes kSlice = {0x41, 0x9A, 0x02, 0x04, 0x10};  // first_mb_in_slice 0
 const Bytes kSlice2 = {0x41, 0x1A, 0x02};             // a second slice of the same picture
 
 Bytes Nal(const Bytes &nal, bool shortCode = false) {
-    Bytes out = shortCode ? Bytes{0, 0, 1} : Bytes{0, 0, 0, 1};
-    out.insert(out.end(), nal.begin(), nal.end());
+    const size_t codeSize = shortCode ? 3 : 4;
+    Bytes out(codeSize + nal.size(), 0);
+    out[codeSize - 1] = 1;
+    std::copy(nal.begin(), nal.end(), out.begin() + codeSize);
     return out;
 }
 

@@ -58,7 +58,8 @@ void ExpectMdirListing(const std::string &image, const std::vector<DirFile> &fil
     for (const DirFile &file : files) {
         EXPECT_NE(listing.find(" " + file.longName + "\n"), std::string::npos) << file.longName;
     }
-    EXPECT_NE(listing.find(" " + std::to_string(files.size()) + " files"), std::string::npos) << listing;
+    const std::string count = std::to_string(files.size());
+    EXPECT_NE(listing.find(" " + count + " files"), std::string::npos) << listing;
 }
 
 }  // namespace

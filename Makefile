@@ -1,13 +1,13 @@
-# AVRecord: `make test` runs every test (native, sanitizer, 32-bit ARM under
-# qemu-arm), installing what it needs first.
-.PHONY: test deps build demo reliability
+# AVRecord: `make test` builds every preset (camera, test, release,
+# sanitizer) and runs their tests, installing what it needs first.
+.PHONY: test deps build demo reliability camera
 
 deps:
 	@scripts/install-deps
 
 build: deps
-	cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
-	cmake --build build -j$$(nproc)
+	cmake --preset dev
+	cmake --build --preset dev -j$$(nproc)
 
 test: deps
 	@scripts/run-tests
@@ -20,3 +20,8 @@ reliability: deps
 demo:
 	@scripts/install-deps
 	@scripts/demo
+
+# The camera bundle: dist/avrecord-<version>-armhf.tar.gz (and its debug
+# symbols beside it), from the static armhf preset.
+camera: deps
+	@scripts/package

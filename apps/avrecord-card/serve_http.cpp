@@ -215,7 +215,8 @@ bool ServeAsset(const httplib::Request &req, httplib::Response &res) {
 // points its own name at 127.0.0.1 gets nothing from the card.
 bool HostAllowed(const httplib::Request &req, const ServeOptions &options, int port) {
     std::string host = req.get_header_value("Host");
-    std::string suffix = ":" + std::to_string(port);
+    std::string suffix(1, ':');
+    suffix += std::to_string(port);
     if (host.size() > suffix.size() && host.compare(host.size() - suffix.size(), suffix.size(), suffix) == 0)
         host.resize(host.size() - suffix.size());
     if (host.size() > 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);

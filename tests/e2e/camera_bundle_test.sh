@@ -1,23 +1,24 @@
 #!/usr/bin/env bash
 # The camera bundle as a firmware team meets it: unpacked into a directory
 # standing in for the camera's root, its checksums, version and sample
-# settings checked, its start script run by BusyBox's sh with the static ARM
-# daemon under qemu-arm (empty library path) recording from avcam-sim onto a
-# directory card. A daemon that keeps exiting is started again after a
-# growing pause; a killed one at once; a second start starts nothing; stop
-# ends it with status 0. Needs the armhf build in build-arm/.
+# settings checked; then its start script run by BusyBox's sh with the static
+# ARM daemon under qemu-arm (empty library path) recording from avcam-sim
+# (camera_bundle_steps.sh) onto a card image mounted by the real-card VM, or
+# onto a directory card where the VM cannot start. The card is checked after
+# the stop. Needs the armhf build in build-arm/.
 source "$(dirname "$0")/avrecord_e2e_lib.sh"
+source "$AVRECORD_SOURCE_DIR/scripts/real-card"
+trap 'real_card_cut; cleanup' EXIT
 arm_build="$AVRECORD_SOURCE_DIR/build-arm"
 if ! grep -qs '^AVRECORD_STATIC:BOOL=ON' "$arm_build/CMakeCache.txt" ||
   ! command -v qemu-arm-static >/dev/null || ! busybox sh -c true 2>/dev/null; then
   echo "SKIP: needs the armhf build in build-arm/, qemu-arm-static and busybox"
   exit 0
 fi
-run_dir="$root/var/run"
-init() { AVRECORD_ROOT="$root" busybox sh "$root/etc/init.d/S60avrecord" "$@"; }
-# count_procs TEXT: processes whose command line holds TEXT (the bracket
-# keeps grep's own command line from matching).
-count_procs() { grep -las "${1%?}[${1: -1}]" /proc/[0-9]*/cmdline | wc -l; }
+vm="$work/vm"
+root="$vm/root"
+card="$root/media/SDCard/"
+log="$vm/avrecord.log"
 
 # 1. The bundle, unpacked as it would be onto the camera.
 "$AVRECORD_SOURCE_DIR/scripts/package" --no-build --build "$arm_build" --out "$work/dist" >"$work/package.out" 2>&1 ||
@@ -42,44 +43,25 @@ WRAPPER="qemu-arm-static -L $work/empty"
 QUICK_EXIT=3
 CONF
 
-# 2. A device without storage: the daemon leaves at once, again and again;
-# the pause before each new start grows, and stop ends even a pause.
-mkdir -p "$root/param"
-printf '[CPLD]\nStorageCapability=1\n' >"$root/param/CPLD.conf"
-init start >/dev/null || fail "start exited $?"
-wait_log "starting it again in 4s" 20
-init stop >/dev/null || fail "stop during a pause exited $?"
-[ "$(count_procs S60avrecord)" -eq 0 ] || fail "the supervisor outlived stop"
-grep -q "starting it again in 2s" "$log" || fail "no 2 s pause before the 4 s one"
-
-# 3. Recording; a killed daemon is started again.
-printf '[CPLD]\nStorageCapability=2\n' >"$root/param/CPLD.conf"
-make_card 4
-start_camera
-: >"$log"
-init start >/dev/null || fail "start exited $?"
-wait_log "$recording_line" 60
-head -1 "$log" | grep -q "] AVRecord $version\$" || fail "first log line is not the version: $(head -1 "$log")"
-first=$(cat "$run_dir/avrecord.pid")
-kill -KILL "$first"
-wait_log "AVRecord exited with status 137" 10
-wait_log "$recording_line" 60 2
-second=$(cat "$run_dir/avrecord.pid" 2>/dev/null)
-[ -n "$second" ] && [ "$second" != "$first" ] || fail "no new daemon after kill -9"
-
-# 4. A second start starts nothing.
-init start >"$work/start2.out" || fail "second start exited $?"
-grep -q "already running" "$work/start2.out" || fail "second start: $(cat "$work/start2.out")"
-sleep 2
-[ "$(count_procs "$root/bin/AVRecord")" -eq 1 ] || fail "$(count_procs "$root/bin/AVRecord") daemons after a second start"
-[ "$(cat "$run_dir/avrecord.pid")" = "$second" ] || fail "the second start replaced the daemon"
-init status >/dev/null || fail "status exited $? while running"
-
-# 5. Stop: SIGTERM, the daemon's own exit, nothing left, a consistent card.
-init stop >/dev/null || fail "stop exited $?"
-grep -q "RecordStop AVRecord exit!!!" "$log" || fail "the daemon did not finish its stop"
-[ "$(count_procs "$root/bin/AVRecord")" -eq 0 ] || fail "a daemon outlived stop"
-init status >/dev/null
-[ $? -eq 3 ] || fail "status after stop is not 3"
-"$card_tool" check --card "$card" >"$work/check.txt" 2>&1 || fail "index check: $(cat "$work/check.txt")"
+# 2. The start script at work, then the card it recorded.
+make_samples
+if real_card_probe; then
+  echo "card: an image from our formatter, mounted by the VM's vfat driver"
+  truncate -s 2G "$work/card.img"
+  "$card_tool" format "$work/card.img" --init >/dev/null 2>&1 || { echo "FAIL: format"; exit 1; }
+  REAL_CARD_ENV="AVRECORD_BUILD_DIR AVRECORD_SOURCE_DIR" \
+    real_card_boot "$vm" "$work/card.img" "$AVRECORD_SOURCE_DIR/tests/e2e/camera_bundle_steps.sh"
+  real_card_wait 300 || fail "the steps in the VM ended with status $?: $(tail -30 "$vm/steps.log")"
+  "$AVRECORD_SOURCE_DIR/scripts/fsck-card" "$work/card.img" >"$work/fsck.txt" 2>&1 ||
+    fail "fsck.fat: $(cat "$work/fsck.txt")"
+  card="$work/readback/"
+  mkdir -p "$card"
+  mcopy -s -n -i "$work/card.img" '::*' "$card" || fail "mcopy could not read the card back"
+else
+  echo "card: a directory ($real_card_why)"
+  make_card 4
+  REAL_CARD_WORK="$vm" AVRECORD_ROOT="$root" card_dir="${card%/}" \
+    bash "$AVRECORD_SOURCE_DIR/tests/e2e/camera_bundle_steps.sh" || fail "the start script's steps failed"
+fi
+"$card_tool" check --card "$card" --frames >"$work/check.txt" 2>&1 || fail "check --frames: $(tail -5 "$work/check.txt")"
 finish

@@ -8,8 +8,9 @@
 #     check.json      avrecord-card check --json of the card as found
 #     info.json       avrecord-card info --json
 #     sections.json   avrecord-card search --json over all time
-#     frames.NAME     last line of avrecord-card frames NAME for every section
-#                     that starts at or after SINCE (epoch seconds; 0: none)
+#     frames.NAME     video frames of section NAME that read back (up to where
+#                     reading breaks off, if it does), for every section that
+#                     starts at or after SINCE (epoch seconds; 0: none)
 #     window          the kernel's write-back window in seconds (dirty expiry
 #                     plus the flusher's period)
 #     daemon.start    epoch seconds when AVRecord was started
@@ -37,14 +38,15 @@ mkdir -p "$out" || exit 1
 expire=$(cat /proc/sys/vm/dirty_expire_centisecs)
 flusher=$(cat /proc/sys/vm/dirty_writeback_centisecs)
 echo $(((expire + flusher + 99) / 100)) >"$out/window"
-"$tool" check --card "$card_dir/" --json >"$out/check.json" 2>&1
-"$tool" info --card "$card_dir/" --json >"$out/info.json" 2>&1
+"$tool" check --card "$card_dir/" --json >"$out/check.json" 2>"$out/check.err"
+"$tool" info --card "$card_dir/" --json >"$out/info.json" 2>/dev/null
 "$tool" search --from 1970-01-02T00:00:00 --to 2100-01-01T00:00:00 --card "$card_dir/" --json \
   >"$out/sections.json" 2>/dev/null
 if [ "$since" -gt 0 ]; then
   sed -n 's/^{"name":"\([^"]*\)","start":\([0-9]*\),.*/\1 \2/p' "$out/sections.json" |
     while read -r name start; do
-      [ "$start" -ge "$since" ] && "$tool" frames "$name" --card "$card_dir/" 2>&1 | tail -1 >"$out/frames.$name"
+      [ "$start" -ge "$since" ] &&
+        "$tool" frames "$name" --card "$card_dir/" --json 2>/dev/null | grep -c '"kind":"\(key\|video\)"' >"$out/frames.$name"
     done
 fi
 

@@ -67,9 +67,7 @@ if last:
     published = int(last[1]) - int(last[2]) + 1 + round((cut - float(last[0])) * fps)
 readable = 0
 for path in glob.glob(os.path.join(next_dir, 'frames.*')):
-    words = open(path).read().replace('(', ' ').split()
-    if len(words) >= 6 and words[1] == 'frames':
-        readable += int(words[0]) - int(words[4])
+    readable += int(open(path).read() or 0)
 window = int(open(os.path.join(next_dir, 'window')).read())
 sections = {l['name']: l for l in lines(os.path.join(next_dir, 'sections.json')) if 'name' in l}
 files = {l['file']: l for l in lines(os.path.join(next_dir, 'info.json')) if l.get('type') == 'file'}

@@ -60,11 +60,13 @@ def lines(path):
     except OSError:
         return []
 cut = float(open(os.path.join(cut_dir, 'cut')).read())
-samples = [l.split() for l in open(os.path.join(cut_dir, 'samples')) if len(l.split()) >= 3]
-last = samples[-1] if samples else None
-published = 0
-if last:
+path = os.path.join(cut_dir, 'samples')
+samples = [l.split() for l in open(path) if len(l.split()) >= 3] if os.path.exists(path) else []
+if samples:
+    last = samples[-1]
     published = int(last[1]) - int(last[2]) + 1 + round((cut - float(last[0])) * fps)
+else:  # cut before the first sample: from the first frame at the frame rate
+    published = round((cut - os.path.getmtime(os.path.join(cut_dir, 'recording'))) * fps)
 readable = 0
 for path in glob.glob(os.path.join(next_dir, 'frames.*')):
     readable += int(open(path).read() or 0)
@@ -166,12 +168,16 @@ for ((boot = 1; boot <= cycles + 1; boot++)); do
   if [ $boot -gt 1 ] && [ -e "$work/vm/boot.$((boot - 1))/cut" ]; then
     verdict=$(judge_cut "$work/vm/boot.$((boot - 1))" "$out")
     read -r _ lost _ published _ readable _ n _ o < <(tail -1 <<<"$verdict")
-    [ -n "${POWERCUT_TRACE:-}" ] && echo "cut $((boot - 1)): $(tail -1 <<<"$verdict")"
-    lost_list+=("$lost")
-    named=$((named + n))
-    if [ "$o" -gt 0 ]; then
-      outside=$((outside + 1))
-      fail "cut $((boot - 1)): damage outside the write-back window: $(head -2 <<<"$verdict")"
+    if [ -z "$o" ]; then
+      fail "cut $((boot - 1)): not judged: $verdict"
+    else
+      [ -n "${POWERCUT_TRACE:-}" ] && echo "cut $((boot - 1)): $(tail -1 <<<"$verdict")"
+      lost_list+=("$lost")
+      named=$((named + n))
+      if [ "$o" -gt 0 ]; then
+        outside=$((outside + 1))
+        fail "cut $((boot - 1)): damage outside the write-back window: $(head -2 <<<"$verdict")"
+      fi
     fi
   fi
   since=$(cat "$out/daemon.start" 2>/dev/null || echo 0)

@@ -9,6 +9,10 @@
 
 namespace {
 
+// Six int fields of any value and the separators: the compiler cannot know
+// the fields stay within their calendar ranges.
+constexpr size_t kTimeTextSize = 80;
+
 DateTime FromTm(const struct tm &t) {
     return DateTime{t.tm_year + 1900, t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec, t.tm_wday};
 }
@@ -31,7 +35,7 @@ DateTime LocalDateTime(uint32_t seconds) {
 
 std::string LocalTimeText(uint32_t seconds) {
     DateTime t = LocalDateTime(seconds);
-    char text[32];
+    char text[kTimeTextSize];
     snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d", t.year, t.month, t.day, t.hour, t.minute,
              t.second);
     return text;

@@ -160,7 +160,10 @@ check_recording() {
   [ "${#rows[@]}" -eq 1 ] || { fail "expected one section, found ${#rows[@]}: ${rows[*]}"; return; }
   read -r file sno start end offset size frames width height rate <<<"${rows[0]}"
   [ "$width x $height @ $rate" = "1920 x 1080 @ 25" ] || fail "section media $width x $height @ $rate"
-  [ "$frames" -ge $(((seconds - 2) * 25)) ] || fail "only $frames frames in ${seconds} s"
+  # A liveness floor only: on a loaded machine (more so inside the VM or
+  # under qemu-arm) the simulator publishes below 25 fps; a frame lost on
+  # the way fails the contiguity check below instead.
+  [ "$frames" -ge $(((seconds - 2) * 25 / 2)) ] || fail "only $frames frames in ${seconds} s"
   [ $((end - start)) -ge $((seconds - 2)) ] || fail "section spans $((end - start)) s"
   name=$(printf 'hi%06d_%06d.mp4' "$file" "$sno")
   "$card_tool" frames "$name" --card "$card" --es "$work/recorded.h264" >/dev/null 2>"$work/frames.err" ||

@@ -73,7 +73,10 @@ for s in 0 1 2; do
   [ "$(json "$work/read.json" $s gaps)" = 0 ] || fail "stream $s: serial gaps"
   [ "$(json "$work/read.json" $s repeats)" = 0 ] || fail "stream $s: repeated or old serials"
   [ "$frames" -ge $((seconds * 25 - 25)) ] || fail "stream $s: only $frames frames in ${seconds}s"
-  [ "$frames" -ge $((published - 3)) ] || fail "stream $s: $frames frames read, $published published"
+  # The status is taken after the reader has gone and the simulator goes on
+  # publishing meanwhile, for more than a few frames on a loaded machine;
+  # a frame lost inside the reader's window is a serial gap above.
+  [ "$frames" -ge $((published - 25)) ] || fail "stream $s: $frames frames read, $published published"
   got="$work/out/${frame_files[$s]}"
   expected "${input_files[$s]}" "$(stat -c %s "$got")" "$work/expected"
   cmp -s "$got" "$work/expected" || fail "stream $s payloads differ from the input access units"

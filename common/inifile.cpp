@@ -55,8 +55,8 @@ bool LineNamesKey(const char *buf, int start, int end, const char *key, int *equ
 // pointer (s, S, p, n), a floating value (a, e, f, g), a wider integer (an
 // l, ll, L, q, j, z, Z or t modifier, or C), a second argument (two reading
 // conversions, a "*" size beside one, a position other than 1$, positions
-// mixed with plain conversions), and a width or precision wider than the
-// whole text could be. Everything else prints as the C library prints it:
+// mixed with plain conversions), a width or precision wider than the whole
+// text could be, and a conversion the end of the text cuts short. Everything else prints as the C library prints it:
 // "%%", a "%" before a line end, "%m", conversions it does not know.
 class FormatArguments {
 public:
@@ -75,8 +75,10 @@ private:
     static bool Position(const char **p, unsigned *position) {
         const char *q = *p;
         unsigned n = 0;
-        for (; std::isdigit(static_cast<unsigned char>(*q)) && n <= MAX_FILE_SIZE; ++q)
-            n = n * 10 + (*q - '0');
+        // Every digit counts (saturating): the C library takes any run of
+        // them before "$" as a position, however long.
+        for (; std::isdigit(static_cast<unsigned char>(*q)); ++q)
+            if (n <= MAX_FILE_SIZE) n = n * 10 + (*q - '0');
         if (q == *p || *q != '$') return false;
         *position = n;
         *p = q + 1;
@@ -109,9 +111,12 @@ private:
     }
 
     // The conversion whose "%" is at *p; leaves *p on its last character
-    // (or on the NUL that cut it short).
+    // (or on the NUL that cut it short). Cut short after flags, a size or a
+    // modifier it is no conversion at all, and refused; a lone "%" at the
+    // very end is left to the C library, which fails on it.
     bool Conversion(const char **at) {
-        const char *p = *at + 1;
+        const char *percent = *at;
+        const char *p = percent + 1;
         unsigned position = 0;
         bool atPosition = Position(&p, &position);
         if (atPosition) {
@@ -129,7 +134,7 @@ private:
         bool wide = false;
         for (; *p != '\0' && std::strchr("lLqjzZt", *p) != nullptr; ++p) wide = true;
         *at = p;
-        if (*p == '\0') return true;
+        if (*p == '\0') return p == percent + 1;
         if (std::strchr("sSpnaAeEfFgG", *p) != nullptr) return false;
         bool readsInt = std::strchr("diouxXcbBC", *p) != nullptr;
         if (readsInt && (wide || *p == 'C')) return false;

@@ -175,10 +175,11 @@ TEST(IniTest, WriteRefusals) {
     std::string path = dir.File("c.cfg");
 
     // A format that would read anything but the one int is not run: a
-    // pointer, a floating value, a wider integer, a second argument. A "%"
-    // as the very last character makes the C library fail.
+    // pointer, a floating value, a wider integer, a second argument, a
+    // conversion the end of the text cuts short. A "%" as the very last
+    // character makes the C library fail.
     for (const char *rest : {"%s", "%n", "%f", "%Lg", "%ld", "%zu", "%C", "%d %i", "%*d", "%.*x", "%2$d",
-                             "%1$d %d", "%99999d", "50%"}) {
+                             "%1$d %d", "%99999d", "%05", "%0400000", "%50555510$d", "50%"}) {
         SCOPED_TRACE(rest);
         std::string text = std::string("[S]\nA=") + rest;
         WriteWholeFile(path, text);

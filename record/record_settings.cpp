@@ -30,7 +30,7 @@ RecordSettings ReadRecordSettings(const char *caller) {
         settings.nDuration = kDefaultDuration;
     }
 
-    read_profile_string(kRecordSettingsSection, kSyncSecondsKey, value, kSettingValueSize, "0", file.c_str());
+    read_profile_string(kRecordSettingsSection, kSyncSecondsKey, value, kSettingValueSize, "1", file.c_str());
     settings.nSyncSeconds = atoi(value);
     LogTrace("%s %d nSyncSeconds = %d\n", caller, __LINE__, settings.nSyncSeconds);
     if (settings.nSyncSeconds < 0 || settings.nSyncSeconds > kMaxSyncSeconds) {

@@ -11,7 +11,7 @@ inline constexpr int kDefaultStreamType = 1;
 inline constexpr int kMaxStreamType = 2;
 inline constexpr int kDefaultDuration = 600;
 inline constexpr int kMaxDuration = 1200;
-inline constexpr int kDefaultSyncSeconds = 0;
+inline constexpr int kDefaultSyncSeconds = 1;
 inline constexpr int kMaxSyncSeconds = 60;
 
 struct RecordSettings {
@@ -20,7 +20,7 @@ struct RecordSettings {
     int nSyncSeconds;  // seconds 0..60 between flushes of the recorded data; 0: never
 };
 
-// Reads the keys (defaults "1", "600" and "0"), logs them under the
+// Reads the keys (defaults "1", "600" and "1"), logs them under the
 // caller's name and replaces values out of range by the defaults.
 RecordSettings ReadRecordSettings(const char *caller);
 

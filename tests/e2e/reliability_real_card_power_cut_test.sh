@@ -20,7 +20,7 @@
 # RELIABILITY_FULL=1 first records CLEAN_SECONDS (default 60) without a cut
 # for what SyncSeconds costs (bytes written beyond the stream, CPU), then
 # runs POWERCUT_CYCLES cuts (default 100); else 1 cut 3-5 s in.
-# POWERCUT_SYNC_SECONDS sets SyncSeconds (default: not set).
+# POWERCUT_SYNC_SECONDS sets SyncSeconds (default: not set, so the daemon's own).
 # Prints "RELIABILITY power-cut[-syncN]|cycles|failures|figures".
 source "$(dirname "$0")/lib.sh"
 source "$(dirname "$0")/reliability_lib.sh"

@@ -12,13 +12,13 @@ TEST(RecordSettingsTest, ValuesAreBoundedAndDefaulted) {
         int duration;
         int syncSeconds;
     } cases[] = {
-        {nullptr, 1, 600, 0},
+        {nullptr, 1, 600, 1},
         {"[AVRecordCustom]\nStreamType=0\nDuration=1200\nSyncSeconds=60\n", 0, 1200, 60},
         {"[AVRecordCustom]\nStreamType=2\nDuration=0\nSyncSeconds=0\n", 2, 0, 0},
-        {"[AVRecordCustom]\nStreamType=3\nDuration=1201\nSyncSeconds=61\n", 1, 600, 0},
-        {"[AVRecordCustom]\nStreamType=-1\nDuration=-5\nSyncSeconds=-1\n", 1, 600, 0},
+        {"[AVRecordCustom]\nStreamType=3\nDuration=1201\nSyncSeconds=61\n", 1, 600, 1},
+        {"[AVRecordCustom]\nStreamType=-1\nDuration=-5\nSyncSeconds=-1\n", 1, 600, 1},
         {"[AVRecordCustom]\nDuration=abc\nSyncSeconds=5\n", 1, 0, 5},
-        {"[Other]\nStreamType=0\nDuration=10\nSyncSeconds=5\n", 1, 600, 0},
+        {"[Other]\nStreamType=0\nDuration=10\nSyncSeconds=5\n", 1, 600, 1},
     };
     for (const auto &c : cases) {
         ScopedRoot root;

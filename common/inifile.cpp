@@ -51,44 +51,65 @@ bool LineNamesKey(const char *buf, int start, int end, const char *key, int *equ
 }
 
 // True when formatting `format` with one int argument reads nothing but that
-// int. Refused are the conversions that would read something else: a
-// pointer (s, S, p, n), a floating value (a, e, f, g), a wider integer (an
-// l, ll, L, q, j, z, Z or t modifier, or C), a second argument (two reading
-// conversions, a "*" size beside one, a position other than 1$, positions
-// mixed with plain conversions), a width or precision wider than the whole
-// text could be, and a conversion the end of the text cuts short. Everything else prints as the C library prints it:
-// "%%", a "%" before a line end, "%m", conversions it does not know.
+// int. Each conversion is read the way the C library reads it:
+//   "%" [n"$"] flags* [width] ["." precision] [modifier] conversion
+// with flags from "-+ #0'I", a width or precision of digits or of "*" (the
+// next argument) or "*n$" (argument n), a modifier of which only "h" and "hh"
+// keep the argument an int, and a single conversion character after it.
+// Passed are: d, i, o, u, x, X, c, b and B, which read an int; "%", "m" and
+// characters the library does not know, which read nothing; each with any
+// flags, an "h" or "hh", and a width or precision up to the text's size.
+// Refused is everything that reads something else or more: a pointer (s, S,
+// p, n), a floating value (a, e, f, g), a wider integer (l, ll, L, q, j, z,
+// Z, t, w..., C), a second argument (two reads in sequence, a position other
+// than 1, positions mixed with reads in sequence, a position on a conversion
+// that reads nothing, which leaves the argument's type unknown), digits
+// after "*" that do not make a position (the library's two parsers read them
+// differently), a width or precision wider than the text could be, a "$"
+// where a conversion belongs, and a conversion the end of the text cuts
+// short.
 class FormatArguments {
 public:
     static bool ReadsOnlyOneInt(const char *format) {
         FormatArguments scan;
-        for (const char *p = format; *p != '\0'; ++p) {
-            if (*p != '%') continue;
+        for (const char *p = std::strchr(format, '%'); p != nullptr; p = std::strchr(p, '%')) {
             if (!scan.Conversion(&p)) return false;
-            if (*p == '\0') break;
         }
-        return !(scan.positional_ && scan.sequentialReads_ > 0) && scan.sequentialReads_ <= 1;
+        return scan.sequentialReads_ <= 1 && !(scan.positional_ && scan.sequentialReads_ > 0);
     }
 
 private:
+    static constexpr char kFlags[] = "-+ #0'I";
+    static constexpr char kIntConversions[] = "diouxXcbB";
+    // Conversions reading anything but an int, modifiers that widen the
+    // argument, and a "$" left over from a malformed position.
+    static constexpr char kRefused[] = "sSpnaAeEfFgGClLqjzZtw$";
+
+    static bool IsDigit(char c) { return std::isdigit(static_cast<unsigned char>(c)) != 0; }
+
+    // The number the digits at *p spell, saturated just above the largest
+    // size allowed; *p moves past every digit.
+    static unsigned Number(const char **p) {
+        unsigned n = 0;
+        for (; IsDigit(**p); ++*p)
+            if (n <= MAX_FILE_SIZE) n = n * 10 + static_cast<unsigned>(**p - '0');
+        return n;
+    }
+
     // Reads "n$" at *p; false when there is none (p unchanged).
     static bool Position(const char **p, unsigned *position) {
         const char *q = *p;
-        unsigned n = 0;
-        // Every digit counts (saturating): the C library takes any run of
-        // them before "$" as a position, however long.
-        for (; std::isdigit(static_cast<unsigned char>(*q)); ++q)
-            if (n <= MAX_FILE_SIZE) n = n * 10 + (*q - '0');
+        unsigned n = Number(&q);
         if (q == *p || *q != '$') return false;
         *position = n;
         *p = q + 1;
         return true;
     }
 
-    // One argument read, either at a position or the next in sequence.
-    bool Reads(const char **p) {
-        unsigned position = 0;
-        if (!Position(p, &position)) {
+    // One argument read: at a position, which must be the first argument,
+    // or the next in sequence.
+    bool Reads(bool atPosition, unsigned position) {
+        if (!atPosition) {
             ++sequentialReads_;
             return true;
         }
@@ -96,51 +117,33 @@ private:
         return position == 1;
     }
 
-    // A width or precision: "*" reads an argument, digits are bounded.
-    bool FieldSize(const char **p, bool *tooWide) {
-        if (**p == '*') {
-            ++*p;
-            return Reads(p);
-        }
-        long size = 0;
-        for (; std::isdigit(static_cast<unsigned char>(**p)); ++*p) {
-            if (size <= MAX_FILE_SIZE) size = size * 10 + (**p - '0');
-        }
-        if (size > MAX_FILE_SIZE) *tooWide = true;
-        return true;
+    // A width or precision at *p, which moves past it.
+    bool FieldSize(const char **p) {
+        if (**p != '*') return Number(p) <= static_cast<unsigned>(MAX_FILE_SIZE);
+        ++*p;
+        if (!IsDigit(**p)) return Reads(false, 0);
+        unsigned position = 0;
+        return Position(p, &position) && Reads(true, position);
     }
 
-    // The conversion whose "%" is at *p; leaves *p on its last character
-    // (or on the NUL that cut it short). Cut short after flags, a size or a
-    // modifier it is no conversion at all, and refused; a lone "%" at the
-    // very end is left to the C library, which fails on it.
+    // The conversion whose "%" is at *at; moves *at past it.
     bool Conversion(const char **at) {
-        const char *percent = *at;
-        const char *p = percent + 1;
+        const char *p = *at + 1;
         unsigned position = 0;
         bool atPosition = Position(&p, &position);
-        if (atPosition) {
-            positional_ = true;
-            if (position != 1) return false;
-        }
-        while (*p != '\0' && std::strchr("-+ #0'I", *p) != nullptr) ++p;
-        bool tooWide = false;
-        if (!FieldSize(&p, &tooWide)) return false;
+        p += std::strspn(p, kFlags);
+        if (!FieldSize(&p)) return false;
         if (*p == '.') {
             ++p;
-            if (!FieldSize(&p, &tooWide)) return false;
+            if (!FieldSize(&p)) return false;
         }
-        while (*p == 'h') ++p;
-        bool wide = false;
-        for (; *p != '\0' && std::strchr("lLqjzZt", *p) != nullptr; ++p) wide = true;
-        *at = p;
-        if (*p == '\0') return p == percent + 1;
-        if (std::strchr("sSpnaAeEfFgG", *p) != nullptr) return false;
-        bool readsInt = std::strchr("diouxXcbBC", *p) != nullptr;
-        if (readsInt && (wide || *p == 'C')) return false;
-        if (tooWide && (readsInt || *p == '%' || *p == 'm')) return false;
-        if (readsInt && !atPosition) ++sequentialReads_;
-        return true;
+        if (*p == 'h') p += p[1] == 'h' ? 2 : 1;
+        const char conversion = *p;
+        if (conversion == '\0' || std::strchr(kRefused, conversion) != nullptr) return false;
+        *at = p + 1;
+        bool readsInt = std::strchr(kIntConversions, conversion) != nullptr;
+        if (atPosition) return readsInt && Reads(true, position);
+        return !readsInt || Reads(false, 0);
     }
 
     bool positional_ = false;
@@ -184,8 +187,8 @@ struct IniText {
     // The text after an inserted key goes through the formatter as the format
     // itself with the remaining length as its one argument, so a "%d" in it
     // turns into that number and "%%" into "%"; configuration tools have
-    // always rewritten files this way. A format the C library fails on (a
-    // "%" as the very last character) leaves the file as it was.
+    // always rewritten files this way. A format that could read anything
+    // but that one int leaves the file as it was.
     void RestAsFormat(const char *rest, int remaining) {
         if (overflow) return;
         if (!FormatArguments::ReadsOnlyOneInt(rest)) {

@@ -162,6 +162,12 @@ const WriteCase kWriteCases[] = {
     {"PercentAsTheLibraryPrintsIt", true, "[S]\nRate=50%\nA=%y%%\nC=5% off\n", "S", "K", "v",
      "[S]\nK=v\nRate=50%\nA=%y%\nC=531ff\n"},
     {"PositionOne", true, "[S]\nA=%1$d/%1$x\n", "S", "K", "v", "[S]\nK=v\nA=12/c\n"},
+    // One int read at most, whatever the flags, sizes, "h" or "hh", or the
+    // int coming in through "*"; a position of 1 may be read again.
+    {"OneIntWithFlagsAndSizes", true, "[S]\nA=%1$-+4hd|%1$#.3hhx|%1$'05i\n", "S", "K", "v",
+     "[S]\nK=v\nA=+29 |0x01d|00029\n"},
+    {"OneIntAsASize", true, "[S]\nA=%*%|%.5y|%hy\n", "S", "K", "v", "[S]\nK=v\nA=%|%.5y|%y\n"},
+    {"PositionOneAsASize", true, "[S]\nA=%1$*1$d|\n", "S", "K", "v", "[S]\nK=v\nA=         11|\n"},
     {"PercentBeforeInsertKept", true, "[P]\nA=%%\n[S]\nB=1\n", "S", "K", "v", "[P]\nA=%%\n[S]\nK=v\nB=1\n"},
     {"PercentOnReplaceKept", true, "[S]\nK=1\nA=%d\n", "S", "K", "2", "[S]\nK=2\nA=%d\n"}};
 
@@ -174,12 +180,20 @@ TEST(IniTest, WriteRefusals) {
     TempDir dir;
     std::string path = dir.File("c.cfg");
 
-    // A format that would read anything but the one int is not run: a
-    // pointer, a floating value, a wider integer, a second argument, a
-    // conversion the end of the text cuts short. A "%" as the very last
-    // character makes the C library fail.
-    for (const char *rest : {"%s", "%n", "%f", "%Lg", "%ld", "%zu", "%C", "%d %i", "%*d", "%.*x", "%2$d",
-                             "%1$d %d", "%99999d", "%05", "%0400000", "%50555510$d", "50%"}) {
+    // A format that could read anything but the one int is not run: a
+    // pointer, a floating value, a modifier that widens the int (also where
+    // it only starts an unknown conversion: "%lt" is "t" after "l", and the
+    // "%000s" after it reads a pointer), a second argument, a position on a
+    // conversion that reads nothing, digits after "*" that make no position,
+    // a "$" as the conversion, a size beyond the text, a conversion the end
+    // of the text cuts short.
+    for (const char *rest :
+         {"%s",      "%n",    "%p",       "%S",          "%f",     "%La",     "%Lg",     "%C",
+          "%lc",     "%ld",   "%lld",     "%hld",        "%zu",    "%jd",     "%td",     "%qd",
+          "%Zd",     "%w32d", "%lt%000s", "%ly%s",       "%hhy%s", "%d %i",   "%*d",     "%.*x",
+          "%*%%d",   "%2$d",  "%0$d",     "%1$d %d",     "%d%1$d", "%1$*2$d", "%1$*d",   "%*1$d %d",
+          "%1$%",    "%1$m",  "%1$y",     "%*5d",        "%.*5d",  "%-1$d",   "%99999d", "%.99999d",
+          "%99999y", "%05",   "%0400000", "%50555510$d", "%hh",    "%.",      "50%"}) {
         SCOPED_TRACE(rest);
         std::string text = std::string("[S]\nA=") + rest;
         WriteWholeFile(path, text);

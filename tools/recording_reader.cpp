@@ -207,13 +207,14 @@ int RecordingReadFrames(const char *cardDir, const RecordingSpan &span,
     std::vector<uint8_t> buffer(kFrameBufferSize);
     uint32_t first = span.u32DataBegin;
     if (span.bEvent) {
-        // Decoding starts at the last key frame at or before the event.
+        // Decoding starts at the last key frame at or before the first
+        // frame of the event's first second: a key frame later in that
+        // second would leave the frames before it out.
         int walked = WalkFrames(
             media.fd(), span, first, buffer,
             [&](const RecordingFrame &f) {
-                if (f.iType == kPSFrameVideo && f.u32Time > span.u32FromTime) return false;
                 if (f.bKey) first = f.u32Offset;
-                return true;
+                return f.iType != kPSFrameVideo || f.u32Time < span.u32FromTime;
             },
             reason);
         if (walked != 0) return -1;

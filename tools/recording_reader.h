@@ -45,6 +45,7 @@ int RecordingLocate(const char *cardDir, RecordingSpan *span, std::string *reaso
 
 // Hands the recording's frames to visit, which returns false to stop: a
 // section from its first frame to its end, an event from the key frame
-// before its start to its end. 0, or -1 with the reason.
+// before its first frame stamped with its start time to its last frame
+// stamped with its end time. 0, or -1 with the reason.
 int RecordingReadFrames(const char *cardDir, const RecordingSpan &span,
                         const std::function<bool(const RecordingFrame &)> &visit, std::string *reason);

@@ -252,7 +252,7 @@ ApiReply FindPlayable(const std::string &cardDir, const ApiQuery &query, uint32_
     const CatalogSection *section = CatalogSectionAt(catalog, *at, kPlaySlackSeconds);
     if (section == nullptr) return ApiError(kHttpNotFound, "nothing was recorded at that moment");
     *at = std::max(*at, section->head.m_u32StartTime);
-    *end = section->end + 1;
+    *end = section->end;
     return ApiReply{kHttpOk, SectionJson(*section)};
 }
 

@@ -19,9 +19,13 @@ namespace {
 constexpr uint32_t kDefaultFrameRate = 25;
 constexpr uint32_t kProbeFrames = 250;         // frames searched for the first audio frame
 constexpr uint64_t kProgressEveryFrames = 10;  // video frames between progress reports
+// The packetizer stamps audio a few frames after the video it follows;
+// more than a second apart is no recorded offset but a broken stamp.
+constexpr int64_t kMaxAudioLeadTicks = kMp4VideoClock;
 
 // One section's share of the clip: a whole section, or (bEvent set) its
-// frames from the key frame at or before u32FromTime to u32ToTime.
+// frames stamped u32FromTime to u32ToTime, read from the key frame before
+// the first of them.
 struct ClipPiece {
     RecordingSpan span;
     uint64_t bytesEstimate;
@@ -33,6 +37,16 @@ struct ClipPlan {
     std::vector<ClipPiece> pieces;
 };
 
+// A video frame held back until the first frame shown comes.
+struct Preroll {
+    std::vector<uint8_t> data;
+    bool key;
+};
+
+void ProgressTotal(uint64_t *total, uint64_t done, bool complete) {
+    if (complete || *total < done) *total = done;
+}
+
 // A section met while planning, with where reading may start.
 struct PlannedSection {
     SectionInfoHead section;
@@ -43,9 +57,11 @@ uint32_t FrameRateOf(const SectionInfoHead &s) {
     return s.m_u8FrameRate != 0 ? s.m_u8FrameRate : kDefaultFrameRate;
 }
 
-// The section's last key-frame entry at or before `from`, from the media
-// file's key-frame table (entries firstEntry ..), so a clip starting deep
-// in a long section does not read its way there. 0 when there is none.
+// The section's last key-frame entry stamped before `from`, from the media
+// file's key-frame table (entries firstEntry .. ), so a clip starting deep
+// in a long section does not read its way there; the reader goes on from
+// it to the key frame before the first frame stamped `from`. 0 when there
+// is none.
 uint32_t KeyFrameAtOrBefore(int mediaFd, const SectionInfoHead &s, uint32_t firstEntry, uint32_t from) {
     if (s.m_u32KeyFrameSum == 0 || s.m_u32StartTime >= from) return 0;
     uint64_t tableBytes = uint64_t{s.m_u32KeyFrameSum} * kKeyFrameEntrySize;
@@ -57,7 +73,7 @@ uint32_t KeyFrameAtOrBefore(int mediaFd, const SectionInfoHead &s, uint32_t firs
         return 0;
     // Entries follow the recording: the last one that fits is the one.
     for (auto e = entries.rbegin(); e != entries.rend(); ++e) {
-        if (e->m_u32HeadFlag != kKeyFrameEntryFlag || e->m_u32Time > from ||
+        if (e->m_u32HeadFlag != kKeyFrameEntryFlag || e->m_u32Time >= from ||
             e->m_u32FrameOffset >= s.m_u32SectionSize)
             continue;
         uint32_t offset = s.m_u32SectionOffset + e->m_u32FrameOffset;
@@ -66,10 +82,10 @@ uint32_t KeyFrameAtOrBefore(int mediaFd, const SectionInfoHead &s, uint32_t firs
     return 0;
 }
 
-// Share of a section's [start, end] second range that [from, to) covers.
+// Share of a section's [start, end] second range that [from, to] covers.
 double Covered(const SectionInfoHead &s, uint32_t from, uint32_t to) {
     uint64_t begin = std::max(s.m_u32StartTime, from);
-    uint64_t end = std::min<uint64_t>(uint64_t{s.m_u32EndTime} + 1, to);
+    uint64_t end = std::min<uint64_t>(uint64_t{s.m_u32EndTime} + 1, uint64_t{to} + 1);
     uint64_t whole = uint64_t{s.m_u32EndTime} + 1 - s.m_u32StartTime;
     if (end <= begin || whole == 0) return 0;
     return std::min(1.0, static_cast<double>(end - begin) / static_cast<double>(whole));
@@ -89,20 +105,20 @@ int PlanRecording(const ClipRequest &request, ClipPlan *plan, std::string *reaso
     }
     if (RecordingLocate(plan->cardDir.c_str(), &piece.span, reason) != 0) return kClipBadRequest;
     const RecordingSpan &span = piece.span;
-    Estimate(&piece, span.bEvent ? Covered(span.stSection, span.u32FromTime, span.u32ToTime + 1) : 1.0);
+    Estimate(&piece, span.bEvent ? Covered(span.stSection, span.u32FromTime, span.u32ToTime) : 1.0);
     plan->pieces.push_back(piece);
     return kClipOk;
 }
 
 int PlanRange(const ClipRequest &request, ClipPlan *plan, std::string *reason) {
-    if (request.to <= request.from) {
+    if (request.to < request.from) {
         *reason = "the range ends before it begins";
         return kClipBadRequest;
     }
     std::vector<PlannedSection> found;
     int walked =
         ForEachCardSection(plan->cardDir, [&](int mediaFd, const SectionInfoHead &s, uint32_t firstEntry) {
-            if (s.m_u32EndTime == 0 || s.m_u32EndTime < s.m_u32StartTime || s.m_u32StartTime >= request.to ||
+            if (s.m_u32EndTime == 0 || s.m_u32EndTime < s.m_u32StartTime || s.m_u32StartTime > request.to ||
                 s.m_u32EndTime < request.from)
                 return;
             found.push_back({s, KeyFrameAtOrBefore(mediaFd, s, firstEntry, request.from)});
@@ -120,10 +136,10 @@ int PlanRange(const ClipRequest &request, ClipPlan *plan, std::string *reason) {
         piece.span.u32Number = p.section.m_u16SectionNo;
         if (RecordingLocate(plan->cardDir.c_str(), &piece.span, reason) != 0) return kClipCardError;
         const SectionInfoHead &s = piece.span.stSection;
-        if (request.from > s.m_u32StartTime || request.to <= s.m_u32EndTime) {
+        if (request.from > s.m_u32StartTime || request.to < s.m_u32EndTime) {
             piece.span.bEvent = true;
             piece.span.u32FromTime = std::max(request.from, s.m_u32StartTime);
-            piece.span.u32ToTime = request.to - 1;
+            piece.span.u32ToTime = request.to;
         }
         if (p.keyOffset > piece.span.u32DataBegin && p.keyOffset < piece.span.u32DataEnd)
             piece.span.u32DataBegin = p.keyOffset;
@@ -227,7 +243,7 @@ public:
             int result = WritePiece(piece, reason);
             if (result != kClipOk) return result;
         }
-        Report();
+        Report(true);
         return info_->videoFrames != 0 ? kClipOk : (*reason = "no frame in the range", kClipNothing);
     }
 
@@ -240,48 +256,93 @@ private:
         return s.m_u16Width == t.width && s.m_u16Height == t.height && audioFits;
     }
 
-    int WritePiece(const ClipPiece &piece, std::string *reason) {
-        const int64_t frameTicks = kMp4VideoClock / FrameRateOf(piece.span.stSection);
-        bool keySeen = false, codecChecked = false, audioAligned = false;
+    // What one piece's walk keeps between frames.
+    struct PieceState {
+        PieceState(const ClipPiece &p, int64_t ticks) : piece(p), frameTicks(ticks) {}
+        const ClipPiece &piece;
+        int64_t frameTicks;
+        bool keySeen = false;
+        bool codecChecked = false;
+        bool audioAligned = false;
+        uint32_t lastVideoCardPts = 0;  // stamp of the latest video frame on the card
+        int64_t lastVideoPts = 0;       // and where it went in the MP4
+        std::vector<Preroll> preroll;   // frames before the first one shown
         int result = kClipOk;
+    };
+
+    int WritePiece(const ClipPiece &piece, std::string *reason) {
+        PieceState st(piece, kMp4VideoClock / FrameRateOf(piece.span.stSection));
         uint64_t readBefore = progressNow_.cardBytes;
         int read = RecordingReadFrames(
             plan_.cardDir.c_str(), piece.span,
             [&](const RecordingFrame &f) {
                 progressNow_.cardBytes = readBefore + (f.u32Offset - piece.span.u32DataBegin);
-                if (f.iType == kPSFrameAudio) {
-                    if (!keySeen) return true;
-                    ++info_->audioFrames;
-                    // The first audio frame of a section goes with the video frame before it.
-                    int64_t at =
-                        audioAligned ? -1 : (videoPts_ - frameTicks) * out_.AudioRate() / kMp4VideoClock;
-                    audioAligned = true;
-                    return Check(out_.WriteAudio(f.pData, f.u32Length, at), &result);
-                }
-                if (!keySeen && !f.bKey) return true;
-                if (!codecChecked && RecordingIsH265(f) != probe_.tracks.h265) {
-                    info_->stoppedAt = piece.span.stSection.m_u32StartTime;
-                    return false;
-                }
-                keySeen = codecChecked = true;
-                if (!Check(out_.WriteVideo(f.pData, f.u32Length, f.bKey, videoPts_, frameTicks), &result))
-                    return false;
-                Count(f, frameTicks);
-                if (info_->videoFrames % kProgressEveryFrames == 0 && !Report()) {
-                    result = kClipCancelled;
-                    return false;
-                }
-                return true;
+                return f.iType == kPSFrameAudio ? Audio(st, f) : Video(st, f);
             },
             reason);
         if (read != 0) return kClipCardError;
-        if (result != kClipOk) {
-            *reason = result == kClipCancelled || out_.SinkStopped() ? "stopped" : out_.Error();
-            return out_.SinkStopped() ? kClipCancelled : result;
+        if (st.result != kClipOk) {
+            *reason = st.result == kClipCancelled || out_.SinkStopped() ? "stopped" : out_.Error();
+            return out_.SinkStopped() ? kClipCancelled : st.result;
         }
-        if (keySeen) ++info_->sections;
+        if (st.keySeen) ++info_->sections;
         return kClipOk;
     }
+
+    // Audio goes in from the first frame shown on. The first audio frame of
+    // a piece keeps its recorded distance from the video frame before it.
+    bool Audio(PieceState &st, const RecordingFrame &f) {
+        if (!st.keySeen || !Shown(st)) return true;
+        ++info_->audioFrames;
+        int64_t at = -1;
+        if (!st.audioAligned) {
+            int64_t lead = static_cast<int32_t>(f.u32Pts - st.lastVideoCardPts);
+            if (lead < 0 || lead > kMaxAudioLeadTicks) lead = 0;
+            at = (st.lastVideoPts + lead) * out_.AudioRate() / kMp4VideoClock;
+            st.audioAligned = true;
+        }
+        return Check(out_.WriteAudio(f.pData, f.u32Length, at), &st.result);
+    }
+
+    bool Video(PieceState &st, const RecordingFrame &f) {
+        if (!st.keySeen && !f.bKey) return true;
+        if (!st.codecChecked && RecordingIsH265(f) != probe_.tracks.h265) {
+            info_->stoppedAt = st.piece.span.stSection.m_u32StartTime;
+            return false;
+        }
+        st.keySeen = st.codecChecked = true;
+        st.lastVideoCardPts = f.u32Pts;
+        // Frames stamped before the range decode the first one shown: they
+        // wait until it comes and go in ahead of it, before time 0.
+        if (info_->videoFrames == 0 && f.u32Time < st.piece.span.u32FromTime && st.piece.span.bEvent) {
+            st.preroll.push_back(Preroll{std::vector<uint8_t>(f.pData, f.pData + f.u32Length), f.bKey});
+            return true;
+        }
+        if (!WritePreroll(st)) return false;
+        st.lastVideoPts = videoPts_;
+        if (!Check(out_.WriteVideo(f.pData, f.u32Length, f.bKey, videoPts_, st.frameTicks), &st.result))
+            return false;
+        Count(f, st.frameTicks);
+        if (info_->videoFrames % kProgressEveryFrames == 0 && !Report()) {
+            st.result = kClipCancelled;
+            return false;
+        }
+        return true;
+    }
+
+    bool WritePreroll(PieceState &st) {
+        int64_t pts = videoPts_ - static_cast<int64_t>(st.preroll.size()) * st.frameTicks;
+        for (const Preroll &p : st.preroll) {
+            uint32_t length = static_cast<uint32_t>(p.data.size());
+            if (!Check(out_.WriteVideo(p.data.data(), length, p.key, pts, st.frameTicks), &st.result))
+                return false;
+            pts += st.frameTicks;
+        }
+        st.preroll.clear();
+        return true;
+    }
+
+    bool Shown(const PieceState &st) const { return info_->videoFrames != 0 || !st.piece.span.bEvent; }
 
     static bool Check(bool written, int *result) {
         if (!written) *result = kClipOutputError;
@@ -297,8 +358,12 @@ private:
         info_->duration = static_cast<double>(videoPts_) / kMp4VideoClock;
     }
 
-    bool Report() {
+    // The totals are estimates from the index: never below what is done,
+    // and what was done once the clip is complete.
+    bool Report(bool complete = false) {
         progressNow_.videoFrames = info_->videoFrames;
+        ProgressTotal(&progressNow_.videoFramesTotal, progressNow_.videoFrames, complete);
+        ProgressTotal(&progressNow_.cardBytesTotal, progressNow_.cardBytes, complete);
         progressNow_.outputBytes = out_.BytesWritten();
         info_->outputBytes = progressNow_.outputBytes;
         return !progress_ || progress_(progressNow_);

@@ -31,9 +31,11 @@ struct ClipRequest {
     // Either a recording as the search lists it ("hi000000_000001.mp4" or
     // "he000000_000000.mp4") ...
     std::string recording;
-    // ... or, when recording is empty, a range of UTC seconds [from, to).
-    // The clip begins at the key frame at or before `from` (nothing before
-    // it decodes) and ends before the first frame stamped `to` or later.
+    // ... or, when recording is empty, a range of UTC seconds [from, to],
+    // both ends included: the clip shows the frames stamped `from` to `to`.
+    // Reading begins at the key frame before the first of them (nothing
+    // before it decodes); the frames up to it are in the MP4 but an edit
+    // list keeps them from being shown.
     uint32_t from = 0;
     uint32_t to = 0;
 };

@@ -20,7 +20,7 @@ namespace {
 
 constexpr int kStreamBufferSize = 1 << 16;
 constexpr char kFileFlags[] = "+faststart";
-constexpr char kStreamFlags[] = "+frag_keyframe+empty_moov+default_base_moof";
+constexpr char kStreamFlags[] = "+frag_keyframe+empty_moov+delay_moov+default_base_moof";
 constexpr AVRational kVideoTimeBase = {1, kMp4VideoClock};
 
 // The write callback's buffer became const in later FFmpeg versions.

@@ -314,7 +314,7 @@ async function play(at) {
   window.avrecordStats.clicks += 1;
   window.avrecordStats.clickToFirstFrameMs = null;
   state.moment = at;
-  setClipRange(at, at + CLIP_SECONDS);
+  setClipRange(at, at + CLIP_SECONDS - 1);  // both ends included
   const video = $('video');
   video.src = `/api/video?at=${at}`;
   const started = video.play().catch(() => {});

@@ -16,6 +16,14 @@ namespace {
 
 constexpr uint8_t kPackStartCode[4] = {0x00, 0x00, 0x01, 0xBA};
 constexpr uint32_t kMaxKeyFrameEntries = (kMediaFileSize - kKeyFrameTableOffset) / kKeyFrameEntrySize;
+// A section's frame rate field against its frames: rates above this are
+// no camera's, and over a section this long the frame count tells the
+// rate well enough to see a field that is off by more than the slack
+// (a camera drops frames in the dark or under load, never this many).
+constexpr uint32_t kMaxFrameRate = 120;
+constexpr uint32_t kRateJudgeSeconds = 10;
+constexpr uint64_t kRateSlackAbove = 2;  // frames more than the field allows
+constexpr uint64_t kRateSlackBelow = 4;  // frames fewer than the field promises
 // Room for the largest frame the writer takes.
 constexpr uint32_t kFrameWalkBufferSize = kMaxFrameLength + kPSKeyFrameReadLimit;
 
@@ -42,6 +50,7 @@ private:
         __attribute__((format(printf, 4, 5)));
     void CheckSection(const FileInfoHead &file, uint32_t slot, const SectionInfoHead &section,
                       uint32_t *dataEnd);
+    void CheckFrameRate(uint32_t fileNo, uint32_t slot, const SectionInfoHead &section);
     void CheckKeyFrames(int mediaFd, const FileInfoHead &file, const SectionInfoHead *sections);
     void CheckKeyFrame(int mediaFd, const FileInfoHead &file, const SectionInfoHead *section,
                        uint32_t entryNo);
@@ -169,6 +178,26 @@ void IndexChecker::CheckSection(const FileInfoHead &file, uint32_t slot, const S
     if (section.m_u32KeyFrameSum > section.m_u32VideoFrameSum) {
         Add(fileNo, slot, "%u key frames but %u video frames", section.m_u32KeyFrameSum,
             section.m_u32VideoFrameSum);
+    }
+    CheckFrameRate(fileNo, slot, section);
+}
+
+// Players and exports time the frames by the rate field, so a wrong one
+// makes every export of the section too short or too long.
+void IndexChecker::CheckFrameRate(uint32_t fileNo, uint32_t slot, const SectionInfoHead &section) {
+    uint32_t rate = section.m_u8FrameRate;
+    if (section.m_u32VideoFrameSum == 0 || rate == 0) return;  // 0: not known, players take 25
+    if (rate > kMaxFrameRate) {
+        Add(fileNo, slot, "frame rate %u fps is none a camera records", rate);
+        return;
+    }
+    if (section.m_u32EndTime < section.m_u32StartTime + kRateJudgeSeconds) return;
+    uint64_t seconds = section.m_u32EndTime - section.m_u32StartTime;
+    uint64_t frames = section.m_u32VideoFrameSum;
+    if (frames > kRateSlackAbove * rate * (seconds + 1) || frames * kRateSlackBelow < rate * seconds) {
+        Add(fileNo, slot, "frame rate %u fps, but %u video frames in %llu s (about %llu fps)", rate,
+            section.m_u32VideoFrameSum, static_cast<unsigned long long>(seconds),
+            static_cast<unsigned long long>((frames + seconds / 2) / seconds));
     }
 }
 

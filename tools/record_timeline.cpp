@@ -18,6 +18,7 @@ constexpr int kEventLaneY = 95;
 constexpr int kLaneHeight = 30;
 constexpr int kAxisY = 135;
 constexpr int kLegendY = 175;
+constexpr int kLegendStep = 190;
 constexpr int kHeight = 200;
 constexpr int kHoursPerDay = 24;
 constexpr double kSecondsPerHour = 3600.0;
@@ -25,13 +26,17 @@ constexpr double kMinBarWidth = 2.0;  // short events stay visible
 constexpr const char kSectionColour[] = "#3b7dd8";
 constexpr const char kFont[] = "font-family=\"sans-serif\" font-size=\"12\"";
 
+constexpr uint16_t kAlarmTypeInput = 1;
+constexpr uint16_t kAlarmTypeMotion = 4;
+constexpr uint16_t kAlarmTypeBoth = 8;
+
 const char *AlarmColour(uint16_t type) {
     switch (type) {
-        case 1:
+        case kAlarmTypeInput:
             return "#d62728";
-        case 4:
+        case kAlarmTypeMotion:
             return "#ff7f0e";
-        case 8:
+        case kAlarmTypeBoth:
             return "#9467bd";
         default:
             return "#7f7f7f";
@@ -91,7 +96,7 @@ std::string Bar(const RecordTimeline &timeline, const TimelineItem &item, int y,
     double width = std::max(kMinBarWidth, XOf(timeline, item.end) - x);
     std::string label =
         item.name + " " + ClockText(item.start) + "-" + ClockText(item.end) + NumbersOf(item.name);
-    if (item.alarmType != 0) label += Format(", alarm type %u", item.alarmType);
+    if (item.alarmType != 0) label += ", " + AlarmTypeName(item.alarmType);
     // A thin white edge keeps back-to-back sections apart.
     return Format(
                "<rect class=\"%s\" x=\"%.2f\" y=\"%d\" width=\"%.2f\" height=\"%d\" fill=\"%s\" "
@@ -122,8 +127,9 @@ std::string Legend() {
     for (uint16_t type : kTimelineAlarmTypes) {
         svg += Format("<rect x=\"%d\" y=\"%d\" width=\"12\" height=\"12\" fill=\"%s\"/>", x, kLegendY - 10,
                       AlarmColour(type));
-        svg += Format("<text x=\"%d\" y=\"%d\" %s>alarm type %u</text>\n", x + 16, kLegendY, kFont, type);
-        x += 110;
+        svg += Format("<text x=\"%d\" y=\"%d\" %s>", x + 16, kLegendY, kFont) + AlarmTypeName(type) +
+               "</text>\n";
+        x += kLegendStep;
     }
     return svg;
 }
@@ -140,6 +146,19 @@ int Collect(const char *cardDir, uint16_t type, const RecordTimeline &timeline, 
 }
 
 }  // namespace
+
+std::string AlarmTypeName(uint16_t type) {
+    switch (type) {
+        case kAlarmTypeInput:
+            return "alarm input";
+        case kAlarmTypeMotion:
+            return "motion";
+        case kAlarmTypeBoth:
+            return "motion and alarm input";
+        default:
+            return "alarm type " + std::to_string(type);
+    }
+}
 
 int RecordTimelineLoad(const char *cardDir, int year, int month, int day, RecordTimeline *timeline) {
     if (cardDir == nullptr || timeline == nullptr) return -1;

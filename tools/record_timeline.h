@@ -25,6 +25,11 @@ struct RecordTimeline {
 // Alarm types drawn in the event lane.
 inline constexpr uint16_t kTimelineAlarmTypes[] = {1, 4, 8};
 
+// What an alarm type stands for, as the schedule's record types watch
+// them: the alarm input (1), the motion detector (4), or both at once (8).
+// "alarm type N" for any other type.
+std::string AlarmTypeName(uint16_t type);
+
 // Collects the sections and alarm events of the local day from the card
 // mounted at cardDir. 0, or -1 when the card's index or event file cannot
 // be searched.

@@ -164,6 +164,7 @@ std::string EventJson(const CatalogEvent &event) {
         .Add("start", event.entry.m_u32StartTime)
         .Add("end", event.end)
         .Add("type", static_cast<unsigned>(event.entry.m_u8AlarmType))
+        .Add("alarm", AlarmTypeName(event.entry.m_u8AlarmType))
         .Add("size", event.entry.m_u32DataSize)
         .Add("frames", event.entry.m_u32FrameSum)
         .Add("frame_rate", static_cast<unsigned>(event.entry.m_u8FrameRate))
@@ -179,13 +180,16 @@ std::string SectionDetails(const std::string &cardDir, const CardCatalog &catalo
         if (Overlaps(e.entry.m_u32StartTime, e.end, section.head.m_u32StartTime, section.end))
             alarms.insert(e.entry.m_u8AlarmType);
     }
-    std::vector<std::string> types;
-    for (unsigned type : alarms) types.push_back(std::to_string(type));
+    std::vector<std::string> types, names;
+    for (unsigned type : alarms) {
+        types.push_back(std::to_string(type));
+        names.push_back(JsonString(AlarmTypeName(static_cast<uint16_t>(type))));
+    }
     std::string codec = SectionCodec(cardDir, section.name);
     std::string json = SectionJson(section);
     json.pop_back();  // the details go on inside the same object
     json += ",\"codec\":\"" + (codec.empty() ? std::string("unknown") : codec) +
-            "\",\"alarm_types\":" + JsonArray(types);
+            "\",\"alarm_types\":" + JsonArray(types) + ",\"alarms\":" + JsonArray(names);
     std::string more = extra.Text();
     if (more.size() > 2) json += "," + more.substr(1, more.size() - 2);
     return json + "}";
@@ -431,7 +435,12 @@ ApiReply ApiInfo(const std::string &cardDir, const ApiQuery &query) {
         JsonLine line;
         files.push_back(AddFileRecord(line, n, f).Text());
     }
+    std::vector<std::string> alarmTypes;
+    for (uint16_t type : kTimelineAlarmTypes)
+        alarmTypes.push_back(
+            JsonLine().Add("type", static_cast<unsigned>(type)).Add("name", AlarmTypeName(type)).Text());
     return Ok(JsonLine()
+                  .AddRaw("alarm_types", JsonArray(alarmTypes))
                   .Add("version", index.header.m_u32Version)
                   .Add("file_sum", index.header.m_u32RecordFileSum)
                   .Add("file_used", index.header.m_u32RecordFileUsed)

@@ -76,7 +76,7 @@ public:
         job.from = from;
         job.to = to;
         job.path = folder_ + "/clip" + std::to_string(id) + ".mp4";
-        job.name = "avrecord_" + FileStamp(from) + "_" + std::to_string(to - from) + "s.mp4";
+        job.name = "avrecord_" + FileStamp(from) + "_" + std::to_string(to - from + 1) + "s.mp4";
         queue_.push_back(id);
         wake_.notify_all();
         return ApiReply{kHttpAccepted, StatusJson(id, job)};

@@ -105,6 +105,15 @@ TEST_F(IndexCheckTest, FindsEachKindOfDamage) {
          "entry 0 has no magic"},
         {"key-frame outside", [&] { WriteFileAt(MediaFilePath(card_, 0), 0xFC00000 + 0x0C, Le32(0x100000)); },
          "outside the section"},
+        {"frame rate out of range", [&] { WriteFileAt(Index(), section1 + 0x28, std::string("\xE6", 1)); },
+         "section 1: frame rate 230 fps"},
+        // 6 frames in 12 s cannot be 25 fps.
+        {"frame rate against frames",
+         [&] {
+             WriteFileAt(Index(), section1 + 0x08, Le32(1012));
+             WriteFileAt(Index(), section1 + 0x28, std::string("\x19", 1));
+         },
+         "section 1: frame rate 25 fps, but 6 video frames in 12 s (about 1 fps)"},
         {"media file", [&] { unlink(MediaFilePath(card_, 2).c_str()); }, "file 2: media file missing"},
         {"event entry",
          [&] { WriteFileAt(card_ + kEventFileName, 0x100000 + 0x16, std::string("\x07\x00", 2)); },

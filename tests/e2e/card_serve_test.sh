@@ -74,9 +74,16 @@ get "/api/events?from=$start&to=$((start + 3600))&type=4"
   fail "events of type 4: $body"
 # Key frames every 2 s: a click at 08:00:05 plays from the one at 08:00:04.
 get "/api/play?at=2026-03-10T08:00:05"
-[[ "$body" == *'"codec":"h264","alarm_types":[1,4],"key_time":'$((start + 4))'}' ]] || fail "play: $body"
+[[ "$body" == *'"codec":"h264","alarm_types":[1,4],"alarms":["alarm input","motion"],"key_time":'$((start + 4))'}' ]] ||
+  fail "play: $body"
 get /api/check
 [ "$body" = '{"consistent":true,"problems":[]}' ] || fail "check: $body"
+# A clip from 08:00:05 to 08:00:13 (both included) reads from the key frame
+# at 08:00:04: its progress never counts more frames done than in all.
+get "/api/clips?from=$((start + 5))&to=$((start + 13))" -X POST -d ''
+id=$(sed -E 's/.*"id":([0-9]+).*/\1/' <<<"$body")
+for _ in $(seq 100); do get "/api/clips/$id"; [[ "$body" == *'"state":"done"'* ]] && break; sleep 0.1; done
+[[ "$body" == *'"frames":225,"frames_total":225,'* ]] || fail "clip progress: $body"
 # The played stream is fragmented MP4 whose header already describes its
 # audio (the recorded mono 16 kHz AAC), as a player that starts early needs.
 get "/api/video?at=$((start + 5))"
@@ -105,7 +112,7 @@ refused 400 "/api/clips?from=$start&to=$((start + 3601))" -X POST -d ''
 refused 404 "/api/clips?from=$((start - 100))&to=$((start - 50))" -X POST -d ''
 refused 404 "/api/play?at=$((start + 3600))"
 refused 404 "/api/clips/12345"
-refused 404 "/api/clips/1/file"
+refused 404 "/api/clips/777/file"
 refused 404 "/index000.bin"
 refused 404 "/../../etc/passwd" --path-as-is
 refused 403 "/api/days" -H "Host: card.example.com"
@@ -123,7 +130,7 @@ expect 0 "$AVRECORD_SOURCE_DIR/scripts/fat-image" place "$work/card.img" "$card"
 serve_card image --image "$work/card.img"
 get "/api/sections?from=0&to=4294967295"
 [ "$body" = "$sections" ] || fail "sections from the image: $body"
-if python3 "$AVRECORD_SOURCE_DIR/tests/e2e/card_serve_page.py" "$url" 2026-03-10 "$section" "$start" 4 \
+if python3 "$AVRECORD_SOURCE_DIR/tests/e2e/card_serve_page.py" "$url" 2026-03-10 "$section" "$start" 5 \
   "$artefacts" "$work/downloads" >"$work/page.json"; then
   cat "$work/page.json"
   clip=$(sed -E 's/.*"clip": "([^"]+)".*/\1/' "$work/page.json")

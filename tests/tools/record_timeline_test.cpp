@@ -52,8 +52,12 @@ TEST(RecordTimelineTest, DayOfCardAsSvg) {
     EXPECT_EQ(Count(svg, "<rect class=\"alarm alarm-type-4\""), 1u);
     EXPECT_NE(svg.find("<title>hi000001_000001.mp4 12:00:00-23:59:59, file 1, section 1</title>"),
               std::string::npos);
-    EXPECT_NE(svg.find("<title>he000001_000001.mp4 13:00:00-13:01:00, file 1, event 1, alarm type 4</title>"),
+    // Alarms go by what they watch, in the titles and the legend.
+    EXPECT_NE(svg.find("<title>he000001_000001.mp4 13:00:00-13:01:00, file 1, event 1, motion</title>"),
               std::string::npos);
+    for (const char *name : {">alarm input<", ">motion<", ">motion and alarm input<"})
+        EXPECT_EQ(Count(svg, name), 1u) << name;
+    EXPECT_EQ(AlarmTypeName(2), "alarm type 2");
     // Noon starts at the middle of the axis, the last section ends at its end.
     EXPECT_NE(svg.find("class=\"section\" x=\"655.00\" y=\"50\" width=\"554.99\""), std::string::npos) << svg;
 

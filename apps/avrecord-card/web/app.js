@@ -11,23 +11,22 @@ const PLAY_SLACK = 5;             // a click this close before a section plays i
 const CLIP_SECONDS = 10;          // default clip length after a click
 const CLIP_POLL_MS = 250;
 const DRAG_PIXELS = 4;            // less movement than this is a click
-const PLOT_LEFT = 86;
-const PLOT_RIGHT = 24;
+const PLOT_LEFT = 8;
+const PLOT_RIGHT = 8;
+const LANE_LABEL = 13;            // each lane's name stands above its bars
 const LANE_HEIGHT = 22;
 const LANE_GAP = 6;
-const LANES = [
-  { label: 'Recordings', type: 0 },
-  { label: 'Alarm 1', type: 1 },
-  { label: 'Alarm 4', type: 4 },
-  { label: 'Alarm 8', type: 8 },
-];
+const AXIS_HEIGHT = 22;
+const RECORDINGS_MARGIN = 0.05;   // room left and right of the recordings when going to them
 const TICKS = [1, 5, 10, 30, 60, 300, 600, 1800, 3600, 10800, 21600];
 const MAX_TICKS = 12;
 const LABEL_HALF_CHAR = 3.5;      // half the width of a label character, in pixels
+const LABEL_GAP = 12;             // pixels between two time labels
 const AUDIO_NAMES = { aac: 'AAC', g711a: 'G.711 A-law', g711u: 'G.711 \u00b5-law', none: 'none' };
 const CODEC_NAMES = { h264: 'H.264', h265: 'H.265' };
 
 const state = {
+  lanes: [{ label: 'Recordings', type: 0 }],  // and one per alarm type, named by the card tool
   days: [],
   day: null,          // {day, start, end, sections, events}
   sections: [],
@@ -35,10 +34,11 @@ const state = {
   viewStart: 0,
   viewSpan: DAY_SECONDS,
   moment: null,       // the moment shown by the playhead
-  playing: null,      // {section, keyTime}
+  playing: null,      // {section, at}: the video's time 0 is the clicked moment
 };
-// Figures the tests read: the time from a click to the first frame shown.
-window.avrecordStats = { clicks: 0, clickToFirstFrameMs: null, lastError: null };
+// Figures the tests read: the time from a click to the first frame shown,
+// and that frame's place in the video (0: the clicked moment itself).
+window.avrecordStats = { clicks: 0, clickToFirstFrameMs: null, firstFrameMediaTime: null, lastError: null };
 
 async function getJson(url, options) {
   const res = await fetch(url, options);
@@ -49,6 +49,7 @@ async function getJson(url, options) {
 
 const pad = (n) => String(n).padStart(2, '0');
 const count = (n, noun) => `${n} ${noun}${n === 1 ? '' : 's'}`;
+const capitalised = (text) => text.charAt(0).toUpperCase() + text.slice(1);
 
 // Clock text of a moment of the shown day, counted from its local midnight
 // as the card's tool reckons it.
@@ -58,9 +59,11 @@ function clockText(t, withSeconds = true) {
   return withSeconds ? `${text}:${pad(s % 60)}` : text;
 }
 
+// A 24-hour HH:MM[:SS] of the shown day; null for anything else.
 function secondsOfClock(text) {
-  const [h, m, s] = text.split(':').map(Number);
-  return state.day.start + h * 3600 + m * 60 + (s || 0);
+  const match = /^([01]?\d|2[0-3]):([0-5]\d)(?::([0-5]\d))?$/.exec(text.trim());
+  if (!match) return null;
+  return state.day.start + Number(match[1]) * 3600 + Number(match[2]) * 60 + Number(match[3] || 0);
 }
 
 function megabytes(bytes) {
@@ -153,8 +156,9 @@ function svgElement(name, attributes, parent) {
   return element;
 }
 
+// Top of the bars of a lane; its name stands above them.
 function laneY(index) {
-  return LANE_GAP + index * (LANE_HEIGHT + LANE_GAP);
+  return LANE_GAP + LANE_LABEL + index * (LANE_LABEL + LANE_HEIGHT + LANE_GAP);
 }
 
 function drawBar(svg, item, lane, cls, label) {
@@ -168,8 +172,14 @@ function drawBar(svg, item, lane, cls, label) {
   svgElement('title', {}, bar).textContent = label;
 }
 
+// As many ticks as their labels leave room for: fewer on a narrow screen.
+function ticksFit(step) {
+  const label = step < 60 ? '00:00:00' : '00:00';
+  return Math.min(MAX_TICKS, plotWidth() / (label.length * 2 * LABEL_HALF_CHAR + LABEL_GAP));
+}
+
 function drawAxis(svg, axisY) {
-  const step = TICKS.find((s) => state.viewSpan / s <= MAX_TICKS) || TICKS[TICKS.length - 1];
+  const step = TICKS.find((s) => state.viewSpan / s <= ticksFit(s)) || TICKS[TICKS.length - 1];
   const first = Math.ceil((state.viewStart - state.day.start) / step) * step + state.day.start;
   for (let t = first; t <= state.viewStart + state.viewSpan; t += step) {
     const x = xOf(t);
@@ -179,8 +189,8 @@ function drawAxis(svg, axisY) {
       svgElement('text', { x, y: axisY + 14, 'text-anchor': 'middle' }, svg).textContent = label;
     }
   }
-  LANES.forEach((lane, i) => {
-    svgElement('text', { class: 'lane-label', x: 6, y: laneY(i) + 15 }, svg).textContent = lane.label;
+  state.lanes.forEach((lane, i) => {
+    svgElement('text', { class: 'lane-label', x: PLOT_LEFT, y: laneY(i) - 3 }, svg).textContent = lane.label;
   });
 }
 
@@ -188,7 +198,8 @@ function drawTimeline() {
   const svg = $('timeline');
   svg.textContent = '';
   if (!state.day) return;
-  const axisY = laneY(LANES.length);
+  const axisY = laneY(state.lanes.length) - LANE_LABEL;
+  svg.style.height = `${axisY + AXIS_HEIGHT}px`;
   drawAxis(svg, axisY);
   for (const s of state.sections) {
     const playing = state.playing && state.playing.section.name === s.name;
@@ -196,8 +207,8 @@ function drawTimeline() {
       `${s.name} ${clockText(s.start)}-${clockText(s.end)}, ${s.width}x${s.height}, ${s.frame_rate} fps`);
   }
   for (const e of state.events) {
-    const lane = LANES.findIndex((l) => l.type === e.type);
-    if (lane > 0) drawBar(svg, e, lane, `alarm alarm-type-${e.type}`, `${e.name} alarm type ${e.type} ${clockText(e.start)}-${clockText(e.end)}`);
+    const lane = state.lanes.findIndex((l) => l.type === e.type);
+    if (lane > 0) drawBar(svg, e, lane, `alarm alarm-type-${e.type}`, `${e.name}: ${eventText(e)}`);
   }
   state.playhead = svgElement('line', { class: 'playhead', y1: 0, y2: axisY, visibility: 'hidden' }, svg);
   movePlayhead();
@@ -213,14 +224,46 @@ function movePlayhead() {
   }
 }
 
+// An alarm event in words. Its frame and byte counts are the recorder's:
+// they run from the moment the alarm was first seen to the end of the
+// event, so the pre-record seconds at its start are not in them.
+function eventText(e) {
+  return `${capitalised(e.alarm)} ${clockText(e.start)}\u2013${clockText(e.end)}; ` +
+    `${e.frames} frames, ${megabytes(e.size)} recorded from the alarm's first sighting on ` +
+    '(the pre-record time before it is not counted)';
+}
+
 // Shows span seconds with the moment at keeping its place on the screen.
+// A closer view that would hold no recording moves to the nearest one
+// instead, so zooming in on a short section in a long day finds it.
 function zoomTo(span, at) {
   if (!state.day) return;
   const daySpan = state.day.end - state.day.start;
   const newSpan = Math.min(daySpan, Math.max(MIN_SPAN, span));
   const fraction = (at - state.viewStart) / state.viewSpan;
+  let start = at - fraction * newSpan;
+  const nearest = nearestSection(at);
+  if (nearest && !state.sections.some((s) => s.start <= start + newSpan && s.end >= start)) {
+    const middle = (Math.max(nearest.start, state.day.start) + Math.min(nearest.end, state.day.end)) / 2;
+    start = middle - newSpan / 2;
+  }
   state.viewSpan = newSpan;
-  panTo(at - fraction * newSpan);
+  panTo(start);
+}
+
+function nearestSection(at) {
+  const distance = (s) => (at < s.start ? s.start - at : at > s.end ? at - s.end : 0);
+  return state.sections.reduce((best, s) => (!best || distance(s) < distance(best) ? s : best), null);
+}
+
+// Zooms to the recorded part of the day: from the first section to the last.
+function showRecordings() {
+  if (!state.day || state.sections.length === 0) return;
+  const first = Math.max(state.day.start, Math.min(...state.sections.map((s) => s.start)));
+  const last = Math.min(state.day.end, Math.max(...state.sections.map((s) => s.end + 1)));
+  const span = Math.max(MIN_SPAN, (last - first) * (1 + 2 * RECORDINGS_MARGIN));
+  state.viewSpan = Math.min(state.day.end - state.day.start, span);
+  panTo((first + last) / 2 - state.viewSpan / 2);
 }
 
 function panTo(start) {
@@ -246,16 +289,19 @@ function setUpTimeline() {
     event.preventDefault();
     zoomTo(state.viewSpan * (event.deltaY > 0 ? ZOOM_STEP : 1 / ZOOM_STEP), timeAt(timelineX(event)));
   }, { passive: false });
-  svg.addEventListener('mousedown', (event) => {
+  // Pointer events: a mouse, a pen or a finger (the timeline takes
+  // sideways drags, the page still scrolls up and down over it).
+  svg.addEventListener('pointerdown', (event) => {
     drag = { x: event.clientX, start: state.viewStart, moved: false };
   });
-  window.addEventListener('mousemove', (event) => {
+  window.addEventListener('pointermove', (event) => {
     if (!drag || !state.day) return;
     const dx = event.clientX - drag.x;
     if (Math.abs(dx) >= DRAG_PIXELS) drag.moved = true;
     if (drag.moved) panTo(drag.start - (dx / plotWidth()) * state.viewSpan);
   });
-  window.addEventListener('mouseup', (event) => {
+  window.addEventListener('pointercancel', () => { drag = null; });
+  window.addEventListener('pointerup', (event) => {
     const click = drag && !drag.moved && event.target.closest('#timeline');
     drag = null;
     const x = timelineX(event);
@@ -266,6 +312,7 @@ function setUpTimeline() {
   }
   $('zoom-in').addEventListener('click', () => zoomTo(state.viewSpan / ZOOM_STEP, viewCentre()));
   $('zoom-out').addEventListener('click', () => zoomTo(state.viewSpan * ZOOM_STEP, viewCentre()));
+  $('go-recordings').addEventListener('click', showRecordings);
   window.addEventListener('resize', drawTimeline);
 }
 
@@ -276,16 +323,23 @@ function sectionAt(at) {
     state.sections.find((s) => s.start > at && s.start - at <= PLAY_SLACK);
 }
 
+// The alarm events during a section, with what their counts count.
+function alarmsDuring(section) {
+  const events = state.events.filter((e) => e.start <= section.end && e.end >= section.start);
+  if (events.length) return events.map(eventText).join('\n');
+  return section.alarms.length ? section.alarms.map(capitalised).join(', ') : 'none';
+}
+
 function showDetails(section) {
   $('section-title').textContent = section.name;
-  const alarms = section.alarm_types.length ? section.alarm_types.map((t) => `type ${t}`).join(', ') : 'none';
+  const alarms = alarmsDuring(section);
   const rows = [
     ['Time', `${clockText(section.start)} \u2013 ${clockText(section.end)}`],
     ['Resolution', `${section.width} \u00d7 ${section.height}`],
     ['Frame rate', `${section.frame_rate} fps`],
     ['Codec', `${CODEC_NAMES[section.codec] || section.codec}, audio ${AUDIO_NAMES[section.audio] || section.audio}`],
     ['Size', `${megabytes(section.size)}, ${section.frames} frames`],
-    ['Alarm', alarms],
+    ['Alarms', alarms],
   ];
   const list = $('details');
   list.textContent = '';
@@ -316,17 +370,21 @@ async function play(at) {
   state.moment = at;
   setClipRange(at, at + CLIP_SECONDS - 1);  // both ends included
   const video = $('video');
+  // The stream starts on the key frame before the moment, but its first
+  // frame shown is the moment's own: the video's time 0 is the moment.
   video.src = `/api/video?at=${at}`;
+  state.playing = { section, at };
   const started = video.play().catch(() => {});
   try {
     const details = await getJson(`/api/play?at=${at}`);
-    state.playing = { section: details, keyTime: details.key_time };
+    state.playing = { section: details, at };
     showDetails(details);
   } catch (error) {
     $('play-status').textContent = error.message;
   }
-  video.requestVideoFrameCallback(() => {
+  video.requestVideoFrameCallback((now, frame) => {
     window.avrecordStats.clickToFirstFrameMs = performance.now() - clicked;
+    window.avrecordStats.firstFrameMediaTime = frame.mediaTime;
   });
   drawTimeline();
   await started;
@@ -335,7 +393,7 @@ async function play(at) {
 function showClock() {
   const video = $('video');
   if (state.playing && state.day) {
-    const t = state.playing.keyTime + video.currentTime;
+    const t = state.playing.at + video.currentTime;
     $('clock').textContent = `${state.day.day} ${clockText(t)}`;
     $('clock').dataset.time = t.toFixed(3);
     state.moment = t;
@@ -344,7 +402,16 @@ function showClock() {
   requestAnimationFrame(showClock);
 }
 
+// The video has no seek bar of its own (its stream runs from the clicked
+// moment to the section's end and has no length while it comes): the
+// timeline seeks, this button pauses and goes on.
 function setUpPlayer() {
+  const video = $('video');
+  const button = $('play-pause');
+  button.addEventListener('click', () => (video.paused ? video.play().catch(() => {}) : video.pause()));
+  const label = () => { button.textContent = video.paused ? 'Play' : 'Pause'; };
+  video.addEventListener('play', label);
+  video.addEventListener('pause', label);
   $('video').addEventListener('error', () => {
     const error = $('video').error;
     window.avrecordStats.lastError = error ? `${error.code} ${error.message}` : 'error';
@@ -359,7 +426,7 @@ function showClipProgress(job) {
   const progress = $('clip-progress');
   progress.hidden = false;
   progress.value = job.done;
-  let text = `${job.state}: ${job.frames} frames, ${megabytes(job.bytes)}`;
+  let text = `${job.state}: ${job.frames} of ${job.frames_total} frames, ${megabytes(job.bytes)}`;
   if (job.seconds_left !== undefined) text += `, about ${Math.ceil(job.seconds_left)} s left`;
   if (job.error) text += ` (${job.error})`;
   $('clip-status').textContent = text;
@@ -370,6 +437,10 @@ async function makeClip(event) {
   if (!state.day) return;
   const from = secondsOfClock($('clip-from').value);
   const to = secondsOfClock($('clip-to').value);
+  if (from === null || to === null) {
+    $('clip-status').textContent = 'Times are HH:MM:SS on a 24-hour clock.';
+    return;
+  }
   $('clip-link').hidden = true;
   $('clip-make').disabled = true;
   try {
@@ -398,6 +469,7 @@ async function makeClip(event) {
 
 async function showCard() {
   const info = await getJson('/api/info');
+  state.lanes = [state.lanes[0], ...info.alarm_types.map((a) => ({ label: capitalised(a.name), type: a.type }))];
   $('card-info').textContent = `${info.files.length} of ${info.file_sum} media files in use`;
 }
 

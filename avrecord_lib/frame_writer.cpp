@@ -111,28 +111,6 @@ void Step(WriterStep step) {
     if (g_stepHook != nullptr) g_stepHook(step);
 }
 
-// What the NAL header of a video frame tells.
-struct FrameClass {
-    uint16_t codec;  // 4096 or 4097
-    bool key;        // led by an SPS (H.264) or VPS (H.265)
-};
-
-FrameClass ClassifyFrame(const uint8_t *data, uint32_t length) {
-    FrameClass cls{kVideoCodecH264, false};
-    if (length < kNalHeaderAt + 2) return cls;
-    int h264 = H264NalType(data[kNalHeaderAt]);
-    if (H264PictureOrParamSet(h264)) {
-        cls.key = h264 == kH264NalSps;
-        return cls;
-    }
-    int h265 = H265NalType(data[kNalHeaderAt]);
-    if (h265 == kH265NalTrail || h265 == kH265NalVps) {
-        cls.codec = kVideoCodecH265;
-        cls.key = h265 == kH265NalVps;
-    }
-    return cls;
-}
-
 void LogPlayTime(const char *func, int line, const char *format, uint32_t seconds) {
     time_t t = static_cast<time_t>(seconds);
     struct tm tmv;
@@ -291,7 +269,7 @@ int WriteAdmittedFrame(WriterState &w, int channel, int kind, const uint8_t *dat
     uint32_t length = static_cast<uint32_t>(info->AVDataLen);
     bool video = kind == kFrameKindVideo;
     g_encodingSource(channel, &w.encoding);
-    FrameClass cls = video ? ClassifyFrame(data, length) : FrameClass{kVideoCodecH264, false};
+    FrameClass cls = video ? LS_RecordClassifyFrame(data, length) : FrameClass{kVideoCodecH264, false};
     if (!w.writingEnabled.load(std::memory_order_relaxed)) return 0;
     // Past the full mark the sizes no longer grow, so no section could
     // account for the frame: it is left out until the run moves on.
@@ -327,6 +305,22 @@ void CloseDescriptors(WriterState &w) {
 }
 
 }  // namespace
+
+FrameClass LS_RecordClassifyFrame(const uint8_t *data, uint32_t length) {
+    FrameClass cls{kVideoCodecH264, false};
+    if (length < kNalHeaderAt + 2) return cls;
+    int h264 = H264NalType(data[kNalHeaderAt]);
+    if (H264PictureOrParamSet(h264)) {
+        cls.key = h264 == kH264NalSps;
+        return cls;
+    }
+    int h265 = H265NalType(data[kNalHeaderAt]);
+    if (h265 == kH265NalTrail || h265 == kH265NalVps) {
+        cls.codec = kVideoCodecH265;
+        cls.key = h265 == kH265NalVps;
+    }
+    return cls;
+}
 
 void LS_RecordSetEncodingSource(RecordEncodingSource source) {
     g_encodingSource = source != nullptr ? source : CameraEncodingSource;

@@ -20,6 +20,15 @@ inline constexpr int32_t kWallClockTolerance = 59;
 // Largest frame the writer takes (the main stream's ring capacity).
 inline constexpr uint32_t kMaxFrameLength = 0x400000;
 
+// What the first NAL unit of a video frame tells the writer.
+struct FrameClass {
+    uint16_t codec;  // 4096 or 4097
+    bool key;        // led by an SPS (H.264) or VPS (H.265)
+};
+// Classifies a video frame (starting with a four-byte start code) by the
+// unit behind its start code; anything unrecognised is a non-key H.264 frame.
+FrameClass LS_RecordClassifyFrame(const uint8_t *data, uint32_t length);
+
 // Byte offset of the next write in the media file.
 extern uint32_t g_u32Offset;
 

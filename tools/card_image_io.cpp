@@ -30,11 +30,13 @@ struct OpenFile {
     uint64_t start;    // byte offset of the file's first cluster
     uint32_t size;     // file size
     int64_t position;  // read position inside the file
+    bool writable;     // opened for writing (a writable attach only)
 };
 
 struct AttachedImage {
     std::string path;    // the image as given
     std::string prefix;  // "<image>/"
+    bool writable;       // files may be written in place
     Fat32Volume volume;
     std::vector<ImageFile> files;
     std::mutex mutex;  // guards checked flags and the open table
@@ -83,7 +85,11 @@ int ImageOpen(const char *path, int flags, mode_t mode) {
     ImageFile *f = Lookup(path, &outside);
     if (outside) return PosixFileIo().open(path, flags, mode);
     if (f == nullptr) return -1;
-    if ((flags & O_ACCMODE) != O_RDONLY || (flags & (O_CREAT | O_TRUNC)) != 0) {
+    bool write = (flags & O_ACCMODE) != O_RDONLY;
+    // A file that exists may be opened with O_CREAT; nothing is ever created,
+    // truncated or appended to.
+    if ((write && !g_image->writable) || (flags & (O_TRUNC | O_APPEND)) != 0 ||
+        (!write && (flags & O_CREAT) != 0)) {
         errno = EROFS;
         return -1;
     }
@@ -93,9 +99,9 @@ int ImageOpen(const char *path, int flags, mode_t mode) {
         errno = EIO;
         return -1;
     }
-    int fd = PosixFileIo().open(g_image->path.c_str(), O_RDONLY | (flags & O_CLOEXEC), 0);
+    int fd = PosixFileIo().open(g_image->path.c_str(), (write ? O_RDWR : O_RDONLY) | (flags & O_CLOEXEC), 0);
     if (fd < 0) return -1;
-    g_image->open[fd] = OpenFile{g_image->volume.ClusterOffset(f->file.firstCluster), f->file.size, 0};
+    g_image->open[fd] = OpenFile{g_image->volume.ClusterOffset(f->file.firstCluster), f->file.size, 0, write};
     return fd;
 }
 
@@ -150,21 +156,33 @@ ssize_t ImageRead(int fd, void *buf, size_t length) {
     return got;
 }
 
+// Writes stay inside the file: its clusters are overwritten, never added.
 ssize_t ImageWrite(int fd, const void *buf, size_t length) {
     OpenFile f;
     if (!Find(fd, &f)) return PosixFileIo().write(fd, buf, length);
-    errno = EBADF;
-    return -1;
+    if (!f.writable) {
+        errno = EBADF;
+        return -1;
+    }
+    if (f.position + static_cast<int64_t>(length) > f.size) {
+        errno = EFBIG;
+        return -1;
+    }
+    int64_t at = static_cast<int64_t>(f.start) + f.position;
+    if (PosixFileIo().seek(fd, at, SEEK_SET) != at) return -1;
+    ssize_t put = PosixFileIo().write(fd, buf, length);
+    if (put > 0) SetPosition(fd, f.position + put);
+    return put;
 }
 
 int ImageFsync(int fd) {
     OpenFile f;
-    return Find(fd, &f) ? 0 : PosixFileIo().fsync(fd);
+    return Find(fd, &f) && !f.writable ? 0 : PosixFileIo().fsync(fd);
 }
 
 int ImageFdatasync(int fd) {
     OpenFile f;
-    return Find(fd, &f) ? 0 : PosixFileIo().fdatasync(fd);
+    return Find(fd, &f) && !f.writable ? 0 : PosixFileIo().fdatasync(fd);
 }
 
 int ImageSetCloseOnExec(int fd) { return PosixFileIo().setCloseOnExec(fd); }
@@ -210,10 +228,11 @@ int Inspect(AttachedImage *image, std::string *why) {
 
 }  // namespace
 
-int CardImageAttach(const std::string &image, std::string *cardDir, std::string *why) {
+int CardImageAttach(const std::string &image, std::string *cardDir, std::string *why, bool writable) {
     auto attached = std::make_unique<AttachedImage>();
     attached->path = image;
     attached->prefix = image + "/";
+    attached->writable = writable;
     if (Inspect(attached.get(), why) != 0) return -1;
     g_image = std::move(attached);
     *cardDir = g_image->prefix;

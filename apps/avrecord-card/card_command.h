@@ -30,6 +30,8 @@ struct CardCommand {
     // Options that take a value; every other "--x" is a flag.
     std::vector<std::string> valueOptions;
     int (*run)(const CardArgs &args);
+    // The flag with which --image is opened read-write (nullptr: never).
+    const char *imageWriteFlag = nullptr;
 };
 
 bool RegisterCardCommand(const CardCommand &command);
@@ -72,6 +74,10 @@ struct FileInfoHead;
 // Adds a media file's record: number, times, data size, sections, key
 // frames and record type, as info --json and the page's API give them.
 JsonLine &AddFileRecord(JsonLine &line, uint32_t fileNo, const FileInfoHead &file);
+
+// True when --recover is in force and the section is a remnant of an earlier
+// lap of the circular recording (frames the index no longer describes).
+bool CardSectionIsRemnant(uint32_t fileNo, uint32_t sectionNo);
 
 // Registers a subcommand from its own file.
 #define AVR_CARD_COMMAND(id, ...) \

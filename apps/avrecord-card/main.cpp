@@ -7,9 +7,12 @@
 #include <cstdio>
 #include <cstring>
 
+#include "avrecord_lib/index_check.h"
 #include "card_command.h"
 #include "common/platform_paths.h"
 #include "tools/card_image_io.h"
+#include "tools/card_recovery.h"
+#include "tools/recovered_view.h"
 
 namespace {
 
@@ -31,22 +34,29 @@ int PrintUsage(FILE *out) {
               [](const CardCommand &a, const CardCommand &b) { return strcmp(a.name, b.name) < 0; });
     fprintf(out, "usage: avrecord-card COMMAND [--card DIR | --image PATH] [--json] ...\n\ncommands:\n");
     for (const CardCommand &command : commands) fprintf(out, "  %s\n", command.usage);
+    fprintf(
+        out,
+        "\nOn a card whose index is damaged, check, export, frames, info, search, serve and timeline take\n"
+        "--recover: they then read the index rebuilt from the media files, in memory (nothing is "
+        "written).\n");
     return kExitUsage;
 }
 
 bool TakesValue(const CardCommand &command, const std::string &name) {
     if (name == "--card") return true;
-    return std::find(command.valueOptions.begin(), command.valueOptions.end(), name) != command.valueOptions.end();
+    return std::find(command.valueOptions.begin(), command.valueOptions.end(), name) !=
+           command.valueOptions.end();
 }
 
 // --image PATH: the card is read from an image or raw device, read-only;
 // args.card becomes the directory its files appear under.
-int AttachImage(CardArgs &args) {
+int AttachImage(const CardCommand &command, CardArgs &args) {
     if (args.Has("--card")) return CardFail(args, kExitUsage, "--card and --image exclude each other");
     std::string image = args.Get("--image");
     if (image.empty()) return CardFail(args, kExitUsage, "--image needs a card image or device");
     std::string why;
-    if (CardImageAttach(image, &args.card, &why) != 0)
+    bool writable = command.imageWriteFlag != nullptr && args.Has(command.imageWriteFlag);
+    if (CardImageAttach(image, &args.card, &why, writable) != 0)
         return CardFail(args, kExitCardProblem, "%s", why.c_str());
     return kExitOk;
 }
@@ -80,9 +90,8 @@ int ParseArgs(const CardCommand &command, int argc, char **argv, CardArgs &args)
         args.options[word] = value;
     }
     if (args.Has("--image")) {
-        if (!TakesValue(command, "--image"))
-            return CardFail(args, kExitUsage, "takes no --image");
-        return AttachImage(args);
+        if (!TakesValue(command, "--image")) return CardFail(args, kExitUsage, "takes no --image");
+        return AttachImage(command, args);
     }
     args.card = args.Has("--card") ? args.Get("--card") : PlatformPath(kCardMountPoint);
     if (args.card.empty()) return CardFail(args, kExitUsage, "--card needs a directory");
@@ -90,7 +99,54 @@ int ParseArgs(const CardCommand &command, int argc, char **argv, CardArgs &args)
     return kExitOk;
 }
 
+// The commands that read a card's index, and so take --recover.
+constexpr const char *kIndexReaders[] = {"check", "export", "frames", "info", "search", "serve", "timeline"};
+
+bool ReadsIndex(const std::string &name) {
+    return std::find_if(std::begin(kIndexReaders), std::end(kIndexReaders),
+                        [&](const char *reader) { return name == reader; }) != std::end(kIndexReaders);
+}
+
+CardRecovery g_recovered;
+bool g_recoveredView = false;
+
+// --recover: the index rebuilt from the media files, in memory, under every
+// read of the card; nothing is written.
+int InstallRecoveredView(const CardArgs &args) {
+    std::string why;
+    if (RecoverCard(args.card, &g_recovered, &why) != 0)
+        return CardFail(args, kExitCardProblem, "%s", why.c_str());
+    RecoveredViewInstall(args.card, RecoveryPatches(g_recovered, true));
+    g_recoveredView = true;
+    uint64_t remnants = 0;
+    for (const RecoveredFile &f : g_recovered.files) remnants += f.remnants.size();
+    fprintf(stderr,
+            "avrecord-card %s: showing the index rebuilt from the media files (read-only, in memory): %zu "
+            "records "
+            "differ from the card's, %llu sections are remnants of earlier laps\n",
+            args.command.c_str(), g_recovered.changes.size(), static_cast<unsigned long long>(remnants));
+    return kExitOk;
+}
+
+// Without --recover, a damaged index of a card with media files is named
+// before the command runs.
+void WarnIfDamaged(const CardArgs &args) {
+    if (CardFileSize(CardMediaFilePath(args.card, 0)) < 0) return;  // no card there to recover
+    std::vector<IndexProblem> problems;
+    if (CheckCardIndex(args.card, &problems) == 0 && problems.empty()) return;
+    fprintf(
+        stderr,
+        "avrecord-card %s: the card's index is damaged (%s%s); --recover shows what the media files hold, "
+        "read-only (avrecord-card recover rebuilds the index)\n",
+        args.command.c_str(), problems.empty() ? "unreadable" : FormatIndexProblem(problems.front()).c_str(),
+        problems.size() > 1 ? ", ..." : "");
+}
+
 }  // namespace
+
+bool CardSectionIsRemnant(uint32_t fileNo, uint32_t sectionNo) {
+    return g_recoveredView && RecoveryIsRemnant(g_recovered, fileNo, sectionNo);
+}
 
 std::string CardArgs::Get(const std::string &name, const std::string &fallback) const {
     auto found = options.find(name);
@@ -116,10 +172,18 @@ void AppendJsonString(std::string &out, const std::string &text) {
     out += '"';
     for (unsigned char c : text) {
         switch (c) {
-            case '"': out += "\\\""; break;
-            case '\\': out += "\\\\"; break;
-            case '\n': out += "\\n"; break;
-            case '\t': out += "\\t"; break;
+            case '"':
+                out += "\\\"";
+                break;
+            case '\\':
+                out += "\\\\";
+                break;
+            case '\n':
+                out += "\\n";
+                break;
+            case '\t':
+                out += "\\t";
+                break;
             default:
                 if (c < 0x20) {
                     char escaped[8];
@@ -204,5 +268,13 @@ int main(int argc, char **argv) {
     }
     int parsed = ParseArgs(*command, argc, argv, args);
     if (parsed != kExitOk) return parsed;
+    if (ReadsIndex(args.command)) {
+        if (args.Has("--recover")) {
+            int installed = InstallRecoveredView(args);
+            if (installed != kExitOk) return installed;
+        } else if (args.command != "check") {
+            WarnIfDamaged(args);
+        }
+    }
     return command->run(args);
 }

@@ -1,6 +1,9 @@
 #include "tools/card_recovery.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -14,6 +17,7 @@
 #include "avrecord_lib/record_file.h"
 #include "avrecord_lib/record_index.h"
 #include "avrecord_lib/record_section.h"
+#include "common/file_io.h"
 
 namespace {
 
@@ -33,6 +37,8 @@ constexpr uint8_t kMediaFlag = 1;
 // A section record's start may lie this far before its first frame (the
 // wait for the first key frame, or a joined previous section).
 constexpr uint32_t kStartSlackSeconds = 10;
+// Unreadable stream bytes inside a section hide at most this much of it.
+constexpr uint32_t kResumeSeconds = 60;
 // Its end may lie this far behind its last video frame (an audio frame).
 constexpr uint32_t kEndSlackSeconds = 1;
 
@@ -134,6 +140,7 @@ private:
     bool ReadFrame(uint32_t at, ScannedFrame *frame);
     bool IsRecordHeader(uint32_t at);
     uint32_t FindResync(uint32_t from);
+    uint32_t FindInChunk(uint32_t at, uint32_t n);
     bool Continues(const SectionScan &s, const ScannedFrame &f) const;
     void Open(uint32_t offset, bool remnant);
     void Add(const ScannedFrame &f);
@@ -212,25 +219,50 @@ bool FileScanner::ReadFrame(uint32_t at, ScannedFrame *f) {
 uint32_t FileScanner::FindResync(uint32_t from) {
     chunk_.resize(kResyncChunk);
     for (uint32_t at = from; at + kPatternSize <= kKeyFrameTableOffset;) {
-        uint32_t n = std::min<uint32_t>(kResyncChunk, kKeyFrameTableOffset - at);
-        if (AV_RecordStreamInfoRead(fd_, at, chunk_.data(), n) < 0) return kKeyFrameTableOffset;
-        const uint8_t *begin = chunk_.data();
-        for (uint32_t i = 0; i + kPatternSize <= n; ++i) {
-            const uint8_t *pack =
-                static_cast<const uint8_t *>(memmem(begin + i, n - i, kPackPattern, kPatternSize));
-            const uint8_t *head =
-                static_cast<const uint8_t *>(memmem(begin + i, n - i, kRecordFileHeader, kPatternSize));
-            if (pack == nullptr && head == nullptr) break;
-            const uint8_t *hit = pack == nullptr ? head : head == nullptr ? pack : std::min(pack, head);
-            uint32_t where = at + static_cast<uint32_t>(hit - begin);
-            if (hit == head ? IsRecordHeader(where) : libAVRecordPlayBackIsKeyFrame(fd_, where) == 1)
-                return where;
-            i = static_cast<uint32_t>(hit - begin);
+        // Holes of a sparse file hold zeros: nothing to find there.
+        int64_t data = FileIo().seek(fd_, at, SEEK_DATA);
+        if (data < 0 && errno == ENXIO) break;
+        if (data > at) {
+            at = static_cast<uint32_t>(std::min<int64_t>(data, kKeyFrameTableOffset));
+            continue;
         }
-        if (n < kResyncChunk) break;
+        uint32_t n = std::min<uint32_t>(kResyncChunk, kKeyFrameTableOffset - at);
+        if (AV_RecordStreamInfoRead(fd_, at, chunk_.data(), n) < 0) break;
+        uint32_t found = FindInChunk(at, n);
+        if (found != 0 || n < kResyncChunk) return found != 0 ? found : kKeyFrameTableOffset;
         at += n - (kPatternSize - 1);
     }
     return kKeyFrameTableOffset;
+}
+
+// The first pack of a key frame or record file header that begins in the
+// chunk read from `at` (0: none).
+uint32_t FileScanner::FindInChunk(uint32_t at, uint32_t n) {
+    const uint8_t *begin = chunk_.data();
+    const uint8_t *end = begin + n;
+    auto next = [end](const uint8_t *p, uint8_t c) {
+        return p < end ? static_cast<const uint8_t *>(memchr(p, c, end - p)) : nullptr;
+    };
+    // The 01 of a pack start code, and the first byte of "IMKH".
+    const uint8_t *one = next(begin + 2, kPackPattern[2]);
+    const uint8_t *head = next(begin, kRecordFileHeader[0]);
+    while (one != nullptr || head != nullptr) {
+        if (head == nullptr || (one != nullptr && one - 2 < head)) {
+            const uint8_t *pack = one - 2;
+            uint32_t where = at + static_cast<uint32_t>(pack - begin);
+            if (end - pack >= kPatternSize && memcmp(pack, kPackPattern, kPatternSize) == 0 &&
+                libAVRecordPlayBackIsKeyFrame(fd_, where) == 1)
+                return where;
+            one = next(one + 1, kPackPattern[2]);
+        } else {
+            uint32_t where = at + static_cast<uint32_t>(head - begin);
+            if (end - head >= kPatternSize && memcmp(head, kRecordFileHeader, kPatternSize) == 0 &&
+                IsRecordHeader(where))
+                return where;
+            head = next(head + 1, kRecordFileHeader[0]);
+        }
+    }
+    return 0;
 }
 
 // The frame carries on the section's time-stamp counter (a new section
@@ -239,7 +271,12 @@ bool FileScanner::Continues(const SectionScan &s, const ScannedFrame &f) const {
     if (f.video && f.keyForm && s.codec != 0 &&
         (f.codec != s.codec || f.width != s.record.m_u16Width || f.height != s.record.m_u16Height))
         return false;
-    if (s.broken && f.video && f.keyForm) return CounterOfStamp(f.pts) > s.counter;
+    // Behind unreadable bytes the section goes on at a later key frame of
+    // its own: a higher counter, shortly after.
+    if (s.broken) {
+        return f.video && f.keyForm && CounterOfStamp(f.pts) > s.counter && f.time >= s.lastVideoTime &&
+               f.time - s.lastVideoTime <= kResumeSeconds;
+    }
     return f.pts == CounterStamp(f.video ? s.counter + 1 : s.counter + 2);
 }
 

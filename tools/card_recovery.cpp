@@ -168,6 +168,7 @@ private:
     bool remnantMode_ = false;
     uint64_t unreadable_ = 0;
     uint32_t keyRewrites_ = 0;
+    uint32_t frameEnd_ = 0;  // behind the last frame taken into a section
     std::vector<uint8_t> chunk_;
 };
 
@@ -348,6 +349,7 @@ void FileScanner::Add(const ScannedFrame &f) {
     AV_RecordSectionInfoHeadSetEndTime(&s.record, time);
     AV_RecordSectionInfoHeadAddSize(&s.record, size);
     AV_RecordSectionInfoHeadCountFrame(&s.record, entry, !f.video);
+    frameEnd_ = f.next;
     if (!s.remnant) AV_RecordFileInfoHeadAddDataSize(&file_, size);
     ++s.frames;
 }
@@ -412,9 +414,10 @@ void FileScanner::Scan(RecoveredFile *result) {
         }
         // A key frame with a fresh counter opens a section whose record
         // file header is damaged; after a gap, an earlier lap's key frame
-        // opens a remnant. Readers skip the header's place either way.
+        // opens a remnant. The section starts at the header's place, which
+        // holds no frame of another section.
         bool fresh = read && f.video && f.keyForm && f.pts == CounterStamp(1);
-        if (read && f.video && f.keyForm && at >= kRecordFileHeaderSize &&
+        if (read && f.video && f.keyForm && at >= frameEnd_ + kRecordFileHeaderSize &&
             (fresh || (remnantMode_ && !current_))) {
             Open(at - kRecordFileHeaderSize, remnantMode_);
             current_->counter = fresh ? 0 : CounterOfStamp(f.pts) - 1;
@@ -781,6 +784,7 @@ void ViewRecords(const RecoveredFile &f, FileInfoHead *record, std::vector<Secti
         }
         record->m_u32StartTime = std::min(record->m_u32StartTime, s.m_u32StartTime);
         record->m_u32EndTime = std::max(record->m_u32EndTime, s.m_u32EndTime);
+        record->m_u32DataSize = std::max(record->m_u32DataSize, s.m_u32SectionOffset + s.m_u32SectionSize);
     }
     uint32_t remnantSlots = static_cast<uint32_t>(sections->size() - f.sections.size());
     uint32_t remnantKeys = 0;
@@ -839,8 +843,14 @@ std::vector<CardFilePatches> RecoveryPatches(const CardRecovery &r, bool withRem
         if (withRemnants) ViewRecords(f, &record, &sections, &keys);
         AppendRecord(&index, FileInfoHeadPosition(n), &record, sizeof record);
         AppendRecords(&index, SectionInfoHeadPosition(n, 1), sections);
-        if (keys.empty()) continue;
         CardFilePatches media{CardMediaFilePath("", n), kMediaFileSize, {}};
+        // The view shows a record file header where each section starts
+        // (a remnant starts at a key frame of an earlier lap).
+        if (withRemnants) {
+            for (const SectionInfoHead &section : sections)
+                AppendRecord(&media, section.m_u32SectionOffset, kRecordFileHeader, kRecordFileHeaderSize);
+        }
+        if (keys.empty() && media.patches.empty()) continue;
         AppendRecords(&media, kKeyFrameTableOffset,
                       std::vector<KeyFrameEntry>(
                           keys.begin(), keys.begin() + std::min<size_t>(keys.size(), kMaxKeyFrameEntries)));
@@ -862,7 +872,7 @@ std::vector<CardFilePatches> RecoveryPatches(const CardRecovery &r, bool withRem
         AppendRecords(&events, AlarmEventEntryPosition(n, 0), r.events[n]);
     std::sort(events.patches.begin(), events.patches.end(),
               [](const FilePatch &a, const FilePatch &b) { return a.offset < b.offset; });
-    if (!events.patches.empty()) out.push_back(std::move(events));
+    if (r.eventsReadable || !events.patches.empty()) out.push_back(std::move(events));
     return out;
 }
 

@@ -6,6 +6,7 @@
 
 #include "card_command.h"
 #include "tools/calendar_time.h"
+#include "tools/recording_reader.h"
 #include "tools/seek_file.h"
 
 namespace {
@@ -20,20 +21,30 @@ bool ParseType(const std::string &text, uint16_t *type) {
     return false;
 }
 
+// With --recover: a section of an earlier lap that the index no longer holds.
+bool IsRemnant(const FileListEntry &e) {
+    RecordingSpan span;
+    return RecordingParseName(e.szFileName, &span) == 0 && !span.bEvent &&
+           CardSectionIsRemnant(span.u32FileNo, span.u32Number);
+}
+
 void PrintEntry(const CardArgs &args, const FileListEntry &e) {
+    bool remnant = IsRemnant(e);
     if (args.json) {
-        JsonLine()
-            .Add("name", e.szFileName)
+        JsonLine line;
+        line.Add("name", e.szFileName)
             .Add("start", e.u32StartTime)
             .Add("end", e.u32EndTime)
             .Add("size", e.u32FileSize)
             .Add("frames", e.u32FrameCount)
-            .Add("frame_rate", e.u32FrameRate)
-            .Print();
+            .Add("frame_rate", e.u32FrameRate);
+        if (remnant) line.AddBool("remnant", true);
+        line.Print();
         return;
     }
-    printf("%-19s  %-19s  %-19s  %10u  %8u  %3u\n", e.szFileName, LocalTimeText(e.u32StartTime).c_str(),
-           LocalTimeText(e.u32EndTime).c_str(), e.u32FileSize, e.u32FrameCount, e.u32FrameRate);
+    printf("%-19s  %-19s  %-19s  %10u  %8u  %3u%s\n", e.szFileName, LocalTimeText(e.u32StartTime).c_str(),
+           LocalTimeText(e.u32EndTime).c_str(), e.u32FileSize, e.u32FrameCount, e.u32FrameRate,
+           remnant ? "  remnant of an earlier lap" : "");
 }
 
 int RunSearch(const CardArgs &args) {

@@ -336,6 +336,7 @@ std::string SectionJson(const CatalogSection &section) {
         .Add("height", static_cast<unsigned>(h.m_u16Height))
         .Add("audio", AudioName(h.m_u8AudioCodeType))
         .Add("record_type", static_cast<unsigned>(h.m_u8RecordType))
+        .AddBool("remnant", CardSectionIsRemnant(h.m_u32FileNo, h.m_u16SectionNo))
         .Text();
 }
 

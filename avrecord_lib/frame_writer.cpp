@@ -15,6 +15,7 @@
 #include "avrecord_lib/record_file.h"
 #include "avrecord_lib/record_index.h"
 #include "avrecord_lib/record_section.h"
+#include "common/card_time.h"
 #include "common/log.h"
 #include "common/nal_unit.h"
 #include "common/platform_paths.h"
@@ -111,12 +112,12 @@ void Step(WriterStep step) {
     if (g_stepHook != nullptr) g_stepHook(step);
 }
 
-void LogPlayTime(const char *func, int line, const char *format, uint32_t seconds) {
-    time_t t = static_cast<time_t>(seconds);
-    struct tm tmv;
-    localtime_r(&t, &tmv);
-    LogTrace(format, func, line, tmv.tm_year + 1900, tmv.tm_mon + 1, tmv.tm_mday, tmv.tm_hour, tmv.tm_min,
-             tmv.tm_sec, seconds);
+void LogPlayTime(const char *func, int line, time_t seconds) {
+    struct tm tmv {};
+    localtime_r(&seconds, &tmv);
+    LogTrace("%s %d: ## PlayTime. %04d-%02d-%02d %02d:%02d:%02d    %lld  ##\n", func, line,
+             tmv.tm_year + 1900, tmv.tm_mon + 1, tmv.tm_mday, tmv.tm_hour, tmv.tm_min, tmv.tm_sec,
+             static_cast<long long>(seconds));
 }
 
 void FillAudioParams(WriterState &w) {
@@ -162,19 +163,19 @@ void StartSection(WriterState &w, uint16_t codec) {
     w.refUptime = g_uptimeClock();
     LogTrace(kRuleLine, __func__, __LINE__);
     LogTrace("%s %d : m_u8AudioCodeType = %#x \n", __func__, __LINE__, section->m_u8AudioCodeType);
-    LogPlayTime(__func__, __LINE__, "%s %d: ## PlayTime. %04d-%02d-%02d %02d:%02d:%02d    %u  ##\n",
-                static_cast<uint32_t>(w.refWall.tv_sec));
+    LogPlayTime(__func__, __LINE__, w.refWall.tv_sec);
     LogTrace(kRuleLine, __func__, __LINE__);
 }
 
-// Uptime-based time, or the wall clock while it stays within tolerance.
-uint32_t FrameTime(const WriterState &w) {
-    struct timeval now;
+// Uptime-based time, or the wall clock while it stays within tolerance; -1
+// when that time is one the card cannot hold (the frame is not written).
+int FrameTime(const WriterState &w, uint32_t *time) {
+    struct timeval now {};
     g_wallClock(&now);
-    uint32_t wall = static_cast<uint32_t>(now.tv_sec);
-    uint32_t time = static_cast<uint32_t>(w.refWall.tv_sec) + (g_uptimeClock() - w.refUptime);
-    int32_t drift = static_cast<int32_t>(wall - time);
-    return drift >= -kWallClockTolerance && drift <= kWallClockTolerance ? wall : time;
+    time_t counted = w.refWall.tv_sec + static_cast<time_t>(g_uptimeClock() - w.refUptime);
+    time_t drift = now.tv_sec - counted;
+    time_t chosen = drift >= -kWallClockTolerance && drift <= kWallClockTolerance ? now.tv_sec : counted;
+    return CardTimeForStore(chosen, time, "frame time");
 }
 
 // Builds the frame's bytes in g_outBuf; *start is where they begin. The PS
@@ -201,9 +202,8 @@ void WriteKeyFrameEntry(WriterState &w, uint32_t time, uint32_t length, uint8_t 
     KeyFrameEntry entry;
     AV_RecordKeyFrameEntryInit(&entry, time, length, GetSectionInfoHead()->m_u32SectionSize, keyType);
     AV_RecordKeyFrameEntryWrite(w.mediaFd, KeyFrameEntryOffset(GetFileInfoHead()->m_u32KeyFrameSum), &entry);
-    time_t t = static_cast<time_t>(time);
-    struct tm tmv;
-    localtime_r(&t, &tmv);
+    struct tm tmv {};
+    CardTimeLocal(time, &tmv);
     LogTrace("%s %d: ##keyType = %d  KeyFrameTime. %04d-%02d-%02d %02d:%02d:%02d ##\n", __func__, __LINE__,
              keyType, tmv.tm_year + 1900, tmv.tm_mon + 1, tmv.tm_mday, tmv.tm_hour, tmv.tm_min, tmv.tm_sec);
 }
@@ -281,7 +281,8 @@ int WriteAdmittedFrame(WriterState &w, int channel, int kind, const uint8_t *dat
         w.refUptime = 0;
         return -1;
     }
-    uint32_t time = FrameTime(w);
+    uint32_t time = 0;
+    if (FrameTime(w, &time) != 0) return -1;
     bool marked = info->KeyFrameFlag == kEncoderKeyMark;
 
     const uint8_t *start = nullptr;

@@ -6,6 +6,7 @@
 #include <ctime>
 
 #include "avrecord_lib/record_builder.h"
+#include "common/card_time.h"
 #include "common/log.h"
 
 std::atomic<uint32_t> g_u32LastRecordEndTime{0};
@@ -16,13 +17,15 @@ RecordConfigInfo g_stRecordConfigInfo;
 FileInfoHead g_stFileInfoHead;
 SectionInfoHead g_stSectionInfoHead;
 
-uint32_t WallClockNow() {
-    struct timeval now;
-    gettimeofday(&now, nullptr);
-    return static_cast<uint32_t>(now.tv_sec);
+// -1 when the clock cannot be read: the opener refuses it like any other
+// time outside the card's range.
+time_t WallClockNow() {
+    struct timeval now {};
+    if (gettimeofday(&now, nullptr) != 0) return -1;
+    return now.tv_sec;
 }
 
-uint32_t (*g_recordClock)() = WallClockNow;
+time_t (*g_recordClock)() = WallClockNow;
 
 // Joins the new section to the previous run when it follows it closely; the
 // saved end time is used up either way.
@@ -34,13 +37,12 @@ uint32_t JoinLastRecordEnd(uint32_t now) {
 }
 
 void LogSectionStart(uint32_t startTime) {
-    time_t seconds = startTime;
-    struct tm local;
-    localtime_r(&seconds, &local);
+    struct tm local {};
+    CardTimeLocal(startTime, &local);
     LogTrace("%s %d : ####################################################### \n", __func__, __LINE__);
-    LogTrace("%s %d: ## PlayTime. %04d-%02d-%02d %02d:%02d:%02d ##  startTime = %d\n", __func__, __LINE__,
+    LogTrace("%s %d: ## PlayTime. %04d-%02d-%02d %02d:%02d:%02d ##  startTime = %u\n", __func__, __LINE__,
              local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
-             static_cast<int>(startTime));
+             startTime);
     LogTrace("%s %d : ####################################################### \n", __func__, __LINE__);
 }
 
@@ -50,13 +52,15 @@ RecordConfigInfo *GetRecordConfigInfo() { return &g_stRecordConfigInfo; }
 FileInfoHead *GetFileInfoHead() { return &g_stFileInfoHead; }
 SectionInfoHead *GetSectionInfoHead() { return &g_stSectionInfoHead; }
 
-uint32_t RecordClockNow() { return g_recordClock(); }
-void SetRecordClockForTest(uint32_t (*now)()) { g_recordClock = now != nullptr ? now : WallClockNow; }
+time_t RecordClockNow() { return g_recordClock(); }
+void SetRecordClockForTest(time_t (*now)()) { g_recordClock = now != nullptr ? now : WallClockNow; }
 
 int AV_RecordFileConfigParamGet(RecordConfigInfo *info, FileInfoHead *file, SectionInfoHead *section,
                                 uint8_t recordType) {
     if (info == nullptr || file == nullptr || section == nullptr) return -1;
-    uint32_t startTime = JoinLastRecordEnd(RecordClockNow());
+    uint32_t now = 0;
+    if (CardTimeForStore(RecordClockNow(), &now, "section start") != 0) return -1;
+    uint32_t startTime = JoinLastRecordEnd(now);
     LogSectionStart(startTime);
     if (file->m_u32HeadFlag == kFileInfoHeadFlag) {
         if (startTime < file->m_u32StartTime) AV_RecordFileInfoHeadSetStartTime(file, startTime);

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <ctime>
 
 #include "avrecord_lib/index_records.h"
 
@@ -23,7 +24,8 @@ inline constexpr uint32_t kRecordTypeNormal = 1;
 
 // Opens a section at each record start: a new section of the current file
 // when it already holds recordings, else a fresh file record with section 1.
-// Returns 0, -1 for a null record.
+// Returns 0, -1 for a null record or a clock outside the card's time range
+// (nothing changed then).
 int AV_RecordFileConfigParamGet(RecordConfigInfo *info, FileInfoHead *file, SectionInfoHead *section,
                                 uint8_t recordType);
 
@@ -39,6 +41,7 @@ int AV_RecordFileCoverCheck(const RecordConfigInfo *info, FileInfoHead *file, ui
 void AV_RecordNextFileSelect(RecordConfigInfo *info, const FileInfoHead *file);
 
 // Wall-clock seconds for the section opener; tests replace the source
-// (nullptr restores the wall clock).
-uint32_t RecordClockNow();
-void SetRecordClockForTest(uint32_t (*now)());
+// (nullptr restores the wall clock). The opener refuses a time outside the
+// card's range (common/card_time.h).
+time_t RecordClockNow();
+void SetRecordClockForTest(time_t (*now)());

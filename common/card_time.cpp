@@ -37,6 +37,11 @@ int CardTimeNow(uint32_t *card) {
     return TimeToCardTime(now.tv_sec, card);
 }
 
+uint32_t CardTimeNowOrZero() {
+    uint32_t card = 0;
+    return CardTimeNow(&card) == 0 ? card : 0;
+}
+
 struct tm *CardTimeUtc(uint32_t card, struct tm *out) {
     time_t t = CardTimeToTime(card);
     return gmtime_r(&t, out);

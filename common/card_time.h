@@ -34,6 +34,8 @@ int CardTimeForStore(time_t t, uint32_t *card, const char *what);
 // The wall clock (CLOCK_REALTIME) as a card time; -1 when the clock cannot be
 // read or reads outside the card's range.
 int CardTimeNow(uint32_t *card);
+// The same for the stamps of the shared-memory blocks: 0 for "no time".
+uint32_t CardTimeNowOrZero();
 
 // Calendar fields of a card time in UTC and in local time (the TZ in force);
 // nullptr when the C library cannot give them.

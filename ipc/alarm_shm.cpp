@@ -2,6 +2,7 @@
 
 #include <ctime>
 
+#include "common/card_time.h"
 #include "common/log.h"
 #include "ipc/shm_block.h"
 
@@ -36,7 +37,7 @@ int AlarmDataWrite(uint32_t source, uint32_t status) {
     }
     if (!ShmBlockIdValid(&g_alarmBlock, __func__, __LINE__)) return -1;
     g_alarmImage[source].Status = status;
-    g_alarmImage[source].Time = static_cast<uint32_t>(time(nullptr));
+    g_alarmImage[source].Time = CardTimeNowOrZero();
     ShmBlockWriteImage(&g_alarmBlock, 0, kAlarmImageSize);
     return 0;
 }

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <ctime>
 
+#include "common/card_time.h"
 #include "common/log.h"
 #include "ipc/shm_block.h"
 
@@ -22,7 +23,7 @@ int WriteEntry(uint32_t source, const char *caller, int line) {
         return -1;
     }
     if (!ShmBlockIdValid(&g_watchDogBlock, caller, line)) return -1;
-    g_watchDogImage[source].Time = static_cast<uint32_t>(time(nullptr));
+    g_watchDogImage[source].Time = CardTimeNowOrZero();
     ShmBlockWriteImage(&g_watchDogBlock, source * sizeof(WatchDogShmEntry), sizeof(WatchDogShmEntry));
     return 0;
 }

@@ -14,6 +14,12 @@ constexpr uint8_t kBootStub[] = {0x0E, 0x1F, 0xBE, 0x77, 0x7C, 0xAC, 0x22, 0xC0,
 constexpr char kBootMessage[] = "This is not a bootable disk\r\n";
 constexpr uint32_t kMaxTotalSectors16 = 65535;
 constexpr int kDosEpochYear = 1980;
+constexpr int kDosLastYear = 2107;
+// A directory time holds 1980-01-01 00:00:00 to 2107-12-31 23:59:58; a clock
+// outside that (never set, say) gets the nearest end rather than a wrapped date.
+constexpr Fat32Stamp kDosFirstStamp = {0, 1 << 5 | 1};
+constexpr Fat32Stamp kDosLastStamp = {23 << 11 | 59 << 5 | 29,
+                                      (kDosLastYear - kDosEpochYear) << 9 | 12 << 5 | 31};
 constexpr uint32_t kLongNameChars = 13;
 constexpr uint16_t kLongNamePad = 0xFFFF;
 // The stub loads its message from 0x7C77: right behind the stub's 29 bytes.
@@ -30,7 +36,8 @@ bool IsPowerOfTwo(uint32_t value) { return value != 0 && (value & (value - 1)) =
 
 Fat32Stamp Fat32StampOf(time_t when) {
     struct tm local {};
-    localtime_r(&when, &local);
+    if (localtime_r(&when, &local) == nullptr || local.tm_year + 1900 < kDosEpochYear) return kDosFirstStamp;
+    if (local.tm_year + 1900 > kDosLastYear) return kDosLastStamp;
     Fat32Stamp stamp;
     stamp.time = static_cast<uint16_t>(local.tm_hour << 11 | local.tm_min << 5 | local.tm_sec / 2);
     stamp.date = static_cast<uint16_t>((local.tm_year + 1900 - kDosEpochYear) << 9 | (local.tm_mon + 1) << 5 |

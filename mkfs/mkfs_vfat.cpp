@@ -165,7 +165,7 @@ int MkfsVfatFormat(const char *device, MkfsCapacityInfo *capacity, int percent, 
     LogTrace("%s %d \n", __func__, __LINE__);
     if (device == nullptr || capacity == nullptr) return -1;
     time_t now = options.now != 0 ? options.now : time(nullptr);
-    uint32_t volumeId = static_cast<uint32_t>(now);
+    uint32_t volumeId = static_cast<uint32_t>(now);  // a serial number: the clock's low 32 bits will do
     if (percent < 0 || percent > 100) {
         fprintf(stderr, "percentage %d is outside 0..100\n", percent);
         return -1;

@@ -11,6 +11,7 @@
 #include "avrecord_lib/record_file.h"
 #include "avrecord_lib/record_index.h"
 #include "avrecord_lib/record_section.h"
+#include "common/card_time.h"
 #include "common/log.h"
 #include "common/platform_paths.h"
 #include "ipc/alarm_shm.h"
@@ -129,7 +130,10 @@ void *AlarmEventThread(void * /*arg*/) {
             continue;
         }
         if (FileUtilsGetStorageStatus(kCardMountPoint) != 0) StopRecord();
-        uint32_t now = static_cast<uint32_t>(startTime.tv_sec) + (RecordClock().uptime() - startUptime);
+        // A time the card cannot hold marks nothing; the run ends on it.
+        uint32_t now = 0;
+        time_t counted = startTime.tv_sec + static_cast<time_t>(RecordClock().uptime() - startUptime);
+        if (CardTimeForStore(counted, &now, "alarm event time") != 0) continue;
         if (AlarmTurnOnce(__func__, fd, &tracker, *sys, static_cast<uint32_t>(recordType), now) != 0) {
             return EndAlarmThread(__func__, fd, 0);
         }

@@ -3,11 +3,13 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <ctime>
 
 #include "avrecord_lib/frame_writer.h"
 #include "avrecord_lib/record_section.h"
+#include "common/card_time.h"
 #include "common/log.h"
 #include "common/platform_paths.h"
 #include "ipc/av_server_request.h"
@@ -78,6 +80,12 @@ RunClock TakeRunClock() {
     return clock;
 }
 
+// A wall-clock difference as the jump check takes it, saturated rather than
+// wrapped for a clock set decades away.
+int32_t ClampedSeconds(time_t seconds) {
+    return static_cast<int32_t>(std::clamp<time_t>(seconds, INT32_MIN, INT32_MAX));
+}
+
 RunTurn ObserveTurn(const RunProperties &props, const SysInfo &sys, const RunParams &start, uint32_t stream,
                     const RunClock &clock) {
     RunTurn turn{};
@@ -101,7 +109,8 @@ RunTurn ObserveTurn(const RunProperties &props, const SysInfo &sys, const RunPar
     turn.sectionStartTime = section->m_u32StartTime;
     turn.sectionEndTime = section->m_u32EndTime;
     turn.sinceBootDuration = RecordClock().uptime() - clock.startUptime;
-    turn.currentDuration = static_cast<int32_t>(wall - clock.startWall);
+    turn.currentDuration = ClampedSeconds(wall - clock.startWall);
+    turn.clockInCardRange = CardTimeInRange(wall);
     turn.fileDataSize = GetFileInfoHead()->m_u32DataSize;
     turn.stopRequested = FlagGet(g_bRecordStop);
     return turn;
@@ -112,6 +121,12 @@ void LogRunEnd(const char *func, RunEnd reason, const RunParams &start, const Ru
                const SysInfo &sys, uint32_t stream, int initResult) {
     const RunParams &now = turn.now;
     switch (reason) {
+        case RunEnd::kClockOutOfRange:
+            LogTrace(
+                "%s %d: the clock left the card's time range (1970-01-01 to 2106-02-07 06:28:15 UTC): "
+                "Stop Record\n",
+                func, __LINE__);
+            break;
         case RunEnd::kMjpeg:
             LogTrace("%s %d This is MJPEG Stream, not support!\n", func, __LINE__);
             break;
@@ -173,8 +188,7 @@ void LogRunEnd(const char *func, RunEnd reason, const RunParams &start, const Ru
     }
 }
 
-void LogPlayTimeEnd(uint32_t seconds) {
-    time_t when = seconds;
+void LogPlayTimeEnd(time_t when) {
     struct tm utc {};
     gmtime_r(&when, &utc);
     LogTrace("############### PlayTime End Time. %04d-%02d-%02d %02d:%02d:%02d ##\n", utc.tm_year + 1900,
@@ -198,10 +212,9 @@ void EndRun(const char *func, const RunClock &clock, const FileInfoHead &fileBef
     LS_RecordStop();
     LogTrace("%s %d: #########Record Over !!!!!!!!!!!!#######\n", func, __LINE__);
     const SectionInfoHead *section = GetSectionInfoHead();
-    uint32_t end =
-        static_cast<uint32_t>(clock.startTime.tv_sec) + (RecordClock().uptime() - clock.startUptime);
+    time_t end = clock.startTime.tv_sec + static_cast<time_t>(RecordClock().uptime() - clock.startUptime);
     LogPlayTimeEnd(end);
-    LogPlayTimeEnd(section->m_u32EndTime);
+    LogPlayTimeEnd(CardTimeToTime(section->m_u32EndTime));
     g_u32LastRecordEndTime.store(section->m_u32EndTime, std::memory_order_relaxed);
     FlagSet(g_bRecording, 0);
     LS_RecordClose();

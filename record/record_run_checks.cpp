@@ -32,6 +32,7 @@ bool ClockJumped(uint32_t sinceBootDuration, int32_t currentDuration) {
 
 RunEnd RecordRunCheck(const RunParams &start, uint32_t stream, const RunTurn &turn) {
     const RunParams &now = turn.now;
+    if (!turn.clockInCardRange) return RunEnd::kClockOutOfRange;
     if (now.encoding == kEncodingMjpeg) return RunEnd::kMjpeg;
     if (now.audioEnable != start.audioEnable) return RunEnd::kAudioEnable;
     if (start.audioEnable == 1 && now.audioEncoding != start.audioEncoding) return RunEnd::kAudioEncoding;

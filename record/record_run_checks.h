@@ -42,10 +42,12 @@ struct RunTurn {
     int32_t currentDuration;     // wall clock now - wall clock at start
     uint32_t fileDataSize;       // current file record m_u32DataSize
     uint32_t stopRequested;      // g_bRecordStop
+    bool clockInCardRange;       // the wall clock reads a time the card can hold
 };
 
 enum class RunEnd {
     kNone,
+    kClockOutOfRange,
     kMjpeg,
     kAudioEnable,
     kAudioEncoding,

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <ctime>
 
+#include "common/card_time.h"
+
 namespace {
 
 // Six int fields of any value and the separators: the compiler cannot know
@@ -20,26 +22,31 @@ DateTime FromTm(const struct tm &t) {
 }  // namespace
 
 DateTime UtcDateTime(uint32_t seconds) {
-    time_t value = static_cast<time_t>(seconds);
     struct tm t {};
-    gmtime_r(&value, &t);
+    CardTimeUtc(seconds, &t);
     return FromTm(t);
 }
 
 DateTime LocalDateTime(uint32_t seconds) {
-    time_t value = static_cast<time_t>(seconds);
     struct tm t {};
-    localtime_r(&value, &t);
+    CardTimeLocal(seconds, &t);
     return FromTm(t);
 }
 
-std::string LocalTimeText(uint32_t seconds) {
-    DateTime t = LocalDateTime(seconds);
+namespace {
+
+std::string DateTimeText(const DateTime &t) {
     char text[kTimeTextSize];
     snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d", t.year, t.month, t.day, t.hour, t.minute,
              t.second);
     return text;
 }
+
+}  // namespace
+
+std::string LocalTimeText(uint32_t seconds) { return DateTimeText(LocalDateTime(seconds)); }
+
+std::string UtcTimeText(uint32_t seconds) { return DateTimeText(UtcDateTime(seconds)); }
 
 int64_t LocalSeconds(const DateTime &local) {
     struct tm t {};

@@ -19,8 +19,9 @@ DateTime LocalDateTime(uint32_t seconds);
 // The local time given by the fields (weekday ignored; daylight saving as
 // the zone has it), as UTC seconds; -1 when it cannot be represented.
 int64_t LocalSeconds(const DateTime &local);
-// "YYYY-MM-DD HH:MM:SS" in local time.
+// "YYYY-MM-DD HH:MM:SS" in local time, and in UTC.
 std::string LocalTimeText(uint32_t seconds);
+std::string UtcTimeText(uint32_t seconds);
 
 // "YYYY-MM-DD" as a real calendar date. False for anything else.
 bool ParseDate(const char *text, DateTime *date);

@@ -8,18 +8,10 @@
 
 #include "avrecord_lib/playback_reader.h"
 #include "card_command.h"
+#include "tools/calendar_time.h"
 #include "tools/recording_reader.h"
 
 namespace {
-
-std::string FormatTime(uint32_t seconds) {
-    time_t t = static_cast<time_t>(seconds);
-    struct tm tmv;
-    gmtime_r(&t, &tmv);
-    char text[32];
-    strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &tmv);
-    return text;
-}
 
 const char *KindName(const RecordingFrame &f) {
     return f.iType == kPSFrameAudio ? "audio" : f.bKey ? "key" : "video";
@@ -34,7 +26,7 @@ void PrintFrame(const CardArgs &args, uint32_t n, const RecordingFrame &f) {
         line.Add("pts", f.u32Pts).Print();
     } else {
         printf("%6u  %-5s  %8u  %19s  %10u\n", n, KindName(f), f.u32Length,
-               video ? FormatTime(f.u32Time).c_str() : "", f.u32Pts);
+               video ? UtcTimeText(f.u32Time).c_str() : "", f.u32Pts);
     }
 }
 

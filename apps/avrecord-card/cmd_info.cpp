@@ -6,19 +6,12 @@
 #include "avrecord_lib/index_check.h"
 #include "avrecord_lib/record_config.h"
 #include "card_command.h"
+#include "tools/calendar_time.h"
 
 namespace {
 
 // "YYYY-MM-DD HH:MM:SS" in UTC, "-" for 0 (nothing written yet).
-std::string UtcText(uint32_t seconds) {
-    if (seconds == 0) return "-";
-    time_t value = seconds;
-    struct tm utc;
-    gmtime_r(&value, &utc);
-    char text[32];
-    strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &utc);
-    return text;
-}
+std::string UtcText(uint32_t seconds) { return seconds == 0 ? "-" : UtcTimeText(seconds); }
 
 void PrintHeader(const CardArgs &args, const RecordConfigInfo &header, uint32_t freeMiB) {
     if (args.json) {

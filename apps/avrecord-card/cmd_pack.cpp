@@ -26,6 +26,7 @@
 #include "avrecord_lib/record_index.h"
 #include "avrecord_lib/record_section.h"
 #include "card_command.h"
+#include "common/card_time.h"
 #include "tools/adts_header.h"
 
 namespace {
@@ -115,10 +116,10 @@ void PackWallClock(struct timeval *now) {
 
 uint32_t PackUptime() { return g_pack.startUptime + static_cast<uint32_t>(ElapsedUs() / 1000000); }
 
-uint32_t PackRecordClock() {
-    struct timeval now;
+time_t PackRecordClock() {
+    struct timeval now {};
     PackWallClock(&now);
-    return static_cast<uint32_t>(now.tv_sec);
+    return now.tv_sec;
 }
 
 struct SectionTally {
@@ -323,8 +324,8 @@ int RunPack(const CardArgs &args) {
     // another starts behind it rather than inside its time span.
     uint32_t lastEnd =
         GetFileInfoHead()->m_u32HeadFlag == kFileInfoHeadFlag ? GetFileInfoHead()->m_u32EndTime : 0;
-    if (static_cast<uint32_t>(g_pack.startWall.tv_sec) <= lastEnd)
-        g_pack.startWall = {static_cast<time_t>(lastEnd) + 1, 0};
+    if (g_pack.startWall.tv_sec <= CardTimeToTime(lastEnd))
+        g_pack.startWall = {CardTimeToTime(lastEnd) + 1, 0};
     if ((rc = StartSection(args)) != kExitOk) return rc;
 
     SectionTally tally;

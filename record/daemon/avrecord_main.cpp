@@ -12,6 +12,7 @@
 #include "ipc/av_server_request.h"
 #include "ipc/av_stream.h"
 #include "ipc/sps_pps_shm.h"
+#include "record/clock_range.h"
 #include "record/command_exec.h"
 #include "record/device_capability.h"
 #include "record/record_flags.h"
@@ -75,6 +76,10 @@ int main(int /*argc*/, char ** /*argv*/) {
             for (unsigned left = kExitPauseSeconds; left > 0;) left = sleep(left);
             LogTrace("%s %d RecordStop AVRecord exit!!!\n", __func__, __LINE__);
             ExitAfterStop();
+        }
+        if (!RecordClockInCardRange(__func__)) {
+            sleep(kScheduleRetrySeconds);
+            continue;
         }
         const SysInfo *sysInfo = GetSysInfo();
         if (sysInfo == nullptr) return -1;

@@ -43,7 +43,7 @@ int TestEncoding(int, RecordEncodingInfo *info) {
 }
 void TestWall(struct timeval *now) { *now = g_wall; }
 uint32_t TestUptime() { return g_uptime; }
-uint32_t TestRecordClock() { return static_cast<uint32_t>(g_wall.tv_sec); }
+time_t TestRecordClock() { return g_wall.tv_sec; }
 
 constexpr uint32_t kStartTime = 1700000000;
 
@@ -232,6 +232,39 @@ TEST_F(FrameWriterTest, FrameTimesIgnoreLargeWallClockSteps) {
         EXPECT_EQ(GetSectionInfoHead()->m_u32EndTime, kStartTime + c.expectedShift) << c.wallStep;
         LS_RecordClose();
     }
+}
+
+// Frame times go on past 2038-01-19 03:14:07 UTC unchanged; past the card's
+// last second (2106-02-07 06:28:15 UTC) a frame is not written at all.
+TEST_F(FrameWriterTest, FrameTimesSpan2038AndStopAtTheLastCardSecond) {
+    g_wall = {0x7ffffffe, 0};
+    Open();
+    ASSERT_EQ(Write(kH264Key), 0);
+    for (int second = 0; second < 2; ++second) {
+        g_wall.tv_sec += 1;
+        g_uptime += 1;
+        ASSERT_EQ(Write(second == 0 ? kH264Other : kH264Key), 0);
+    }
+    EXPECT_EQ(GetSectionInfoHead()->m_u32StartTime, 0x7ffffffeu);
+    EXPECT_EQ(GetSectionInfoHead()->m_u32EndTime, 0x80000000u);
+    EXPECT_EQ(Entry(1).m_u32Time, 0x80000000u);
+    ExpectIndexAccountsForEveryFrame("2038");
+    LS_RecordClose();
+
+    g_wall = {0xfffffffe, 0};
+    Open();
+    ASSERT_EQ(Write(kH264Key), 0);
+    g_wall.tv_sec += 1;
+    g_uptime += 1;
+    ASSERT_EQ(Write(kH264Other), 0);
+    uint32_t size = GetSectionInfoHead()->m_u32SectionSize;
+    g_wall.tv_sec += 1;
+    g_uptime += 1;
+    EXPECT_EQ(Write(kH264Key), -1);
+    EXPECT_EQ(Write(kH264Other), -1);
+    EXPECT_EQ(GetSectionInfoHead()->m_u32EndTime, 0xffffffffu);
+    EXPECT_EQ(GetSectionInfoHead()->m_u32SectionSize, size);
+    ExpectIndexAccountsForEveryFrame("2106");
 }
 
 // Rotation swaps the recorded size; descriptor-marked key frames get an

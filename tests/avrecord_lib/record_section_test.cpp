@@ -8,8 +8,8 @@
 
 namespace {
 
-uint32_t g_now = 0;
-uint32_t FakeNow() { return g_now; }
+time_t g_now = 0;
+time_t FakeNow() { return g_now; }
 
 class RecordSectionTest : public testing::Test {
 protected:
@@ -52,6 +52,27 @@ TEST_F(RecordSectionTest, SectionsFollowInTheCurrentFile) {
     ASSERT_EQ(Open(), 0);
     EXPECT_EQ(section_.m_u16SectionNo, kMaxSectionNo);
     EXPECT_EQ(AV_RecordFileConfigParamGet(&info_, &file_, nullptr, 1), -1);
+}
+
+// Past 2038-01-19 03:14:07 UTC a start time is stored as it is; a clock
+// before 1970 or past 2106-02-07 06:28:15 UTC opens nothing.
+TEST_F(RecordSectionTest, SectionStartsSpan2038AndStopAt2106) {
+    g_now = 0x7fffffff;
+    ASSERT_EQ(Open(), 0);
+    g_now = 0x80000005;
+    ASSERT_EQ(Open(), 0);
+    EXPECT_EQ(file_.m_u32StartTime, 0x7fffffffu);
+    EXPECT_EQ(section_.m_u32StartTime, 0x80000005u);
+    EXPECT_EQ(section_.m_u16SectionNo, 2);
+
+    FileInfoHead file = file_;
+    SectionInfoHead section = section_;
+    for (time_t refused : {time_t{0x100000000}, time_t{-1}}) {
+        g_now = refused;
+        EXPECT_EQ(Open(), -1) << refused;
+        EXPECT_EQ(memcmp(&file, &file_, sizeof file), 0) << refused;
+        EXPECT_EQ(memcmp(&section, &section_, sizeof section), 0) << refused;
+    }
 }
 
 TEST_F(RecordSectionTest, JoinsThePreviousRunWithinTwoSeconds) {

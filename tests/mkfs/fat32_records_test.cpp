@@ -45,6 +45,12 @@ TEST(Fat32RecordsTest, DirectoryTimesAndClusters) {
     Fat32Stamp stamp = Fat32StampOf(1709214359);  // 2024-02-29 13:45:59
     EXPECT_EQ(stamp.time, 13 << 11 | 45 << 5 | 29);
     EXPECT_EQ(stamp.date, 44 << 9 | 2 << 5 | 29);
+    // A clock outside the directory's 1980..2107 gets the nearest end.
+    EXPECT_EQ(Fat32StampOf(0).date, 0 << 9 | 1 << 5 | 1);
+    EXPECT_EQ(Fat32StampOf(0).time, 0);
+    EXPECT_EQ(Fat32StampOf(4354819200).date, 127 << 9 | 12 << 5 | 31);  // 2108-01-01
+    EXPECT_EQ(Fat32StampOf(4354819199).date, 127 << 9 | 12 << 5 | 31);  // 2107-12-31 23:59:59
+    EXPECT_EQ(Fat32StampOf(4294967296).date, 126 << 9 | 2 << 5 | 7);    // 2106-02-07, past the card's range
 
     Fat32LongNameEntry longEntry;
     Fat32ShortEntry shortEntry;

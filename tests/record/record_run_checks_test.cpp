@@ -29,6 +29,7 @@ RunTurn QuietTurn() {
     t.sectionEndTime = 1010;
     t.sinceBootDuration = 10;
     t.currentDuration = 10;
+    t.clockInCardRange = true;
     return t;
 }
 
@@ -72,6 +73,8 @@ TEST(RecordRunChecksTest, EachConditionOnItsOwn) {
         {"file full", [](RunTurn &t) { t.fileDataSize = 0xF900000; }, RunEnd::kFileFull},
         {"file just below full", [](RunTurn &t) { t.fileDataSize = 0xF900000 - 1; }, RunEnd::kNone},
         {"stop", [](RunTurn &t) { t.stopRequested = 1; }, RunEnd::kStop},
+        {"clock past the card's range, stop pending",
+         [](RunTurn &t) { t.clockInCardRange = false, t.stopRequested = 1; }, RunEnd::kClockOutOfRange},
     };
     for (const auto &c : cases) {
         RunTurn turn = QuietTurn();

@@ -117,7 +117,7 @@ private:
 struct RunClock {
     static inline uint32_t start = 0;
     static inline uint32_t videoFrames = 0;
-    static uint32_t Now() { return start + videoFrames / kFps; }
+    static time_t Now() { return start + videoFrames / kFps; }
     static void Wall(struct timeval *now) { *now = {static_cast<time_t>(Now()), 0}; }
     static uint32_t Uptime() { return 1000 + videoFrames / kFps; }
     static int Encoding(int, RecordEncodingInfo *info) {

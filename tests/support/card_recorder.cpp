@@ -9,7 +9,7 @@
 
 namespace {
 uint32_t g_recorderClock = 0;
-uint32_t RecorderClock() { return g_recorderClock; }
+time_t RecorderClock() { return g_recorderClock; }
 }  // namespace
 
 bool CardRecorder::StartSection(uint32_t startTime) {

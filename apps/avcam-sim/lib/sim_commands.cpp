@@ -8,6 +8,7 @@
 #include <ctime>
 #include <thread>
 
+#include "common/card_time.h"
 #include "ipc/alarm_shm.h"
 #include "ipc/sysv_ipc.h"
 #include "ipc/watchdog_shm.h"
@@ -85,7 +86,7 @@ int SimAlarm(const SimArgs &args) {
     if (shmId < 0) return SimFail(kSimExitFailed, error);
     AlarmShmEntry entry{};
     entry.Status = args[1] == "on" ? 1 : 0;
-    entry.Time = static_cast<uint32_t>(time(nullptr));
+    entry.Time = CardTimeNowOrZero();
     IpcShareMemWrite(shmId, static_cast<size_t>(source) * sizeof entry, &entry, sizeof entry);
     return kSimExitOk;
 }

@@ -191,7 +191,7 @@ void IndexChecker::CheckFrameRate(uint32_t fileNo, uint32_t slot, const SectionI
         Add(fileNo, slot, "frame rate %u fps is none a camera records", rate);
         return;
     }
-    if (section.m_u32EndTime < section.m_u32StartTime + kRateJudgeSeconds) return;
+    if (section.m_u32EndTime < uint64_t{section.m_u32StartTime} + kRateJudgeSeconds) return;
     uint64_t seconds = section.m_u32EndTime - section.m_u32StartTime;
     uint64_t frames = section.m_u32VideoFrameSum;
     if (frames > kRateSlackAbove * rate * (seconds + 1) || frames * kRateSlackBelow < rate * seconds) {

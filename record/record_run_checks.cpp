@@ -11,7 +11,7 @@ constexpr int kDayEndSecond = 59;
 
 bool IsDayEnd(const RunTurn &turn) {
     return IsLastSecondOfDay(turn.hour, turn.minute, turn.second) &&
-           turn.sectionEndTime > turn.sectionStartTime + 1;
+           turn.sectionEndTime > uint64_t{turn.sectionStartTime} + 1;
 }
 
 }  // namespace

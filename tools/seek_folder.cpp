@@ -12,6 +12,7 @@
 #include <cstring>
 #include <string>
 
+#include "common/card_time.h"
 #include "common/log.h"
 #include "tools/calendar_time.h"
 #include "tools/file_utils.h"
@@ -130,8 +131,10 @@ int SeekCurrentFolderFile(const char *dir, uint32_t startTime, uint32_t endTime,
             LogTrace("%s %d File is more than %d\n", __func__, __LINE__, MAX_FILE_NUMBER);
             break;
         }
+        // The end stops at the card's last second rather than wrap to 1970.
         uint32_t start = static_cast<uint32_t>(named);
-        FileListEntry *entry = FileListAdd(pFileListInfo, name, start, start + kFolderFileDuration);
+        uint32_t end = static_cast<uint32_t>(std::min<int64_t>(named + kFolderFileDuration, kCardTimeLast));
+        FileListEntry *entry = FileListAdd(pFileListInfo, name, start, end);
         entry->u32FileSize = FileUtilsGetFileSize(JoinPath(dir, name).c_str());
     }
     *count = pFileListInfo->s32FileNum;

@@ -47,7 +47,7 @@ int TestEncoding(int, RecordEncodingInfo *info) {
 }
 void TestWall(struct timeval *now) { *now = g_wall; }
 uint32_t TestUptime() { return g_uptime; }
-uint32_t TestRecordClock() { return static_cast<uint32_t>(g_wall.tv_sec); }
+time_t TestRecordClock() { return g_wall.tv_sec; }
 
 int WriteFrame(const Bytes &frame, int kind, uint8_t mark) {
     AVDataInfo info{};

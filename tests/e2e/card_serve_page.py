@@ -132,11 +132,13 @@ def timed_clicks(b, section, start):
 
 
 def seek_bar_and_pause(b):
+    """No native seek bar; the page's button pauses and plays on."""
     check(b.evaluate("!document.getElementById('video').controls"), "the video shows its own seek bar")
-    b.click_element("#play-pause")
-    b.wait_for("document.getElementById('video').paused", TIMEOUT, "pausing")
-    b.click_element("#play-pause")
-    b.wait_for("!document.getElementById('video').paused", TIMEOUT, "playing on")
+    paused = "document.getElementById('video').paused"
+    was = b.evaluate(paused)
+    for want in (not was, was):
+        b.click_element("#play-pause")
+        b.wait_for(f"{paused} === {json.dumps(want)}", TIMEOUT, "pausing" if want else "playing on")
 
 
 def make_clip(b, downloads, start, offset):

@@ -400,13 +400,14 @@ void FileScanner::Scan(RecoveredFile *result) {
             at = FindResync(at);
             continue;
         }
-        if (IsRecordHeader(at)) {
+        // A frame, or else the record file header of a new section.
+        ScannedFrame f;
+        bool read = ReadFrame(at, &f);
+        if (!read && IsRecordHeader(at)) {
             Open(at, remnantMode_);
             at += kRecordFileHeaderSize;
             continue;
         }
-        ScannedFrame f;
-        bool read = ReadFrame(at, &f);
         if (read && current_ && Continues(*current_, f)) {
             Add(f);
             at = f.next;
@@ -675,10 +676,10 @@ void SetAsideUnreached(CardRecovery *r) {
     }
 }
 
-void RebuildHeader(CardRecovery *r, uint32_t fileSum) {
+void RebuildHeader(CardRecovery *r, uint32_t fileSum, uint32_t configValue) {
     RecordConfigInfo was = r->header;
     RecordConfigInfo &h = r->header;
-    AV_RecordConfigInfoInit(&h, r->indexReadable ? was.m_u32RecordConfigValue : 0, fileSum);
+    AV_RecordConfigInfoInit(&h, r->indexReadable ? was.m_u32RecordConfigValue : configValue, fileSum);
     h.m_u32FileInfoHeadNo = NewestFile(*r);
     bool wrapped = false;
     for (uint32_t n = h.m_u32FileInfoHeadNo + 1; n < fileSum; ++n)
@@ -796,7 +797,7 @@ void ViewRecords(const RecoveredFile &f, FileInfoHead *record, std::vector<Secti
 
 }  // namespace
 
-int RecoverCard(const std::string &cardDir, CardRecovery *recovery, std::string *why,
+int RecoverCard(const std::string &cardDir, CardRecovery *recovery, std::string *why, uint32_t configValue,
                 RecoveryProgress progress) {
     CardRecovery &r = *recovery;
     r = CardRecovery{};
@@ -825,7 +826,7 @@ int RecoverCard(const std::string &cardDir, CardRecovery *recovery, std::string 
     if (HeaderAgrees(r, fileSum)) {
         SetAsideUnreached(&r);
     } else {
-        RebuildHeader(&r, fileSum);
+        RebuildHeader(&r, fileSum, configValue);
     }
     RecoverEvents(cardDir, &r);
     return 0;

@@ -49,10 +49,12 @@ struct CardRecovery {
 typedef void (*RecoveryProgress)(uint32_t fileNo, uint32_t fileSum);
 
 // Scans the card directory (ending with '/') and rebuilds its index in
-// memory. Nothing is written. 0, or -1 with the reason when the card holds
-// no media files.
+// memory. Nothing is written. configValue goes into a header that has to be
+// built anew (the formatter stores the card's size in MiB there; the field
+// is never interpreted). 0, or -1 with the reason when the card holds no
+// media files.
 int RecoverCard(const std::string &cardDir, CardRecovery *recovery, std::string *why,
-                RecoveryProgress progress = nullptr);
+                uint32_t configValue = 0, RecoveryProgress progress = nullptr);
 
 // The bytes that differ from the card, per card file: where and what.
 struct FilePatch {

@@ -75,6 +75,11 @@ struct FileInfoHead;
 // frames and record type, as info --json and the page's API give them.
 JsonLine &AddFileRecord(JsonLine &line, uint32_t fileNo, const FileInfoHead &file);
 
+// What a header rebuilt for the card takes as its stored configuration
+// value: for --image, the size in MiB of the image or device, as the
+// formatter writes it; 0 for a card directory.
+uint32_t CardConfigValue(const CardArgs &args);
+
 // True when --recover is in force and the section is a remnant of an earlier
 // lap of the circular recording (frames the index no longer describes).
 bool CardSectionIsRemnant(uint32_t fileNo, uint32_t sectionNo);

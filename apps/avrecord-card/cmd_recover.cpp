@@ -146,7 +146,7 @@ int RunRecover(const CardArgs &args) {
         return CardFail(args, kExitUsage, "--backup goes with --write");
     CardRecovery recovery;
     std::string why;
-    if (RecoverCard(args.card, &recovery, &why) != 0)
+    if (RecoverCard(args.card, &recovery, &why, CardConfigValue(args)) != 0)
         return CardFail(args, kExitCardProblem, "%s", why.c_str());
     uint64_t frames = 0, remnantFrames = 0;
     for (uint32_t n = 0; n < recovery.files.size(); ++n) {

@@ -1,4 +1,5 @@
 // avrecord-card: format, prepare, inspect and read AVRecord cards.
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,12 +10,15 @@
 
 #include "avrecord_lib/index_check.h"
 #include "card_command.h"
+#include "common/file_io.h"
 #include "common/platform_paths.h"
 #include "tools/card_image_io.h"
 #include "tools/card_recovery.h"
 #include "tools/recovered_view.h"
 
 namespace {
+
+constexpr unsigned kBytesToMiBShift = 20;
 
 std::vector<CardCommand> &Registry() {
     static std::vector<CardCommand> commands;
@@ -114,7 +118,7 @@ bool g_recoveredView = false;
 // read of the card; nothing is written.
 int InstallRecoveredView(const CardArgs &args) {
     std::string why;
-    if (RecoverCard(args.card, &g_recovered, &why) != 0)
+    if (RecoverCard(args.card, &g_recovered, &why, CardConfigValue(args)) != 0)
         return CardFail(args, kExitCardProblem, "%s", why.c_str());
     RecoveredViewInstall(args.card, RecoveryPatches(g_recovered, true));
     g_recoveredView = true;
@@ -143,6 +147,15 @@ void WarnIfDamaged(const CardArgs &args) {
 }
 
 }  // namespace
+
+uint32_t CardConfigValue(const CardArgs &args) {
+    if (!args.Has("--image")) return 0;
+    int fd = PosixFileIo().open(args.Get("--image").c_str(), O_RDONLY | O_CLOEXEC, 0);
+    if (fd < 0) return 0;
+    int64_t bytes = PosixFileIo().seek(fd, 0, SEEK_END);
+    PosixFileIo().close(fd);
+    return bytes > 0 ? static_cast<uint32_t>(static_cast<uint64_t>(bytes) >> kBytesToMiBShift) : 0;
+}
 
 bool CardSectionIsRemnant(uint32_t fileNo, uint32_t sectionNo) {
     return g_recoveredView && RecoveryIsRemnant(g_recovered, fileNo, sectionNo);

@@ -107,6 +107,9 @@ RecordEncodingSource g_encodingSource = CameraEncodingSource;
 std::string g_cardDir;  // empty: the card mount point
 WriterStepHook g_stepHook = nullptr;
 std::atomic<uint32_t> g_syncSeconds{0};  // flush interval, 0: none
+// Every log line about a frame names the writer's own function, its helpers
+// included: field logs are searched by it.
+constexpr const char kWriterFunction[] = "libAVRecordWriteFrame";
 
 void Step(WriterStep step) {
     if (g_stepHook != nullptr) g_stepHook(step);
@@ -150,8 +153,8 @@ void StartSection(WriterState &w, uint16_t codec) {
     w.param.u16VideoParamA = static_cast<uint16_t>(e.u32VideoParamA);
     w.param.u16VideoParamB = static_cast<uint16_t>(e.u32VideoParamB);
     FillAudioParams(w);
-    LogTrace("%s %d : Now RotateAngle  %d, width = %d, height = %d  framerate = %d  \n", __func__, __LINE__,
-             static_cast<int>(e.u32RotateMode), w.param.u16Width, w.param.u16Height,
+    LogTrace("%s %d : Now RotateAngle  %d, width = %d, height = %d  framerate = %d  \n", kWriterFunction,
+             __LINE__, static_cast<int>(e.u32RotateMode), w.param.u16Width, w.param.u16Height,
              static_cast<int>(e.u32FrameRate));
 
     SectionMediaParam media{w.param.u16Width, w.param.u16Height, static_cast<uint8_t>(e.u32FrameRate),
@@ -161,10 +164,10 @@ void StartSection(WriterState &w, uint16_t codec) {
 
     g_wallClock(&w.refWall);
     w.refUptime = g_uptimeClock();
-    LogTrace(kRuleLine, __func__, __LINE__);
-    LogTrace("%s %d : m_u8AudioCodeType = %#x \n", __func__, __LINE__, section->m_u8AudioCodeType);
-    LogPlayTime(__func__, __LINE__, w.refWall.tv_sec);
-    LogTrace(kRuleLine, __func__, __LINE__);
+    LogTrace(kRuleLine, kWriterFunction, __LINE__);
+    LogTrace("%s %d : m_u8AudioCodeType = %#x \n", kWriterFunction, __LINE__, section->m_u8AudioCodeType);
+    LogPlayTime(kWriterFunction, __LINE__, w.refWall.tv_sec);
+    LogTrace(kRuleLine, kWriterFunction, __LINE__);
 }
 
 // Uptime-based time, or the wall clock while it stays within tolerance; -1
@@ -204,7 +207,7 @@ void WriteKeyFrameEntry(WriterState &w, uint32_t time, uint32_t length, uint8_t 
     AV_RecordKeyFrameEntryWrite(w.mediaFd, KeyFrameEntryOffset(GetFileInfoHead()->m_u32KeyFrameSum), &entry);
     struct tm tmv {};
     CardTimeLocal(time, &tmv);
-    LogTrace("%s %d: ##keyType = %d  KeyFrameTime. %04d-%02d-%02d %02d:%02d:%02d ##\n", __func__, __LINE__,
+    LogTrace("%s %d: ##keyType = %d  KeyFrameTime. %04d-%02d-%02d %02d:%02d:%02d ##\n", kWriterFunction, __LINE__,
              keyType, tmv.tm_year + 1900, tmv.tm_mon + 1, tmv.tm_mday, tmv.tm_hour, tmv.tm_min, tmv.tm_sec);
 }
 
@@ -235,7 +238,7 @@ void SyncIfDue(WriterState &w) {
     if (now - w.lastSync < interval) return;
     w.lastSync = now;
     if (AVFileDataSync(w.mediaFd) != 0 || AVFileDataSync(w.indexFd) != 0)
-        LogTrace("%s %d: fdatasync failed, errno %d\n", __func__, __LINE__, errno);
+        LogTrace("%s %d: fdatasync failed, errno %d\n", kWriterFunction, __LINE__, errno);
 }
 
 bool Recording(const WriterState &w, int channel) {

@@ -15,6 +15,9 @@ constexpr uint8_t kAudioId = 0xC0;
 constexpr int kPesPtsAt = 9;
 constexpr int kPackTimeAt = 14;
 constexpr uint32_t kStartCodeSize = 4;
+// Every log line of the reader names the reader's own function, its
+// helpers included: field logs are searched by it.
+constexpr const char kReaderFunction[] = "libAVRecordPlayBackGetPSFrame";
 
 // One call's target and limits.
 struct FrameTarget {
@@ -61,19 +64,20 @@ int GatherVideoPes(FrameTarget &t, uint32_t at, bool keyFrame, uint32_t *next) {
         if (pos < 0 || !IsPes(header, kVideoId)) break;
         int payload = PesPayloadLength(header);
         if (payload < 0) {
-            LogReadError(__func__, __LINE__, at);
+            LogReadError(kReaderFunction, __LINE__, at);
             return -1;
         }
         if ((keyFrame && t.length > kPSKeyFrameReadLimit) || !Fits(t, payload)) {
-            LogTrace("%s %d : lenth %d error!\n", __func__, __LINE__, static_cast<int>(t.length));
-            LogReadError(__func__, __LINE__, at);
+            LogTrace("%s %d : lenth %d error!\n", kReaderFunction, __LINE__, static_cast<int>(t.length));
+            LogReadError(kReaderFunction, __LINE__, at);
             return -1;
         }
         uint32_t payloadAt = static_cast<uint32_t>(pos) + kPesHeaderSize;
         if (payload > 0 && AV_RecordStreamInfoRead(t.fd, payloadAt, t.buf + t.length, payload) < 0 &&
             (keyFrame || t.bounded)) {
-            LogTrace("%s %d : FileOffset %d error!\n", __func__, __LINE__, static_cast<int>(payloadAt));
-            LogReadError(__func__, __LINE__, at);
+            LogTrace("%s %d : FileOffset %d error!\n", kReaderFunction, __LINE__,
+                     static_cast<int>(payloadAt));
+            LogReadError(kReaderFunction, __LINE__, at);
             return -1;
         }
         t.length += static_cast<uint32_t>(payload);
@@ -90,7 +94,7 @@ int ReadAudio(FrameTarget &t, uint32_t pos, const uint8_t *header, uint32_t *off
         int payload = PesPayloadLength(header);
         if (payload < 0 || !Fits(t, payload) ||
             (payload > 0 && AV_RecordStreamInfoRead(t.fd, pos + kPesHeaderSize, t.buf, payload) < 0)) {
-            LogReadError(__func__, __LINE__, pos);
+            LogReadError(kReaderFunction, __LINE__, pos);
             return -1;
         }
         t.length = static_cast<uint32_t>(payload);
@@ -98,7 +102,7 @@ int ReadAudio(FrameTarget &t, uint32_t pos, const uint8_t *header, uint32_t *off
         next = pos + kPesHeaderSize + t.length;
     }
     if (next == 0) {
-        LogTrace("%s %d Audio FileOffset Error Error!!!!\n", __func__, __LINE__);
+        LogTrace("%s %d Audio FileOffset Error Error!!!!\n", kReaderFunction, __LINE__);
         return -1;
     }
     *type = kPSFrameAudio;
@@ -110,7 +114,7 @@ int ReadVideo(FrameTarget &t, uint32_t pos, uint32_t *offset) {
     uint8_t next4[kStartCodeSize];
     uint32_t behindPack = pos + kPackHeaderSize;
     if (AV_RecordStreamInfoRead(t.fd, behindPack, next4, sizeof next4) < 0 || !IsStartCode(next4)) {
-        LogTrace("%s %d AV_RecordStreamInfoRead System Head Fail \n", __func__, __LINE__);
+        LogTrace("%s %d AV_RecordStreamInfoRead System Head Fail \n", kReaderFunction, __LINE__);
         return -1;
     }
     uint32_t next = 0;
@@ -118,17 +122,18 @@ int ReadVideo(FrameTarget &t, uint32_t pos, uint32_t *offset) {
         // The system header and stream map are fixed; the PES packets follow.
         if (GatherVideoPes(t, pos + kKeyFrameHeadersSize, true, &next) < 0) return -1;
         if (next == 0) {
-            LogTrace("%s %d FileOffset Error!!!!\n", __func__, __LINE__);
+            LogTrace("%s %d FileOffset Error!!!!\n", kReaderFunction, __LINE__);
             return -1;
         }
     } else if (next4[3] == kVideoId) {
         if (GatherVideoPes(t, behindPack, false, &next) < 0) return -1;
         if (next == 0) {
-            LogTrace("%s %d FileOffset Error FileOffset = %d \n", __func__, __LINE__, static_cast<int>(next));
+            LogTrace("%s %d FileOffset Error FileOffset = %d \n", kReaderFunction, __LINE__,
+                     static_cast<int>(next));
             return -1;
         }
     } else {
-        LogTrace("%s %d Read Data Error databuf = %#x %#x %#x %#x !!!!\n", __func__, __LINE__, 0, 0, 1,
+        LogTrace("%s %d Read Data Error databuf = %#x %#x %#x %#x !!!!\n", kReaderFunction, __LINE__, 0, 0, 1,
                  next4[3]);
         return -1;
     }
@@ -141,11 +146,11 @@ int GetPSFrame(FrameTarget &t, uint32_t *offset, int *type, uint32_t *length, ui
     uint8_t head[kPackHeaderSize];
     int pos = AV_RecordStreamInfoRead(t.fd, *offset, head, sizeof head);
     if (pos < 0) {
-        LogReadError(__func__, __LINE__, *offset);
+        LogReadError(kReaderFunction, __LINE__, *offset);
         return -1;
     }
     if (!IsStartCode(head)) {
-        LogTrace("%s %d :pack_start_code Error FileOffset = %d \n", __func__, __LINE__,
+        LogTrace("%s %d :pack_start_code Error FileOffset = %d \n", kReaderFunction, __LINE__,
                  static_cast<int>(*offset));
         return -1;
     }
@@ -159,7 +164,7 @@ int GetPSFrame(FrameTarget &t, uint32_t *offset, int *type, uint32_t *length, ui
             if (wallTime != nullptr) *wallTime = Le32(head + kPackTimeAt);
         }
     } else {
-        LogTrace("%s %d : data error \n", __func__, __LINE__);
+        LogTrace("%s %d : data error \n", kReaderFunction, __LINE__);
         return -1;
     }
     if (result < 0) return -1;

@@ -36,14 +36,14 @@ uint32_t JoinLastRecordEnd(uint32_t now) {
     return now - lastEnd <= kSectionJoinSeconds ? lastEnd : now;
 }
 
-void LogSectionStart(uint32_t startTime) {
+void LogSectionStart(const char *caller, uint32_t startTime) {
     struct tm local {};
     CardTimeLocal(startTime, &local);
-    LogTrace("%s %d : ####################################################### \n", __func__, __LINE__);
-    LogTrace("%s %d: ## PlayTime. %04d-%02d-%02d %02d:%02d:%02d ##  startTime = %u\n", __func__, __LINE__,
+    LogTrace("%s %d : ####################################################### \n", caller, __LINE__);
+    LogTrace("%s %d: ## PlayTime. %04d-%02d-%02d %02d:%02d:%02d ##  startTime = %u\n", caller, __LINE__,
              local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
              startTime);
-    LogTrace("%s %d : ####################################################### \n", __func__, __LINE__);
+    LogTrace("%s %d : ####################################################### \n", caller, __LINE__);
 }
 
 }  // namespace
@@ -61,7 +61,7 @@ int AV_RecordFileConfigParamGet(RecordConfigInfo *info, FileInfoHead *file, Sect
     uint32_t now = 0;
     if (CardTimeForStore(RecordClockNow(), &now, "section start") != 0) return -1;
     uint32_t startTime = JoinLastRecordEnd(now);
-    LogSectionStart(startTime);
+    LogSectionStart(__func__, startTime);
     if (file->m_u32HeadFlag == kFileInfoHeadFlag) {
         if (startTime < file->m_u32StartTime) AV_RecordFileInfoHeadSetStartTime(file, startTime);
         AV_RecordFileInfoHeadAddRecordType(file, kRecordTypeNormal);

@@ -11,6 +11,8 @@
 namespace {
 
 constexpr size_t kWriteBufferSize = 1 << 20;
+// The formatter's log lines name it, also when a tool calls it with options.
+constexpr const char kFormatFunction[] = "mkfs_vfat";
 constexpr uint32_t kFat32Entry0 = 0x0FFFFF00 | kFat32Media;
 constexpr uint64_t kMaxTotalSectors = 0xFFFFFFFF;
 
@@ -162,7 +164,7 @@ int WriteFileSystem(int fd, const Fat32Layout &layout, uint32_t volumeId, time_t
 
 int MkfsVfatFormat(const char *device, MkfsCapacityInfo *capacity, int percent, const MkfsOptions &options,
                    Fat32Layout *layout) {
-    LogTrace("%s %d \n", __func__, __LINE__);
+    LogTrace("%s %d \n", kFormatFunction, __LINE__);
     if (device == nullptr || capacity == nullptr) return -1;
     time_t now = options.now != 0 ? options.now : time(nullptr);
     uint32_t volumeId = static_cast<uint32_t>(now);  // a serial number: the clock's low 32 bits will do

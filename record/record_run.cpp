@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <ctime>
 
@@ -294,7 +295,8 @@ int StartRecord(int nStreamType, int /*nDuration*/) {
     pthread_t alarmThread;
     int created = pthread_create(&alarmThread, nullptr, AlarmEventThread, nullptr);
     if (created != 0) {
-        LogTrace("%s %d errno %s\n", __func__, __LINE__, strerror(created));
+        errno = created;  // thread creation reports its error as its result
+        LogTrace("%s %d errno %s\n", __func__, __LINE__, strerror(errno));
         return -1;
     }
 

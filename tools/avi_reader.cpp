@@ -10,6 +10,8 @@
 namespace {
 
 constexpr int kChunkHeadSize = 12;
+// The walk over the top-level chunks logs as part of the head's parse.
+constexpr const char kParserHeadFunction[] = "AF_ParserHead";
 constexpr int kMainHeaderReadSize = 64;
 constexpr uint32_t kMicrosPerSecond = 1000000;
 
@@ -56,7 +58,7 @@ bool WalkTopLevel(AviContext &ctx) {
     for (int64_t pos = kChunkHeadSize; pos < end; pos = AviTell(ctx.iAviFd)) {
         ChunkHead h;
         if (!ReadChunkHead(ctx.iAviFd, &h) || h.size < 0) return false;
-        PrintChunk(__func__, __LINE__, h);
+        PrintChunk(kParserHeadFunction, __LINE__, h);
         int32_t after = static_cast<int32_t>(pos + kChunkHeadSize);
         if (Is(h.type, "hdrl")) {
             ctx.iHeaderSize = after - 4;

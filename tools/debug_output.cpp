@@ -21,6 +21,8 @@
 namespace {
 
 constexpr const char kSourceName[] = "libDebugOutput";
+// A client is taken in by the listen thread; its lines name that thread.
+constexpr const char kListenFunction[] = "ListenSocketThread";
 constexpr int kListenBacklog = 5;
 constexpr int kClientSendBufferSize = 1048576;
 constexpr int kReceiveBufferSize = 10240;
@@ -72,18 +74,18 @@ void PrepareClient(int fd) {
 }
 
 void AcceptClient(int listenFd) {
-    printf("%s %d\n", __func__, __LINE__);
+    printf("%s %d\n", kListenFunction, __LINE__);
     sockaddr_in peer{};
     socklen_t peerLength = sizeof(peer);
     int fd = accept4(listenFd, reinterpret_cast<sockaddr *>(&peer), &peerLength, SOCK_CLOEXEC);
     if (fd < 0) {
-        printf("%s %d: Accept fd < 0\n", __func__, __LINE__);
+        printf("%s %d: Accept fd < 0\n", kListenFunction, __LINE__);
         usleep(kAcceptRetryWait);
         return;
     }
-    printf("%s %d : A stupid connect!ip = %s, port = %d\n", __func__, __LINE__, inet_ntoa(peer.sin_addr),
-           peer.sin_port);
-    printf("///////%s %d : ..........fd = %d\n", __func__, __LINE__, fd);
+    printf("%s %d : A stupid connect!ip = %s, port = %d\n", kListenFunction, __LINE__,
+           inet_ntoa(peer.sin_addr), peer.sin_port);
+    printf("///////%s %d : ..........fd = %d\n", kListenFunction, __LINE__, fd);
     PrepareClient(fd);
     if (libDebugOutputRedirect(fd) != 0) {
         close(fd);

@@ -23,17 +23,17 @@ int DeleteFailed(const char *function, int line, int result) {
     return -1;
 }
 
-// Removes one entry of a folder being deleted.
-int DeleteEntry(const char *path) {
+// Removes one entry of a folder being deleted; logs under the caller's name.
+int DeleteEntry(const char *caller, const char *path) {
     struct stat st;
-    if (lstat(path, &st) != 0) return DeleteFailed(__func__, __LINE__, -1);
+    if (lstat(path, &st) != 0) return DeleteFailed(caller, __LINE__, -1);
     if (S_ISDIR(st.st_mode)) {
-        LogTrace("%s %d: %s is dir\n", __func__, __LINE__, path);
+        LogTrace("%s %d: %s is dir\n", caller, __LINE__, path);
         return FileUtilsDeleteFolder(path);
     }
-    LogTrace("%s %d: %s is file\n", __func__, __LINE__, path);
+    LogTrace("%s %d: %s is file\n", caller, __LINE__, path);
     int result = remove(path);
-    return result == 0 ? 0 : DeleteFailed(__func__, __LINE__, result);
+    return result == 0 ? 0 : DeleteFailed(caller, __LINE__, result);
 }
 
 }  // namespace
@@ -71,7 +71,7 @@ int FileUtilsDeleteFolder(const char *path) {
             result = DeleteFailed(__func__, __LINE__, -1);
             break;
         }
-        if ((result = DeleteEntry(child)) != 0) break;
+        if ((result = DeleteEntry(__func__, child)) != 0) break;
     }
     closedir(dir);
     if (result != 0) return -1;

@@ -15,6 +15,9 @@
 namespace {
 
 constexpr uint32_t kMaxSearchSections = 250;
+// Every log line of a search names the search's own function, its helpers
+// and the search over a given card included: field logs are searched by it.
+constexpr const char kSeekFunction[] = "SeekFile";
 
 // Open index and event files of one search, closed when it ends.
 struct SeekFiles {
@@ -66,7 +69,7 @@ int SearchSections(int fd, uint32_t fileNo, const SeekQuery &q, FileListInfo *li
     if (AV_RecordFileInfoHeadAccecsFileNoRead(fd, fileNo, &file) != 0) return -1;
     if (file.m_u32RecordSectionSum >= kMaxSearchSections) file.m_u32RecordSectionSum = kMaxSearchSections;
     if (file.m_u32HeadFlag != kFileInfoHeadFlag) {
-        LogTrace("%s %d: AV_RecordFileInfoHeadAccecsFileNoRead NO File \n", __func__, __LINE__);
+        LogTrace("%s %d: AV_RecordFileInfoHeadAccecsFileNoRead NO File \n", kSeekFunction, __LINE__);
         return 0;
     }
     if (!FileTouchesRange(file.m_u32StartTime, file.m_u32EndTime, q)) return 0;
@@ -75,7 +78,7 @@ int SearchSections(int fd, uint32_t fileNo, const SeekQuery &q, FileListInfo *li
     for (uint32_t j = 0; j < file.m_u32RecordSectionSum; ++j) {
         const SectionInfoHead &s = sections[j];
         if (s.m_u32HeadFlag != kSectionInfoHeadFlag) {
-            LogTrace("%s %d: AV_RecordSectionInfoHeadRead m_u32RecordSectionSum = %d j = %d\n", __func__,
+            LogTrace("%s %d: AV_RecordSectionInfoHeadRead m_u32RecordSectionSum = %d j = %d\n", kSeekFunction,
                      __LINE__, file.m_u32RecordSectionSum, j);
             continue;
         }
@@ -96,16 +99,17 @@ int SearchEvents(int fd, uint32_t fileNo, const SeekQuery &q, FileListInfo *list
         (q.type == 0 && (info.m_u8AlarmType & 1) != 0)) {
         return 0;
     }
-    // A slot without events has no list to read.
-    if (info.m_u32AlarmEventSum == 0) return 0;
+    // A slot that claims events but counts none is refused by the list read,
+    // and fails the search like any other failed read.
     std::unique_ptr<AlarmEventEntry[]> entries(new AlarmEventEntry[kMaxAlarmEventSum]);
     if (AV_AlarmEventEntryListRead(fd, &info, entries.get()) != 0) return -1;
-    LogTrace("%s %d:No = %d m_u32AlarmFileNo = %d m_u32AlarmEventSum  = %d\n", __func__, __LINE__, fileNo,
-             info.m_u32AlarmFileNo, info.m_u32AlarmEventSum);
+    LogTrace("%s %d:No = %d m_u32AlarmFileNo = %d m_u32AlarmEventSum  = %d\n", kSeekFunction, __LINE__,
+             fileNo, info.m_u32AlarmFileNo, info.m_u32AlarmEventSum);
     for (uint32_t i = 0; i < info.m_u32AlarmEventSum; ++i) {
         const AlarmEventEntry &e = entries[i];
         if (e.m_u32HeadFlag != kAlarmEventEntryFlag) {
-            LogTrace("%s %d: AV_AlarmEventFileInfoRead End!!!! = %#x\n", __func__, __LINE__, e.m_u32HeadFlag);
+            LogTrace("%s %d: AV_AlarmEventFileInfoRead End!!!! = %#x\n", kSeekFunction, __LINE__,
+                     e.m_u32HeadFlag);
             continue;
         }
         uint32_t end = SeekFileMidnightCorrected(e.m_u32EndTime);
@@ -121,15 +125,15 @@ int SearchEvents(int fd, uint32_t fileNo, const SeekQuery &q, FileListInfo *list
 int OpenIndex(const std::string &cardDir, SeekFiles &files, RecordConfigInfo *info) {
     files.indexFd = AVFileOpen((cardDir + kIndexFileName).c_str(), kAVFileModeRead);
     if (files.indexFd < 0) {
-        LogTrace("%s %d: open file fail \n", __func__, __LINE__);
+        LogTrace("%s %d: open file fail \n", kSeekFunction, __LINE__);
         return -1;
     }
     if (AV_RecordConfigInfoRead(files.indexFd, info) < 0) {
-        LogTrace("%s %d: read file Head fail \n", __func__, __LINE__);
+        LogTrace("%s %d: read file Head fail \n", kSeekFunction, __LINE__);
         return -1;
     }
     if (AV_RecordConfigInfoCheck(info) != 0) {
-        LogTrace("%s %d: chek file Head fail \n", __func__, __LINE__);
+        LogTrace("%s %d: chek file Head fail \n", kSeekFunction, __LINE__);
         return -1;
     }
     return 0;
@@ -182,7 +186,7 @@ int SeekFileOnCard(const char *cardDir, uint16_t fileType, uint32_t startTime, u
         if (files.eventFd < 0) return -1;
     }
     pFileListInfo->s32FileNum = 0;
-    LogTrace("%s %d: m_u32RecordFileSum = %d  FileType = %d !!!\n", __func__, __LINE__,
+    LogTrace("%s %d: m_u32RecordFileSum = %d  FileType = %d !!!\n", kSeekFunction, __LINE__,
              info.m_u32RecordFileSum, fileType);
     SeekQuery query{fileType, startTime, endTime};
     // A damaged header may count far more files than an index can describe;

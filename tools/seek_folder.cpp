@@ -65,8 +65,8 @@ bool OpenOrLog(const DirStream &dir, const char *path) {
 
 // The files (or the sub-folders, as "dir/name" paths) of one directory with
 // the times their names give; the list is cleared first and holds at most
-// MAX_FILE_NUMBER entries.
-int ListFolder(const char *dir, FileListInfo *list, bool folders) {
+// MAX_FILE_NUMBER entries. Logs under the caller's name.
+int ListFolder(const char *caller, const char *dir, FileListInfo *list, bool folders) {
     if (dir == nullptr || list == nullptr) return -1;
     DirStream stream(dir);
     if (!OpenOrLog(stream, dir)) return -1;
@@ -76,7 +76,7 @@ int ListFolder(const char *dir, FileListInfo *list, bool folders) {
                               : stream.IsDirectory(name) == 0;
         if (!wanted) continue;
         if (list->s32FileNum >= MAX_FILE_NUMBER) {
-            LogTrace("%s %d: file number more than MAX_FILE_NUMBER\n", __func__, __LINE__);
+            LogTrace("%s %d: file number more than MAX_FILE_NUMBER\n", caller, __LINE__);
             break;
         }
         std::string entry = folders ? JoinPath(dir, name) : std::string(name);
@@ -142,11 +142,11 @@ int SeekCurrentFolderFile(const char *dir, uint32_t startTime, uint32_t endTime,
 }
 
 int FileUtilsCurrentFolderFileSeek(const char *dir, FileListInfo *pFileListInfo) {
-    return ListFolder(dir, pFileListInfo, false);
+    return ListFolder(__func__, dir, pFileListInfo, false);
 }
 
 int FileUtilsCurrentFolderSubFolderSeek(const char *dir, FileListInfo *pFileListInfo) {
-    return ListFolder(dir, pFileListInfo, true);
+    return ListFolder(__func__, dir, pFileListInfo, true);
 }
 
 int SeekFolder(const char *dir, int depth, SeekFolderVisitor visitor) {

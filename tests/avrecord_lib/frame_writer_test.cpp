@@ -17,6 +17,7 @@
 #include "avrecord_lib/record_index.h"
 #include "avrecord_lib/record_section.h"
 #include "common/file_io.h"
+#include "common/log.h"
 #include "support/card_fixture.h"
 #include "support/es_frames.h"
 #include "support/faulty_file_io.h"
@@ -463,6 +464,29 @@ TEST_F(FrameWriterTest, SecondCloseOfTheMediaDescriptorIsOnMinusOne) {
     SetFileIo(nullptr);
     ASSERT_EQ(closed.size(), 2u);  // the index and the media file, once each
     EXPECT_NE(closed[0], closed[1]);
+}
+
+// A frame's log lines (section start, key-frame entry, a failed flush) name
+// the writer's function: field logs are searched by it.
+TEST_F(FrameWriterTest, LogLinesNameTheWriteFunction) {
+    static FileIoOps failingSync = PosixFileIo();
+    failingSync.fdatasync = [](int) { return -1; };
+    LogEnable("test", 0);
+    Open();
+    SetFileIo(&failingSync);
+    LS_RecordSetSyncSeconds(1);
+    g_uptime += 5;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(Write(kH264Key), 0);
+    std::string log = testing::internal::GetCapturedStderr();
+    LS_RecordSetSyncSeconds(0);
+    SetFileIo(nullptr);
+    for (const char *line :
+         {"Now RotateAngle", "m_u8AudioCodeType", "PlayTime", "KeyFrameTime", "fdatasync failed"})
+        EXPECT_NE(log.find(line), std::string::npos) << line << "\n" << log;
+    EXPECT_TRUE(LogNamesFunction(log, "libAVRecordWriteFrame")) << log;
+    for (const char *helper : {"StartSection", "WriteKeyFrameEntry", "SyncIfDue"})
+        EXPECT_FALSE(LogNamesFunction(log, helper)) << helper << "\n" << log;
 }
 
 TEST_F(FrameWriterTest, ErrorsAndIgnoredFrames) {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "avrecord_lib/ps_packetizer.h"
+#include "common/log.h"
 #include "support/es_frames.h"
 #include "support/test_support.h"
 
@@ -191,14 +192,21 @@ TEST(PlaybackReaderErrors, MalformedPacketsFailWithoutMovingOn) {
         {"audio payload past the end",
          {0, 0, 1, 0xC0, 0x10, 0x00, 0x80, 0x80, 5, 0x21, 0, 1, 0x1C, 0x21, 0, 0, 0, 0}},
     };
+    LogEnable("test", 0);
     for (const Case &c : cases) {
         PsFile file;
         file.AddRaw(Bytes(8, 0));
         file.AddRaw(c.bytes);
         int fd = file.Open();
+        testing::internal::CaptureStderr();
         Frame f = Read(fd, 8);
+        std::string log = testing::internal::GetCapturedStderr();
         EXPECT_EQ(f.rc, -1) << c.name;
         EXPECT_EQ(f.offset, 8u) << c.name;
+        // Each failure's line names the reader's own function, not a helper.
+        EXPECT_TRUE(LogNamesFunction(log, "libAVRecordPlayBackGetPSFrame")) << c.name << "\n" << log;
+        for (const char *helper : {"GetPSFrame", "ReadAudio", "ReadVideo", "GatherVideoPes"})
+            EXPECT_FALSE(LogNamesFunction(log, helper)) << c.name << "\n" << log;
     }
     uint32_t offset = 0, length = 0;
     int type = 0;

@@ -5,6 +5,8 @@
 #include <cstring>
 
 #include "avrecord_lib/record_builder.h"
+#include "common/log.h"
+#include "support/test_support.h"
 
 namespace {
 
@@ -73,6 +75,17 @@ TEST_F(RecordSectionTest, SectionStartsSpan2038AndStopAt2106) {
         EXPECT_EQ(memcmp(&file, &file_, sizeof file), 0) << refused;
         EXPECT_EQ(memcmp(&section, &section_, sizeof section), 0) << refused;
     }
+}
+
+// The section's start time is logged under the function that opens it.
+TEST_F(RecordSectionTest, StartIsLoggedUnderTheOpeningFunction) {
+    LogEnable("test", 0);
+    testing::internal::CaptureStderr();
+    ASSERT_EQ(Open(), 0);
+    std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find("PlayTime"), std::string::npos) << log;
+    EXPECT_TRUE(LogNamesFunction(log, "AV_RecordFileConfigParamGet")) << log;
+    EXPECT_FALSE(LogNamesFunction(log, "LogSectionStart")) << log;
 }
 
 TEST_F(RecordSectionTest, JoinsThePreviousRunWithinTwoSeconds) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "common/log.h"
 #include "fat_image_reader.h"
 #include "support/faulty_file_io.h"
 #include "support/test_support.h"
@@ -133,10 +134,14 @@ TEST(MkfsVfatTest, WritesOnlyTheFileSystemNeverFileContents) {
     auto record = [](uint64_t bytes, uint64_t total, void *user) {
         static_cast<std::vector<uint64_t> *>(user)->push_back(bytes == total ? bytes : 0);
     };
+    LogEnable("test", 0);
     testing::internal::CaptureStderr();
     ASSERT_EQ(MkfsVfatFormat(path.c_str(), &capacity, 100, MkfsOptions{record, &done, kFormatTime}, nullptr),
               0);
-    testing::internal::GetCapturedStderr();
+    std::string log = testing::internal::GetCapturedStderr();
+    // A tool's call with options logs as the formatter itself.
+    EXPECT_TRUE(LogNamesFunction(log, "mkfs_vfat")) << log;
+    EXPECT_FALSE(LogNamesFunction(log, "MkfsVfatFormat")) << log;
     ASSERT_GT(done.size(), 1u);
     EXPECT_EQ(done.back(), firstFile) << "the last report covers everything up to the first file";
     EXPECT_EQ(ReadFileAt(path, firstFile, 13), "old recording");

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <stdexcept>
 
@@ -45,7 +46,9 @@ void ScopedRoot::WriteFile(const std::string &systemPath, const std::string &con
     WriteWholeFile(full, content);
 }
 
-std::string ScopedRoot::ReadFile(const std::string &systemPath) const { return ReadWholeFile(Under(systemPath)); }
+std::string ScopedRoot::ReadFile(const std::string &systemPath) const {
+    return ReadWholeFile(Under(systemPath));
+}
 
 TempDir::TempDir() : path_(MakeTempDirectory()) {}
 TempDir::~TempDir() { RemoveTree(path_); }
@@ -70,4 +73,8 @@ void MakeDirectories(const std::string &path) {
 void RemoveTree(const std::string &path) {
     std::error_code ignored;
     std::filesystem::remove_all(path, ignored);
+}
+
+bool LogNamesFunction(const std::string &log, const std::string &function) {
+    return std::regex_search(log, std::regex("(^|[^A-Za-z0-9_])" + function + "[ -][0-9]"));
 }

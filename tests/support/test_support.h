@@ -9,8 +9,8 @@
 bool InPrivateIpcNamespace();
 
 // Skips the current test when no private IPC namespace could be entered.
-#define REQUIRE_PRIVATE_IPC()                                                \
-    do {                                                                     \
+#define REQUIRE_PRIVATE_IPC()                                                     \
+    do {                                                                          \
         if (!InPrivateIpcNamespace()) GTEST_SKIP() << "no private IPC namespace"; \
     } while (0)
 
@@ -54,3 +54,7 @@ std::string ReadWholeFile(const std::string &path);
 void WriteWholeFile(const std::string &path, const std::string &content);
 void MakeDirectories(const std::string &path);
 void RemoveTree(const std::string &path);
+
+// True when a line of a captured log names `function` where log lines put
+// the calling function: right before the line number ("NAME 12", "NAME-12").
+bool LogNamesFunction(const std::string &log, const std::string &function);

@@ -1,6 +1,7 @@
 #include "tools/avi_reader.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -9,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "common/file_io.h"
 #include "support/test_support.h"
 #include "tools/avi_writer.h"
 #include "tools/test_helpers.h"
@@ -113,6 +115,48 @@ TEST(AviReaderTest, OddChunksAndUnfinishedExport) {
         AF_Close(ctx);
     }
     EXPECT_EQ(FilesIn(dir.path()), 2);
+}
+
+// The reader opens the AVI file for reading only: a file it may not write
+// (a read-only card, no write permission) still opens. The temporary index
+// beside it is the reader's own.
+TEST(AviReaderTest, ReadsAFileItMayNotWrite) {
+    TempDir dir;
+    std::string path = dir.File("clip.avi");
+    Export(path, kEvenChunks);
+    static FileIoOps readOnlyAvi = PosixFileIo();
+    readOnlyAvi.open = [](const char *file, int flags, mode_t mode) {
+        std::string name(file);
+        bool avi = name.size() > 4 && name.compare(name.size() - 4, 4, ".avi") == 0;
+        if (avi && (flags & O_ACCMODE) != O_RDONLY) {
+            errno = EROFS;
+            return -1;
+        }
+        return PosixFileIo().open(file, flags, mode);
+    };
+    SetFileIo(&readOnlyAvi);
+    AviContext *ctx = AF_Open(path.c_str());
+    SetFileIo(nullptr);
+    ASSERT_NE(ctx, nullptr);
+    EXPECT_EQ(ReadAll(ctx).size(), kEvenChunks.size());
+    EXPECT_EQ(AF_Close(ctx), 0);
+}
+
+// The walk over the top-level chunks is part of parsing the head, and its
+// lines say so.
+TEST(AviReaderTest, TopLevelChunksAreLoggedByTheHeadParse) {
+    TempDir dir;
+    std::string path = dir.File("clip.avi");
+    Export(path, kEvenChunks);
+    testing::internal::CaptureStdout();
+    AviContext *ctx = AF_Open(path.c_str());
+    fflush(stdout);
+    std::string log = testing::internal::GetCapturedStdout();
+    ASSERT_NE(ctx, nullptr);
+    AF_Close(ctx);
+    EXPECT_NE(log.find("Flag=LIST Size="), std::string::npos) << log;
+    EXPECT_TRUE(LogNamesFunction(log, "AF_ParserHead")) << log;
+    EXPECT_FALSE(LogNamesFunction(log, "WalkTopLevel")) << log;
 }
 
 TEST(AviReaderTest, ShortBufferLeavesRestOfChunk) {

@@ -134,6 +134,21 @@ TEST_F(DebugOutputTest, ClientReceivesBothOutputsWhileAttached) {
     EXPECT_EQ(StderrIdentity(), stderrIdentity_);
 }
 
+// The lines about a client taken in name the listen thread, whose work it is.
+TEST_F(DebugOutputTest, AcceptedClientIsLoggedByTheListenThread) {
+    testing::internal::CaptureStdout();
+    Attach();
+    close(first_);
+    first_ = -1;
+    bool restored = WaitFor([&] { return !StderrIsSocket(); });
+    fflush(stdout);
+    std::string log = testing::internal::GetCapturedStdout();
+    ASSERT_TRUE(restored);
+    EXPECT_NE(log.find("A stupid connect!"), std::string::npos) << log;
+    EXPECT_TRUE(LogNamesFunction(log, "ListenSocketThread")) << log;
+    EXPECT_FALSE(LogNamesFunction(log, "AcceptClient")) << log;
+}
+
 TEST_F(DebugOutputTest, SecondClientWaitsForTheFirst) {
     Attach();
     second_ = Connect(port_);

@@ -6,6 +6,7 @@
 
 #include <string>
 
+#include "common/log.h"
 #include "support/test_support.h"
 
 namespace {
@@ -31,9 +32,17 @@ TEST(FileUtilsTest, CreateAndDeleteTrees) {
     WriteWholeFile(dir.File("outside"), "keep");
     ASSERT_EQ(symlink(dir.File("outside").c_str(), dir.File("a/link").c_str()), 0);
     ASSERT_EQ(symlink(dir.path().c_str(), dir.File("a/b/dirlink").c_str()), 0);
+    LogEnable("test", 0);
+    testing::internal::CaptureStderr();
     ASSERT_EQ(FileUtilsDeleteFolder(dir.File("a").c_str()), 0);
+    std::string log = testing::internal::GetCapturedStderr();
     EXPECT_NE(access(dir.File("a").c_str(), F_OK), 0);
     EXPECT_EQ(ReadWholeFile(dir.File("outside")), "keep");  // links removed, never followed
+    // Every entry's line names the delete, not its per-entry helper.
+    EXPECT_NE(log.find("/a/b is dir"), std::string::npos) << log;
+    EXPECT_NE(log.find("/a/link is file"), std::string::npos) << log;
+    EXPECT_TRUE(LogNamesFunction(log, "FileUtilsDeleteFolder")) << log;
+    EXPECT_FALSE(LogNamesFunction(log, "DeleteEntry")) << log;
 }
 
 TEST(FileUtilsTest, SmallHelpers) {

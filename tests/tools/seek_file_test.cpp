@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "avrecord_lib/index_records.h"
+#include "common/log.h"
 #include "common/platform_paths.h"
 #include "support/card_fixture.h"
 #include "support/test_support.h"
@@ -166,6 +167,16 @@ TEST(SeekFileTest, Failures) {
     EXPECT_EQ(list->s32FileNum, 0);
     EXPECT_EQ(SeekFile(1, 0, 100, list.get()), -1);  // no event file
 
+    // An event slot that counts no events has no list to read: the search
+    // fails.
+    card.Header(1);
+    card.EventSlot(0, 10, 0);
+    EXPECT_EQ(SeekFile(1, 0, 100, list.get()), -1);
+    card.EventSlot(0, 10, 1);
+    card.Event(0, 0, 20, 30, 1);
+    EXPECT_EQ(SeekFile(1, 0, 100, list.get()), 0);
+    EXPECT_EQ(Names(*list), std::vector<std::string>{"he000000_000000.mp4"});
+
     // A read failure keeps what was found until then.
     card.Header(3);
     card.File(0, 10, 100, 1);
@@ -176,6 +187,33 @@ TEST(SeekFileTest, Failures) {
     WriteWholeFile(card.Index(), index.substr(0, SectionInfoHeadPosition(1, 1) + 10));
     EXPECT_EQ(SeekFile(2, 0, 100, list.get()), -1);
     EXPECT_EQ(Names(*list), std::vector<std::string>{"hi000000_000001.mp4"});
+}
+
+// Every line a search logs names the search's function, whichever helper
+// (index open, file walk, event walk) wrote it.
+TEST(SeekFileTest, LogLinesNameTheSearch) {
+    ScopedRoot root;
+    CardIndex card(root);
+    card.Header(2);
+    card.File(1, 10, 100, 1);
+    card.EventSlot(0, 10, 2);
+    card.Event(0, 0, 20, 30, 1);
+    MakeSparseFile(card.Index(), kIndexFileSize);
+    MakeSparseFile(card.Events(), kEventFileSize);
+    LogEnable("test", 0);
+    auto list = std::make_unique<FileListInfo>();
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(SeekFile(2, 0, 100, list.get()), 0);  // file 0 has no record
+    EXPECT_EQ(SeekFile(1, 0, 100, list.get()), 0);  // event 1 has no magic
+    card.Header(0, 0x12345678);
+    EXPECT_EQ(SeekFile(2, 0, 100, list.get()), -1);
+    std::string log = testing::internal::GetCapturedStderr();
+    for (const char *line :
+         {"NO File", "m_u32AlarmEventSum", "End!!!!", "m_u32RecordFileSum", "chek file Head"})
+        EXPECT_NE(log.find(line), std::string::npos) << line << "\n" << log;
+    EXPECT_TRUE(LogNamesFunction(log, "SeekFile")) << log;
+    for (const char *helper : {"SearchSections", "SearchEvents", "OpenIndex", "SeekFileOnCard"})
+        EXPECT_FALSE(LogNamesFunction(log, helper)) << helper << "\n" << log;
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "common/log.h"
 #include "support/test_support.h"
 #include "tools/test_helpers.h"
 
@@ -94,6 +95,22 @@ TEST(SeekFolderTest, CurrentFolderFileCountAndBound) {
     count = 1;
     ASSERT_EQ(SeekCurrentFolderFile(dir.path().c_str(), Local(10, 10), Local(10, 11), list.get(), &count), 0);
     EXPECT_EQ(count, 6);
+}
+
+// A folder's file list holds MAX_FILE_NUMBER files at most; the line that
+// says so names the listing function.
+TEST(SeekFolderTest, FileListStopsAtItsBound) {
+    TempDir dir;
+    for (int i = 0; i <= MAX_FILE_NUMBER; ++i) WriteWholeFile(dir.File(std::to_string(i)), "");
+    auto list = std::make_unique<FileListInfo>();
+    LogEnable("test", 0);
+    testing::internal::CaptureStderr();
+    ASSERT_EQ(FileUtilsCurrentFolderFileSeek(dir.path().c_str(), list.get()), 0);
+    std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(list->s32FileNum, MAX_FILE_NUMBER);
+    EXPECT_NE(log.find("file number more than MAX_FILE_NUMBER"), std::string::npos) << log;
+    EXPECT_TRUE(LogNamesFunction(log, "FileUtilsCurrentFolderFileSeek")) << log;
+    EXPECT_FALSE(LogNamesFunction(log, "ListFolder")) << log;
 }
 
 TEST(SeekFolderTest, DirectoryListings) {

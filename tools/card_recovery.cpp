@@ -321,6 +321,12 @@ void FileScanner::AddKeyEntry(const ScannedFrame &f, uint32_t size, uint32_t tim
 
 void FileScanner::Add(const ScannedFrame &f) {
     SectionScan &s = *current_;
+    if (s.broken) {
+        // The unreadable bytes in front of the frame stay the section's.
+        uint32_t skipped = f.offset - (s.record.m_u32SectionOffset + s.record.m_u32SectionSize);
+        AV_RecordSectionInfoHeadAddSize(&s.record, skipped);
+        AV_RecordFileInfoHeadAddDataSize(&file_, skipped);
+    }
     uint32_t size = f.next - f.offset;
     if (s.firstFrame) size += kRecordFileHeaderSize;
     uint32_t time = f.video ? f.time : s.lastVideoTime;
@@ -438,11 +444,6 @@ void FileScanner::Scan(RecoveredFile *result) {
             if (read && f.video && f.keyForm && at >= kRecordFileHeaderSize) continue;
         }
         at = FindResync(at + 1);
-        if (current_ && current_->broken) {
-            uint32_t skipped = at - gap;
-            AV_RecordSectionInfoHeadAddSize(&current_->record, skipped);
-            AV_RecordFileInfoHeadAddDataSize(&file_, skipped);
-        }
         unreadable_ += at - gap;
     }
     Close();

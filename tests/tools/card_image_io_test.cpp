@@ -79,6 +79,31 @@ TEST_F(CardImageIoTest, ReadsTheCardFilesAndWritesNothing) {
     EXPECT_EQ(Metadata(), before);
 }
 
+// Attached writable: a card file's bytes are overwritten in place, never
+// past its end, and the file system's metadata stays as it was.
+TEST_F(CardImageIoTest, WritableAttachOverwritesInsideFilesOnly) {
+    const std::string before = Metadata();
+    std::string card, why;
+    ASSERT_EQ(CardImageAttach(image_, &card, &why, true), 0) << why;
+    int fd = FileIo().open((card + kIndexFileName).c_str(), O_RDWR | O_CREAT, 0644);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(FileIo().seek(fd, kIndexFileSize - 4, SEEK_SET), kIndexFileSize - 4);
+    EXPECT_EQ(FileIo().write(fd, "tail", 4), 4);
+    errno = 0;
+    EXPECT_EQ(FileIo().write(fd, "x", 1), -1) << "wrote past the end of the file";
+    EXPECT_EQ(errno, EFBIG);
+    EXPECT_EQ(FileIo().fsync(fd), 0);
+    FileIo().close(fd);
+    for (int flags : {O_RDWR | O_TRUNC, O_WRONLY | O_APPEND}) {
+        EXPECT_EQ(FileIo().open((card + kIndexFileName).c_str(), flags, 0644), -1);
+        EXPECT_EQ(errno, EROFS);
+    }
+    EXPECT_EQ(FileIo().open((card + "index002.bin").c_str(), O_RDWR | O_CREAT, 0644), -1);
+    EXPECT_EQ(ReadThrough(card + kIndexFileName, -4, 4), "tail");
+    CardImageDetach();
+    EXPECT_EQ(Metadata(), before);
+}
+
 // Not a card of this recorder, or files not in one run: refused, and the
 // POSIX layer stays in force.
 TEST_F(CardImageIoTest, RefusesImagesItCannotReadByArithmetic) {

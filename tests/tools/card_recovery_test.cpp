@@ -284,6 +284,12 @@ TEST_F(CardRecoveryTest, UnreadableBytesInsideASectionDoNotEndIt) {
     EXPECT_EQ(rebuilt.sections[0].m_u32EndTime, kStart + 5);
     EXPECT_GT(rebuilt.unreadableBytes, 0u);
     EXPECT_TRUE(rebuilt.remnants.empty());
+    // The key frames behind the damage keep their entries.
+    ASSERT_EQ(rebuilt.keyFrames.size(), file.m_u32KeyFrameSum);
+    EXPECT_EQ(std::string(reinterpret_cast<const char *>(rebuilt.keyFrames.data()),
+                          rebuilt.keyFrames.size() * kKeyFrameEntrySize),
+              ReadFileAt(MediaFilePath(card_, 0), kKeyFrameTableOffset,
+                         file.m_u32KeyFrameSum * kKeyFrameEntrySize));
 }
 
 // Events survive where their records are whole; a damaged slot is cleared.

@@ -1,13 +1,9 @@
 #include "ipc/shm_block.h"
 
 #include <cstring>
-#include <initializer_list>
 
 #include "common/log.h"
-#include "ipc/alarm_shm.h"
-#include "ipc/sps_pps_shm.h"
 #include "ipc/sysv_ipc.h"
-#include "ipc/watchdog_shm.h"
 
 int ShmBlockOpen(ShmBlock *block) {
     memset(block->Image, 0, block->ImageSize);
@@ -44,10 +40,8 @@ void ShmBlockDeinit(ShmBlock *block) {
     ShmBlockWriteImage(block, 0, block->ImageSize);
 }
 
-void ShmBlocksResetForTest() {
-    for (ShmBlock *block : {AlarmShmBlock(), WatchDogShmBlock(), AVSpsPpsShmBlock()}) {
-        block->InitFlag = 0;
-        block->gShmId = -1;
-        memset(block->Image, 0, block->ImageSize);
-    }
+void ShmBlockResetForTest(ShmBlock *block) {
+    block->InitFlag = 0;
+    block->gShmId = -1;
+    memset(block->Image, 0, block->ImageSize);
 }

@@ -37,6 +37,6 @@ void ShmBlockReadImage(const ShmBlock *block, void *buffer);
 // the closed identifier (never called while the process runs normally).
 void ShmBlockDeinit(ShmBlock *block);
 
-// Test hook: forgets every block of the process (flags 0, identifiers -1,
-// images cleared) without touching the segments.
-void ShmBlocksResetForTest();
+// Test hook: forgets the block (flag 0, identifier -1, image cleared)
+// without touching the segment.
+void ShmBlockResetForTest(ShmBlock *block);

@@ -8,8 +8,6 @@
 #include <cstring>
 
 #include "common/file_io.h"
-#include "tools/avi_reader.h"
-#include "tools/avi_writer.h"
 
 namespace {
 
@@ -26,17 +24,8 @@ void CloseFile(int &fd) {
     fd = -1;
 }
 
-int OpenForMode(AviContext *ctx) {
-    if (ctx->iMode == kAviModeWrite) {
-        ctx->iAviFd = OpenFile(ctx->szPath, O_RDWR | O_CREAT | O_TRUNC);
-        return ctx->iAviFd >= 0 ? AviWriteHeader(*ctx) : -1;
-    }
-    // The reader never writes the AVI file itself.
-    ctx->iAviFd = OpenFile(ctx->szPath, O_RDONLY);
-    if (ctx->iAviFd < 0) return -1;
-    if (AF_ParserHead(ctx) != 0 || AF_ParserIndex(ctx) != 0) return -1;
-    return AF_SeekToFrame(ctx, 0);
-}
+// The reader never writes the AVI file itself.
+int AviFileFlags(int mode) { return mode == kAviModeWrite ? O_RDWR | O_CREAT | O_TRUNC : O_RDONLY; }
 
 }  // namespace
 
@@ -60,22 +49,24 @@ int AviOpen(AviContext *ctx, const char *path) {
     std::memcpy(ctx->szIndexPath, path, length);
     std::memcpy(ctx->szIndexPath + length, kAviIndexSuffix, sizeof(kAviIndexSuffix));
     ctx->iIndexFd = OpenFile(ctx->szIndexPath, O_RDWR | O_CREAT | O_TRUNC);
-    if (ctx->iIndexFd >= 0 && OpenForMode(ctx) == 0) return 0;
+    if (ctx->iIndexFd >= 0) ctx->iAviFd = OpenFile(ctx->szPath, AviFileFlags(ctx->iMode));
+    if (ctx->iAviFd >= 0) return 0;
+    AviClose(ctx);
+    return -1;
+}
+
+void AviClose(AviContext *ctx) {
+    bool indexCreated = ctx->iIndexFd >= 0;
     CloseFile(ctx->iAviFd);
     CloseFile(ctx->iIndexFd);
-    unlink(ctx->szIndexPath);
-    return -1;
+    if (indexCreated) unlink(ctx->szIndexPath);
 }
 
 int AviRelease(AviContext *ctx) {
     if (ctx == nullptr) return -1;
-    int result = 0;
-    if (ctx->iMode == kAviModeWrite && ctx->iAviFd >= 0 && ctx->iIndexFd >= 0) result = AviFinishFile(*ctx);
-    CloseFile(ctx->iAviFd);
-    CloseFile(ctx->iIndexFd);
-    unlink(ctx->szIndexPath);
+    AviClose(ctx);
     std::free(ctx);
-    return result;
+    return 0;
 }
 
 int AviReadSome(int fd, void *buf, int length) {

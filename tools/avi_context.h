@@ -49,13 +49,15 @@ struct AviContext {
 AviContext *AviCreateContext(int mode);
 
 // Opens path for the context's mode: the temporary index file beside it and
-// the AVI file (write: provisional header; read: head and index parsed and
-// positioned at the first chunk). Returns 0 or -1 (nothing left open).
+// the AVI file (write: created or emptied; read: for reading only). What
+// comes next in the file is the writer's or the reader's business. Returns 0
+// or -1 (nothing left open).
 int AviOpen(AviContext *ctx, const char *path);
 
-// Write mode: appends idx1 and rewrites the header with the final sizes.
-// Both modes: closes the files, removes the temporary index file and frees
-// the context. Returns 0, or -1 for a null context or a failed finish.
+// Closes the files and removes the temporary index file.
+void AviClose(AviContext *ctx);
+
+// Closes as AviClose and frees the context. 0, or -1 for a null context.
 int AviRelease(AviContext *ctx);
 
 // File helpers over FileIo(), shared by the writer and the reader.

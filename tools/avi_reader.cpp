@@ -123,7 +123,9 @@ bool FindMovi(AviContext &ctx) {
 
 AviContext *AF_Open(const char *path) {
     AviContext *ctx = AviCreateContext(kAviModeRead);
-    if (ctx != nullptr && AviOpen(ctx, path) != 0) {
+    if (ctx == nullptr) return nullptr;
+    if (AviOpen(ctx, path) != 0 || AF_ParserHead(ctx) != 0 || AF_ParserIndex(ctx) != 0 ||
+        AF_SeekToFrame(ctx, 0) != 0) {
         AviRelease(ctx);
         return nullptr;
     }

@@ -183,7 +183,9 @@ int H264ToAviStart(const char *path, int codec, int width, int height, int frame
         printf("[NO audio] %s %d \n", __func__, __LINE__);
     }
     g_aviContext = ctx;
-    AviOpen(ctx, path);
+    // A file that cannot be created (or given its header) is left closed:
+    // the frame writes then refuse.
+    if (AviOpen(ctx, path) == 0 && AviWriteHeader(*ctx) != 0) AviClose(ctx);
     return 0;
 }
 
@@ -205,7 +207,9 @@ int H264ToAviWriteFrame(const void *data, uint32_t length, int kind) {
 int H264ToAviStop() {
     if (g_aviContext == nullptr) return -1;
     printf("[IN]%s %d\n", __func__, __LINE__);
-    int result = AviRelease(g_aviContext);
+    AviContext *ctx = g_aviContext;
+    int result = ctx->iAviFd >= 0 && ctx->iIndexFd >= 0 ? AviFinishFile(*ctx) : 0;
+    AviRelease(ctx);
     g_aviContext = nullptr;
     printf("[OUT]%s %d\n", __func__, __LINE__);
     return result;

@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <ctime>
+#include <initializer_list>
 #include <vector>
 
 #include "common/log.h"
@@ -17,15 +18,21 @@
 
 namespace {
 
+// Forgets every block of the process.
+void ResetBlocks() {
+    for (ShmBlock *block : {AlarmShmBlock(), WatchDogShmBlock(), AVSpsPpsShmBlock()})
+        ShmBlockResetForTest(block);
+}
+
 class ShmBlocks : public ::testing::Test {
 protected:
     void SetUp() override {
         REQUIRE_PRIVATE_IPC();
         LogEnable("test", 0);
-        ShmBlocksResetForTest();
+        ResetBlocks();
         for (key_t key : {kAlarmShmKey, kWatchDogShmKey, kSpsPpsShmKey}) IpcShareMemRemoveByKey(key);
     }
-    void TearDown() override { ShmBlocksResetForTest(); }
+    void TearDown() override { ResetBlocks(); }
 
     template <typename T>
     std::vector<T> Segment(key_t key, size_t count) {

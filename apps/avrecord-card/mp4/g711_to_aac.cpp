@@ -11,7 +11,7 @@ extern "C" {
 #include <algorithm>
 #include <vector>
 
-#include "mp4_output.h"
+#include "mp4_error.h"
 
 namespace {
 

@@ -14,6 +14,7 @@ extern "C" {
 #include <cstring>
 
 #include "g711_to_aac.h"
+#include "mp4_error.h"
 #include "tools/adts_header.h"
 
 namespace {
@@ -81,12 +82,6 @@ bool ExtractParameterSets(AVCodecID codec, const uint8_t *key, uint32_t length, 
 }
 
 }  // namespace
-
-std::string Mp4ErrorText(int error) {
-    char text[AV_ERROR_MAX_STRING_SIZE] = "";
-    av_strerror(error, text, sizeof text);
-    return text;
-}
 
 // ADTS headers off, decoder configuration out of band.
 struct Mp4Output::AdtsFilter {

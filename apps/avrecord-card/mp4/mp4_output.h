@@ -90,6 +90,3 @@ private:
     std::string path_;
     std::string error_;
 };
-
-// FFmpeg's message for an error code.
-std::string Mp4ErrorText(int error);

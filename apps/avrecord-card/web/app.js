@@ -185,7 +185,8 @@ function drawAxis(svg, axisY) {
     const x = xOf(t);
     svgElement('line', { class: 'grid', x1: x, x2: x, y1: 0, y2: axisY }, svg);
     const label = clockText(t, step < 60);
-    if (x + label.length * LABEL_HALF_CHAR <= PLOT_LEFT + plotWidth() + PLOT_RIGHT) {
+    const half = label.length * LABEL_HALF_CHAR;
+    if (x - half >= 0 && x + half <= PLOT_LEFT + plotWidth()) {
       svgElement('text', { x, y: axisY + 14, 'text-anchor': 'middle' }, svg).textContent = label;
     }
   }

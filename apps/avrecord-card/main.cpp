@@ -9,6 +9,8 @@
 #include <cstring>
 
 #include "avrecord_lib/index_check.h"
+#include "avrecord_lib/record_file.h"
+#include "avrecord_lib/record_index.h"
 #include "card_command.h"
 #include "common/file_io.h"
 #include "common/platform_paths.h"
@@ -132,18 +134,41 @@ int InstallRecoveredView(const CardArgs &args) {
     return kExitOk;
 }
 
+// A quick look at the index for the warning below: the header, and each
+// file record in use with its section records (check does the full job,
+// reading every key-frame entry). An empty string when nothing is wrong.
+std::string IndexDamage(const std::string &cardDir) {
+    CardIndex index;
+    std::string reason;
+    if (LoadCardIndex(cardDir, &index, &reason) != 0) return reason;
+    int fd = AVFileOpen((cardDir + kIndexFileName).c_str(), kAVFileModeRead);
+    std::vector<SectionInfoHead> sections(kMaxSectionNo);
+    std::string damage;
+    for (uint32_t n = 0; n < index.files.size() && damage.empty(); ++n) {
+        const FileInfoHead &file = index.files[n];
+        if (file.m_u32HeadFlag != kFileInfoHeadFlag) continue;
+        bool whole = file.m_u32FileNo == n && file.m_u32RecordSectionSum != 0 &&
+                     AV_RecordSectionInfoHeadRead(fd, &file, sections.data()) == 0;
+        for (uint32_t slot = 1; whole && slot <= file.m_u32RecordSectionSum; ++slot) {
+            const SectionInfoHead &s = sections[slot - 1];
+            whole = s.m_u32HeadFlag == kSectionInfoHeadFlag && s.m_u16SectionNo == slot;
+        }
+        if (!whole) damage = "the records of media file " + std::to_string(n);
+    }
+    AVFileClose(fd);
+    return damage;
+}
+
 // Without --recover, a damaged index of a card with media files is named
 // before the command runs.
 void WarnIfDamaged(const CardArgs &args) {
     if (CardFileSize(CardMediaFilePath(args.card, 0)) < 0) return;  // no card there to recover
-    std::vector<IndexProblem> problems;
-    if (CheckCardIndex(args.card, &problems) == 0 && problems.empty()) return;
-    fprintf(
-        stderr,
-        "avrecord-card %s: the card's index is damaged (%s%s); --recover shows what the media files hold, "
-        "read-only (avrecord-card recover rebuilds the index)\n",
-        args.command.c_str(), problems.empty() ? "unreadable" : FormatIndexProblem(problems.front()).c_str(),
-        problems.size() > 1 ? ", ..." : "");
+    std::string damage = IndexDamage(args.card);
+    if (damage.empty()) return;
+    fprintf(stderr,
+            "avrecord-card %s: the card's index is damaged (%s); --recover shows what the media files hold, "
+            "read-only (avrecord-card recover rebuilds the index)\n",
+            args.command.c_str(), damage.c_str());
 }
 
 }  // namespace

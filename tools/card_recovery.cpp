@@ -251,14 +251,15 @@ uint32_t FileScanner::FindInChunk(uint32_t at, uint32_t n) {
         if (head == nullptr || (one != nullptr && one - 2 < head)) {
             const uint8_t *pack = one - 2;
             uint32_t where = at + static_cast<uint32_t>(pack - begin);
-            if (end - pack >= kPatternSize && memcmp(pack, kPackPattern, kPatternSize) == 0 &&
+            if (static_cast<uint32_t>(end - pack) >= kPatternSize &&
+                memcmp(pack, kPackPattern, kPatternSize) == 0 &&
                 libAVRecordPlayBackIsKeyFrame(fd_, where) == 1)
                 return where;
             one = next(one + 1, kPackPattern[2]);
         } else {
             uint32_t where = at + static_cast<uint32_t>(head - begin);
-            if (end - head >= kPatternSize && memcmp(head, kRecordFileHeader, kPatternSize) == 0 &&
-                IsRecordHeader(where))
+            if (static_cast<uint32_t>(end - head) >= kPatternSize &&
+                memcmp(head, kRecordFileHeader, kPatternSize) == 0 && IsRecordHeader(where))
                 return where;
             head = next(head + 1, kRecordFileHeader[0]);
         }
@@ -424,8 +425,8 @@ void FileScanner::Scan(RecoveredFile *result) {
         // opens a remnant. The section starts at the header's place, which
         // holds no frame of another section.
         bool fresh = read && f.video && f.keyForm && f.pts == CounterStamp(1);
-        if (read && f.video && f.keyForm && at >= frameEnd_ + kRecordFileHeaderSize &&
-            (fresh || (remnantMode_ && !current_))) {
+        bool canOpen = read && f.video && f.keyForm && at >= frameEnd_ + kRecordFileHeaderSize;
+        if (canOpen && (fresh || (remnantMode_ && !current_))) {
             Open(at - kRecordFileHeaderSize, remnantMode_);
             current_->counter = fresh ? 0 : CounterOfStamp(f.pts) - 1;
             Add(f);
@@ -441,7 +442,7 @@ void FileScanner::Scan(RecoveredFile *result) {
             Close();
             remnantMode_ = true;
             // A key frame that carries on no section starts a remnant.
-            if (read && f.video && f.keyForm && at >= kRecordFileHeaderSize) continue;
+            if (canOpen) continue;
         }
         at = FindResync(at + 1);
         unreadable_ += at - gap;

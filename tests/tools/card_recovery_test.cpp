@@ -292,6 +292,40 @@ TEST_F(CardRecoveryTest, UnreadableBytesInsideASectionDoNotEndIt) {
                          file.m_u32KeyFrameSum * kKeyFrameEntrySize));
 }
 
+// Random bytes anywhere in the stream: the scan ends, and what it rebuilds
+// never takes a byte into two sections or more frames than were recorded.
+TEST_F(CardRecoveryTest, RandomStreamDamageNeverOverlapsSections) {
+    RecordThreeSections();
+    const uint32_t dataSize = GetFileInfoHead()->m_u32DataSize;
+    const std::string media = MediaFilePath(card_, 0);
+    const std::string data = ReadFileAt(media, 0, dataSize);
+    uint32_t seed = 12345;
+    auto next = [&seed](uint32_t below) {
+        seed = seed * 1103515245 + 12345;
+        return (seed >> 8) % below;
+    };
+    for (int round = 0; round < 20; ++round) {
+        WriteFileAt(media, 0, data);
+        for (int patch = 0; patch < 3; ++patch) {
+            std::string junk(1 + next(2000), '\0');
+            for (char &c : junk) c = static_cast<char>(next(256));
+            WriteFileAt(media, next(dataSize), junk);
+        }
+        CardRecovery recovery;
+        std::string why;
+        ASSERT_EQ(RecoverCard(card_, &recovery, &why), 0) << why;
+        const RecoveredFile &f = recovery.files[0];
+        std::vector<SectionInfoHead> all = f.sections;
+        all.insert(all.end(), f.remnants.begin(), f.remnants.end());
+        uint32_t end = 0;
+        for (const SectionInfoHead &s : all) {
+            EXPECT_GE(s.m_u32SectionOffset, end) << "round " << round;
+            end = s.m_u32SectionOffset + s.m_u32SectionSize;
+        }
+        EXPECT_LE(f.frames + f.remnantFrames, 4u * 25 + 3 * 50 + 3 * 25) << "round " << round;
+    }
+}
+
 // Events survive where their records are whole; a damaged slot is cleared.
 TEST_F(CardRecoveryTest, EventSlotsAreKeptOrClearedAndAMissingFileIsNamed) {
     RecordThreeSections();

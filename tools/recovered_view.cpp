@@ -289,19 +289,24 @@ int RecoveryWriteOutput(const std::string &cardDir, const std::vector<CardFilePa
     return 0;
 }
 
-int64_t RecoveryWriteInPlace(const std::string &cardDir, const std::vector<CardFilePatches> &patches,
-                             std::string *why) {
-    // Every file first: it must be there and hold its records.
+int RecoveryCheckInPlace(const std::string &cardDir, const std::vector<CardFilePatches> &patches,
+                         std::string *why) {
     for (const CardFilePatches &p : patches) {
         int64_t size = CardFileSize(cardDir + p.name);
+        errno = 0;
         if (size < 0) return Fail(why, cardDir + p.name + " is missing; nothing was written");
         if (size < PatchEnd(p)) {
-            errno = 0;
             return Fail(why, cardDir + p.name + " is " + std::to_string(size) +
                                  " bytes, too short for its records (" + std::to_string(PatchEnd(p)) +
                                  "); it cannot be grown in place; nothing was written");
         }
     }
+    return 0;
+}
+
+int64_t RecoveryWriteInPlace(const std::string &cardDir, const std::vector<CardFilePatches> &patches,
+                             std::string *why) {
+    if (RecoveryCheckInPlace(cardDir, patches, why) != 0) return -1;
     // Key-frame tables, then the event file, the index last; inside a
     // file from the back, so the index header goes last of all.
     std::vector<const CardFilePatches *> order;

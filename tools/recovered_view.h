@@ -32,6 +32,11 @@ int RecoveryBackup(const std::string &cardDir, const std::string &dir, std::stri
 int RecoveryWriteOutput(const std::string &cardDir, const std::vector<CardFilePatches> &patches,
                         const std::string &dir, std::vector<std::string> *written, std::string *why);
 
+// 0 when every file of the patches is on the card and long enough for its
+// records (nothing is ever grown), else -1 with the reason.
+int RecoveryCheckInPlace(const std::string &cardDir, const std::vector<CardFilePatches> &patches,
+                         std::string *why);
+
 // Writes the patches that differ from the card into the card's files in
 // place: the key-frame tables first, then the event file, the index last
 // (its header after its records). Every file is checked for size before any

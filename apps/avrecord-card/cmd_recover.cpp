@@ -127,6 +127,9 @@ int Deliver(const CardArgs &args, const CardRecovery &recovery, std::string *don
         *done = "the index agrees with the media files; nothing written";
         return kExitOk;
     }
+    if (RecoveryCheckInPlace(args.card, patches, &why) != 0)
+        return CardFail(args, kExitCardProblem, "%s (--output DIR writes the rebuilt index elsewhere)",
+                        why.c_str());
     std::string backup = args.Has("--backup") ? args.Get("--backup") : DefaultBackupDir(args);
     if (RecoveryBackup(args.card, backup, &why) != 0)
         return CardFail(args, kExitCardProblem, "no backup, nothing written: %s", why.c_str());

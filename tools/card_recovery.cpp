@@ -583,6 +583,7 @@ void FileScanner::Merge(RecoveredFile *result) {
         result->remnantFrames += s.frames;
     }
     result->unreadableBytes = unreadable_;
+    result->indexed = old_.valid;
 }
 
 // Reads the old index: the header when it passes its check, and each
@@ -640,25 +641,35 @@ uint32_t CountMediaFiles(const std::string &cardDir) {
     return n;
 }
 
-// The newest file the writer recorded into: the latest end time.
-uint32_t NewestFile(const CardRecovery &r) {
+bool HasRecord(const RecoveredFile &f) { return f.record.m_u32HeadFlag == kFileInfoHeadFlag; }
+
+// The file the writer records into now. It leaves a file only once it is
+// full, so a file with data short of full is the current one; when every
+// file with data is full, the one recorded last (the latest end time).
+uint32_t CurrentFile(const CardRecovery &r) {
     uint32_t newest = 0;
     for (uint32_t n = 0; n < r.files.size(); ++n) {
         const FileInfoHead &f = r.files[n].record;
-        if (f.m_u32HeadFlag == kFileInfoHeadFlag && f.m_u32EndTime >= r.files[newest].record.m_u32EndTime)
-            newest = n;
+        if (HasRecord(r.files[n]) && !AV_RecordFileInfoHeadIsFull(&f)) return n;
+        if (HasRecord(r.files[n]) && f.m_u32EndTime >= r.files[newest].record.m_u32EndTime) newest = n;
     }
     return newest;
 }
 
-// Whether the old header's place in the circular order agrees with the data:
-// its current file is the one recorded last.
+// Whether the old header's place in the circular order agrees with the
+// data: its current file is the one being recorded, or, when that is full,
+// the file after it that the next section opens.
 bool HeaderAgrees(const CardRecovery &r, uint32_t fileSum) {
     const RecordConfigInfo &h = r.header;
-    return r.indexReadable && h.m_u32RecordFileSum == fileSum && h.m_u32FileInfoHeadNo < fileSum &&
-           h.m_u32RecordFileUsed <= fileSum &&
-           (r.files[h.m_u32FileInfoHeadNo].record.m_u32HeadFlag != kFileInfoHeadFlag ||
-            h.m_u32FileInfoHeadNo == NewestFile(r));
+    if (!r.indexReadable || h.m_u32RecordFileSum != fileSum || h.m_u32FileInfoHeadNo >= fileSum ||
+        h.m_u32RecordFileUsed > fileSum)
+        return false;
+    uint32_t current = CurrentFile(r);
+    const RecoveredFile &named = r.files[h.m_u32FileInfoHeadNo];
+    if (!HasRecord(r.files[current])) return true;  // nothing recorded: any place will do
+    if (h.m_u32FileInfoHeadNo == current) return true;
+    bool full = AV_RecordFileInfoHeadIsFull(&r.files[current].record);
+    return full && !HasRecord(named) && h.m_u32FileInfoHeadNo == (current + 1) % fileSum;
 }
 
 // Files the writer has not reached since the header was written hold data
@@ -668,13 +679,17 @@ void SetAsideUnreached(CardRecovery *r) {
     if (h.m_u32RecordFileUsed >= h.m_u32RecordFileSum) return;
     for (uint32_t n = h.m_u32FileInfoHeadNo + 1; n < r->files.size(); ++n) {
         RecoveredFile &f = r->files[n];
-        if (f.record.m_u32HeadFlag == kFileInfoHeadFlag || f.sections.empty()) continue;
+        if (f.indexed || f.sections.empty()) continue;
         f.remnants.insert(f.remnants.begin(), f.sections.begin(), f.sections.end());
         f.remnantKeys.insert(f.remnantKeys.begin(), f.keyFrames.begin(), f.keyFrames.end());
         f.remnantFrames += f.frames;
         f.sections.clear();
         f.keyFrames.clear();
         f.frames = 0;
+        f.record = FileInfoHead{};
+        r->changes.erase(std::remove_if(r->changes.begin(), r->changes.end(),
+                                        [n](const IndexProblem &p) { return p.fileNo == n; }),
+                         r->changes.end());
     }
 }
 
@@ -682,7 +697,7 @@ void RebuildHeader(CardRecovery *r, uint32_t fileSum, uint32_t configValue) {
     RecordConfigInfo was = r->header;
     RecordConfigInfo &h = r->header;
     AV_RecordConfigInfoInit(&h, r->indexReadable ? was.m_u32RecordConfigValue : configValue, fileSum);
-    h.m_u32FileInfoHeadNo = NewestFile(*r);
+    h.m_u32FileInfoHeadNo = CurrentFile(*r);
     bool wrapped = false;
     for (uint32_t n = h.m_u32FileInfoHeadNo + 1; n < fileSum; ++n)
         wrapped = wrapped || r->files[n].record.m_u32HeadFlag == kFileInfoHeadFlag;
@@ -844,7 +859,10 @@ std::vector<CardFilePatches> RecoveryPatches(const CardRecovery &r, bool withRem
         std::vector<SectionInfoHead> sections = f.sections;
         std::vector<KeyFrameEntry> keys = f.keyFrames;
         if (withRemnants) ViewRecords(f, &record, &sections, &keys);
-        AppendRecord(&index, FileInfoHeadPosition(n), &record, sizeof record);
+        // A file the index never described and the data does not either
+        // keeps its bytes.
+        if (HasRecord(f) || f.indexed || !sections.empty())
+            AppendRecord(&index, FileInfoHeadPosition(n), &record, sizeof record);
         AppendRecords(&index, SectionInfoHeadPosition(n, 1), sections);
         CardFilePatches media{CardMediaFilePath("", n), kMediaFileSize, {}};
         // The view shows a record file header where each section starts

@@ -31,6 +31,7 @@ struct RecoveredFile {
     uint64_t frames = 0;                     // frames (video and audio) of the sections
     uint64_t remnantFrames = 0;              // frames of the remnants
     uint64_t unreadableBytes = 0;            // stream bytes no frame could be read from
+    bool indexed = false;                    // the old index had a record of this file
 };
 
 struct CardRecovery {

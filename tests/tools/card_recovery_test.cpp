@@ -269,6 +269,22 @@ TEST_F(CardRecoveryTest, OverwrittenLapLeavesRemnantsOnlyInTheView) {
     EXPECT_EQ(Index(card_), index) << "the view wrote to the card";
 }
 
+// A file the writer has not reached since the header was written holds an
+// earlier use's recording: shown as a remnant, never written into the index.
+TEST_F(CardRecoveryTest, FilesTheWriterHasNotReachedHoldOnlyRemnants) {
+    Record(card_, kStart, 3);
+    std::string other = NewCard("other");
+    Record(other, kStart - 86400, 4);
+    WriteFileAt(MediaFilePath(card_, 1), 0, ReadFileAt(MediaFilePath(other, 0), 0, 200000));
+    const std::string index = Index(card_);
+    CardRecovery recovery;
+    EXPECT_EQ(RecoverToOutput(&recovery), index);
+    EXPECT_TRUE(recovery.changes.empty()) << FormatIndexProblem(recovery.changes.front());
+    EXPECT_NE(recovery.files[1].record.m_u32HeadFlag, kFileInfoHeadFlag);
+    ASSERT_EQ(recovery.files[1].remnants.size(), 1u);
+    EXPECT_EQ(recovery.files[1].remnants[0].m_u32StartTime, kStart - 86400);
+}
+
 // Bytes no frame can be read from inside the indexed data: the section goes
 // on behind them at its next key frame instead of ending there.
 TEST_F(CardRecoveryTest, UnreadableBytesInsideASectionDoNotEndIt) {

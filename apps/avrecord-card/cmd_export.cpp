@@ -24,6 +24,7 @@
 namespace {
 
 constexpr uint32_t kDefaultFrameRate = 25;
+constexpr char kStandardOutput[] = "-";  // as -o: write the export to standard output
 constexpr int kAudioBits = 16;
 
 enum class OutputKind { kAvi, kH264, kH265, kMp4 };
@@ -148,7 +149,8 @@ int WriteAvi(const CardArgs &args, const RecordingSpan &span, const Survey &surv
 
 int WriteElementaryStream(const CardArgs &args, const RecordingSpan &span, const Survey &survey,
                           const std::string &out, std::string *reason) {
-    FILE *file = fopen(out.c_str(), "wb");
+    bool toStdout = out == kStandardOutput;
+    FILE *file = toStdout ? stdout : fopen(out.c_str(), "wb");
     if (file == nullptr) {
         *reason = "cannot create " + out;
         return kExitUsage;
@@ -164,7 +166,7 @@ int WriteElementaryStream(const CardArgs &args, const RecordingSpan &span, const
             return written;
         },
         reason);
-    bool closed = fclose(file) == 0;
+    bool closed = (toStdout ? fflush(file) : fclose(file)) == 0;
     if (read != 0) return kExitCardProblem;
     if (!written || !closed) {
         *reason = "cannot write " + out;
@@ -173,9 +175,13 @@ int WriteElementaryStream(const CardArgs &args, const RecordingSpan &span, const
     return kExitOk;
 }
 
+// On standard error when standard output carries the stream itself.
 void Report(const CardArgs &args, const std::string &out, const Survey &survey) {
     const char *codec = survey.codec == kAviCodecH265 ? "h265" : "h264";
-    if (args.json) {
+    if (out == kStandardOutput) {
+        fprintf(stderr, "%u video frames (%s) written, %u audio frames left out\n", survey.video, codec,
+                survey.audio);
+    } else if (args.json) {
         JsonLine()
             .Add("file", out)
             .Add("codec", codec)
@@ -191,8 +197,6 @@ void Report(const CardArgs &args, const std::string &out, const Survey &survey) 
 // MP4 of a recording (name) or of a time range: remuxed by the clip library.
 // "-o -" streams it (fragmented) to standard output.
 int ExportMp4(const CardArgs &args, const std::string &out) {
-    if (out == "-" && isatty(STDOUT_FILENO))
-        return CardFail(args, kExitUsage, "standard output is a terminal: pipe it, or give -o FILE.mp4");
     ClipRequest request;
     request.cardDir = args.card;
     if (args.positional.size() == 1) {
@@ -209,7 +213,7 @@ int ExportMp4(const CardArgs &args, const std::string &out) {
     };
     ClipInfo info;
     std::string reason;
-    bool toStdout = out == "-";
+    bool toStdout = out == kStandardOutput;
     auto sink = [](const uint8_t *data, size_t length) { return fwrite(data, 1, length, stdout) == length; };
     int result = toStdout ? CardClipToStream(request, sink, progress, &info, &reason)
                           : CardClipToFile(request, out, progress, &info, &reason);
@@ -259,6 +263,13 @@ int RunExport(const CardArgs &args) {
     OutputKind kind;
     if (!OutputKindOf(args, out, &kind))
         return CardFail(args, kExitUsage, "needs -o OUT.mp4, OUT.avi, OUT.h264 or OUT.h265 (or --format)");
+    if (out == kStandardOutput) {
+        // An AVI's header is completed once every frame is written: it needs a file.
+        if (kind == OutputKind::kAvi)
+            return CardFail(args, kExitUsage, "AVI cannot go to standard output: give -o FILE.avi");
+        if (isatty(STDOUT_FILENO))
+            return CardFail(args, kExitUsage, "standard output is a terminal: pipe it, or give -o FILE");
+    }
     bool range = args.Has("--from") || args.Has("--to");
     if (kind == OutputKind::kMp4) {
 #ifdef AVRECORD_CARD_MP4
@@ -310,11 +321,11 @@ int RunExport(const CardArgs &args) {
 
 #ifdef AVRECORD_CARD_MP4
 #define AVR_EXPORT_USAGE                                                                                     \
-    "export NAME|--from TIME --to TIME -o OUT.mp4|-|OUT.avi|OUT.h264|OUT.h265 [--format mp4|avi|h264|h265] " \
+    "export NAME|--from TIME --to TIME -o OUT.mp4|OUT.avi|OUT.h264|OUT.h265|- [--format mp4|avi|h264|h265] " \
     "[--card DIR|--image PATH] [--json]"
 #else
-#define AVR_EXPORT_USAGE                                                                                   \
-    "export NAME -o OUT.avi|OUT.h264|OUT.h265 [--format avi|h264|h265] [--card DIR|--image PATH] [--json]" \
+#define AVR_EXPORT_USAGE                                                                                     \
+    "export NAME -o OUT.avi|OUT.h264|OUT.h265|- [--format avi|h264|h265] [--card DIR|--image PATH] [--json]" \
     "  (MP4 export is not part of this build)"
 #endif
 

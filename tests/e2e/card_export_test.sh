@@ -44,6 +44,14 @@ cmp -s "$work/clip.h264" "$work/a.h264" || fail "H.264 stream differs from the i
 expect 0 "$tool" export "$h265" -o "$work/b.h265" --card "$card"
 cmp -s "$work/clip.h265" "$work/b.h265" || fail "H.265 stream differs from the input"
 expect 2 "$tool" export "$h265" -o "$work/b.h264" --card "$card"
+# "-o -" puts the stream on standard output; an AVI (its header is completed
+# last) is refused there. Neither leaves a file named "-".
+(cd "$work" && "$tool" export "$h264" -o - --format h264 --card "$card" >"$work/s.h264") || fail "H.264 to -"
+cmp -s "$work/clip.h264" "$work/s.h264" || fail "H.264 stream on standard output differs from the input"
+err=$(cd "$work" && "$tool" export "$h264" -o - --format avi --card "$card" 2>&1 >/dev/null)
+[ $? = 2 ] && [ "$err" = "avrecord-card export: AVI cannot go to standard output: give -o FILE.avi" ] ||
+  fail "AVI to -: $err"
+[ ! -e "$work/-" ] || fail "export -o - wrote a file named -"
 
 # An alarm event 2 s into the H.264 section, 1 s long: from the key frame
 # before it to its end.

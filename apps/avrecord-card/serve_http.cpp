@@ -3,10 +3,12 @@
 #include <arpa/inet.h>
 #include <httplib.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -22,16 +24,31 @@
 #include "card_command.h"
 #include "serve_api.h"
 #include "serve_assets.h"
+#include "serve_connection.h"
 #include "tools/calendar_time.h"
 
 namespace {
 
 constexpr uint32_t kMaxClipSeconds = 3600;  // one hour
 constexpr size_t kMaxClipJobs = 32;         // the oldest finished clip goes first
-constexpr size_t kMaxPayload = 1024;        // no call takes a body
-constexpr time_t kReadTimeoutSeconds = 30;
-constexpr time_t kWriteTimeoutSeconds = 600;  // a paused video stops reading its stream
 constexpr int kMaxPort = 65535;
+// What one client may take of the server. Videos and clip downloads are
+// capped apart from the rest, and there are always handlers left for the
+// page and the API while the capped ones wait on slow viewers.
+constexpr ConnectionLimits kConnectionLimits{
+    8192,                      // bytes of request line and headers
+    2048,                      // bytes of request line
+    std::chrono::seconds(10),  // for a whole request head
+    std::chrono::seconds(5),   // idle between requests of one connection
+    std::chrono::seconds(30),  // for a viewer to take more of its stream
+};
+constexpr size_t kMaxKeepAliveRequests = 100;
+constexpr int kSendBufferBytes = 256 * 1024;  // what a stalled viewer holds of the kernel's memory
+constexpr unsigned kMaxStreams = 16;          // videos and clip downloads at once
+constexpr size_t kHandlerThreads = 128;       // the streams, and the rest beside them
+constexpr char kRetryAfterSeconds[] = "5";
+constexpr int kHttpMethodNotAllowed = 405;
+constexpr int kHttpUnavailable = 503;
 constexpr int kStopGraceTicks = 30;  // three seconds to finish after a signal
 constexpr std::chrono::milliseconds kStopTick(100);
 constexpr char kJson[] = "application/json";
@@ -198,6 +215,60 @@ private:
     std::thread worker_;
 };
 
+// Videos and clip downloads being sent; each holds a slot until its answer
+// is done (or its viewer is cut off).
+class StreamSlots {
+public:
+    // A slot to keep for as long as the answer is sent, or nullptr when
+    // all are taken.
+    std::shared_ptr<void> Take() {
+        if (used_.fetch_add(1) >= kMaxStreams) {
+            used_.fetch_sub(1);
+            return nullptr;
+        }
+        return std::make_shared<Slot>(used_);
+    }
+
+private:
+    struct Slot {
+        explicit Slot(std::atomic<unsigned> &used) : used(used) {}
+        ~Slot() { used.fetch_sub(1); }
+        std::atomic<unsigned> &used;
+    };
+    std::atomic<unsigned> used_{0};
+};
+
+void ReplyBusy(httplib::Response &res) {
+    res.set_header("Retry-After", kRetryAfterSeconds);
+    Reply(res,
+          ApiError(kHttpUnavailable, std::to_string(kMaxStreams) +
+                                         " videos and downloads are being sent already; try again shortly"));
+}
+
+// The library's server, with every connection read through a
+// ConnectionStream: request heads within their limits, no bodies, writes
+// that give up on a client that stops reading.
+class CardServer : public httplib::Server {
+private:
+    bool process_and_close_socket(socket_t sock) override {
+        setsockopt(sock, SOL_SOCKET, SO_SNDBUF, &kSendBufferBytes, sizeof kSendBufferBytes);
+        ConnectionStream stream(sock, kConnectionLimits);
+        for (size_t n = 0; n < kMaxKeepAliveRequests && is_running(); ++n) {
+            HeadStatus head = stream.ReadHead(n == 0);
+            if (head == HeadStatus::kClosed) break;
+            if (head != HeadStatus::kComplete) {
+                stream.Refuse(head);
+                break;
+            }
+            bool closed = false;
+            if (!process_request(stream, n + 1 == kMaxKeepAliveRequests, closed, nullptr) || closed) break;
+        }
+        shutdown(sock, SHUT_RDWR);
+        close(sock);
+        return true;
+    }
+};
+
 // The page's own files, nothing from the disk.
 bool ServeAsset(const httplib::Request &req, httplib::Response &res) {
     std::string path = req.path == "/" ? "/index.html" : req.path;
@@ -214,7 +285,7 @@ bool ServeAsset(const httplib::Request &req, httplib::Response &res) {
 // A request must name this server in its Host header: a web site that
 // points its own name at 127.0.0.1 gets nothing from the card.
 bool HostAllowed(const httplib::Request &req, const ServeOptions &options, int port) {
-    std::string host = req.get_header_value("Host");
+    std::string host = LowerCase(req.get_header_value("Host"));
     std::string suffix(1, ':');
     suffix += std::to_string(port);
     if (host.size() > suffix.size() && host.compare(host.size() - suffix.size(), suffix.size(), suffix) == 0)
@@ -222,6 +293,80 @@ bool HostAllowed(const httplib::Request &req, const ServeOptions &options, int p
     if (host.size() > 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
     if (!IsLoopbackHost(options.host)) return true;
     return IsLoopbackHost(host);
+}
+
+constexpr char kClipsPath[] = "/api/clips";
+
+// Starting a clip is the one call that takes POST; everything else is read
+// with GET (or HEAD).
+const char *AllowedMethods(const std::string &path) { return path == kClipsPath ? "POST" : "GET, HEAD"; }
+
+bool MethodAllowed(const httplib::Request &req) {
+    return req.path == kClipsPath ? req.method == "POST" : req.method == "GET" || req.method == "HEAD";
+}
+
+// A call that changes something must come from this server's own page:
+// a browser names the page's origin and site on it, and a page of any
+// other site is refused. Tools that send neither (curl) are taken.
+bool FromOwnPage(const httplib::Request &req) {
+    if (req.has_header("Sec-Fetch-Site") && req.get_header_value("Sec-Fetch-Site") != "same-origin")
+        return false;
+    return !req.has_header("Origin") ||
+           LowerCase(req.get_header_value("Origin")) == "http://" + LowerCase(req.get_header_value("Host"));
+}
+
+bool HasControlCharacter(const std::string &text) {
+    return std::any_of(text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; });
+}
+
+// The query as it was sent. The library's own parameter list folds a
+// repeated NAME=VALUE into one and passes over empty names, so the query is
+// split here: every part is NAME=VALUE with a name, and neither holds a
+// control character once decoded. An empty ApiReply body when it is sound.
+ApiReply ParseQuery(const httplib::Request &req, ApiQuery *query) {
+    size_t mark = req.target.find('?');
+    if (mark == std::string::npos || mark + 1 == req.target.size()) return ApiReply{kHttpOk, ""};
+    std::string text = req.target.substr(mark + 1);
+    for (size_t at = 0; at <= text.size();) {
+        size_t end = std::min(text.find('&', at), text.size());
+        std::string part = text.substr(at, end - at);
+        size_t equals = part.find('=');
+        if (equals == 0 || equals == std::string::npos)
+            return ApiError(kHttpBadRequest, "every parameter is NAME=VALUE, with a name");
+        std::string name = httplib::detail::decode_url(part.substr(0, equals), true);
+        std::string value = httplib::detail::decode_url(part.substr(equals + 1), true);
+        if (HasControlCharacter(name) || HasControlCharacter(value))
+            return ApiError(kHttpBadRequest, "a parameter holds a control character");
+        query->emplace(std::move(name), std::move(value));
+        at = end + 1;
+    }
+    return ApiReply{kHttpOk, ""};
+}
+
+// The query of a request Admit took.
+ApiQuery QueryOf(const httplib::Request &req) {
+    ApiQuery query;
+    ParseQuery(req, &query);
+    return query;
+}
+
+// Whether the server takes the request at all: the reply refusing it, or
+// status 0.
+ApiReply Admit(const httplib::Request &req, httplib::Response &res, const ServeOptions &options, int port) {
+    if (req.get_header_value_count("Host") > 1) return ApiError(kHttpBadRequest, "more than one Host header");
+    if (!HostAllowed(req, options, port))
+        return ApiError(kHttpForbidden, "this server answers to its loopback address only");
+    if (!MethodAllowed(req)) {
+        res.set_header("Allow", AllowedMethods(req.path));
+        return ApiError(kHttpMethodNotAllowed,
+                        req.method + " is not taken here; " + AllowedMethods(req.path) + " is");
+    }
+    if (req.method != "GET" && req.method != "HEAD" && !FromOwnPage(req))
+        return ApiError(kHttpForbidden,
+                        "calls that change something are taken from this server's own page only");
+    ApiQuery query;
+    ApiReply parsed = ParseQuery(req, &query);
+    return parsed.status == kHttpOk ? ApiReply{0, ""} : parsed;
 }
 
 // Decides a clip request: 202 with the job, or 400.
@@ -258,12 +403,13 @@ ApiReply FindPlayable(const std::string &cardDir, const ApiQuery &query, uint32_
 
 // Fragmented MP4 from the key frame at or before the moment, made while it
 // is sent: the browser shows the first frames before the rest is read.
-void StreamVideo(const std::string &cardDir, uint32_t at, uint32_t end, httplib::Response &res) {
+void StreamVideo(const std::string &cardDir, uint32_t at, uint32_t end, std::shared_ptr<void> slot,
+                 httplib::Response &res) {
     // The stream has no length to take ranges of: whatever range the
     // browser asks for, it gets the whole of it.
     res.status = kHttpOk;
     res.set_header("Cache-Control", "no-store");
-    res.set_chunked_content_provider("video/mp4", [cardDir, at, end](size_t, httplib::DataSink &sink) {
+    res.set_chunked_content_provider("video/mp4", [cardDir, at, end, slot](size_t, httplib::DataSink &sink) {
         ClipRequest request;
         request.cardDir = cardDir;
         request.from = at;
@@ -276,20 +422,25 @@ void StreamVideo(const std::string &cardDir, uint32_t at, uint32_t end, httplib:
                 return sink.is_writable() && sink.write(reinterpret_cast<const char *>(data), size);
             },
             nullptr, &info, &reason);
-        if (streamed != kClipOk && streamed != kClipCancelled)
+        if (streamed == kClipOk) {
+            sink.done();
+            return true;
+        }
+        // A stream cut short must not look finished: no last chunk, the
+        // connection just ends.
+        if (streamed != kClipCancelled)
             fprintf(stderr, "avrecord-card serve: playback stopped: %s\n", reason.c_str());
-        sink.done();
-        return true;
+        return false;
     });
 }
 
-void AddRoutes(httplib::Server &server, const std::string &cardDir, ClipJobs &jobs) {
+void AddRoutes(httplib::Server &server, const std::string &cardDir, ClipJobs &jobs, StreamSlots &slots) {
     using httplib::Request;
     using httplib::Response;
     auto card = [&server, cardDir](const char *path,
                                    ApiReply (*call)(const std::string &, const ApiQuery &)) {
         server.Get(path, [cardDir, call](const Request &req, Response &res) {
-            Reply(res, call(cardDir, req.params));
+            Reply(res, call(cardDir, QueryOf(req)));
         });
     };
     card("/api/days", ApiDays);
@@ -299,26 +450,32 @@ void AddRoutes(httplib::Server &server, const std::string &cardDir, ClipJobs &jo
     card("/api/play", ApiPlay);
     card("/api/info", ApiInfo);
     card("/api/check", ApiCheck);
-    server.Get("/api/video", [cardDir](const Request &req, Response &res) {
+    server.Get("/api/video", [cardDir, &slots](const Request &req, Response &res) {
         uint32_t at = 0, end = 0;
-        ApiReply found = FindPlayable(cardDir, req.params, &at, &end);
+        ApiReply found = FindPlayable(cardDir, QueryOf(req), &at, &end);
         if (found.status != kHttpOk) return Reply(res, found);
-        StreamVideo(cardDir, at, end, res);
+        std::shared_ptr<void> slot = slots.Take();
+        if (slot == nullptr) return ReplyBusy(res);
+        StreamVideo(cardDir, at, end, slot, res);
     });
-    server.Post("/api/clips", [cardDir, &jobs](const Request &req, Response &res) {
-        Reply(res, StartClip(cardDir, req.params, jobs));
+    server.Post(kClipsPath, [cardDir, &jobs](const Request &req, Response &res) {
+        Reply(res, StartClip(cardDir, QueryOf(req), jobs));
     });
     server.Get(R"(/api/clips/(\d{1,9}))", [&jobs](const Request &req, Response &res) {
-        ApiParams params(req.params, {});
+        ApiQuery query = QueryOf(req);
+        ApiParams params(query, {});
         if (!params.Ok()) return Reply(res, params.Error());
         Reply(res, jobs.Status(static_cast<unsigned>(std::stoul(req.matches[1]))));
     });
-    server.Get(R"(/api/clips/(\d{1,9})/file)", [&jobs](const Request &req, Response &res) {
-        ApiParams params(req.params, {});
+    server.Get(R"(/api/clips/(\d{1,9})/file)", [&jobs, &slots](const Request &req, Response &res) {
+        ApiQuery query = QueryOf(req);
+        ApiParams params(query, {});
         if (!params.Ok()) return Reply(res, params.Error());
         std::string path, name;
         if (!jobs.Finished(static_cast<unsigned>(std::stoul(req.matches[1])), &path, &name))
             return Reply(res, ApiError(kHttpNotFound, "no finished clip " + req.matches[1].str()));
+        std::shared_ptr<void> slot = slots.Take();
+        if (slot == nullptr) return ReplyBusy(res);
         auto file = std::make_shared<std::FILE *>(std::fopen(path.c_str(), "rb"));
         if (*file == nullptr) return Reply(res, ApiError(kHttpServerError, "clip file is gone"));
         std::error_code error;
@@ -326,7 +483,7 @@ void AddRoutes(httplib::Server &server, const std::string &cardDir, ClipJobs &jo
         res.set_header("Content-Disposition", "attachment; filename=\"" + name + "\"");
         res.set_content_provider(
             size, "video/mp4",
-            [file](size_t offset, size_t length, httplib::DataSink &sink) {
+            [file, slot](size_t offset, size_t length, httplib::DataSink &sink) {
                 char buffer[1 << 16];
                 if (fseeko(*file, static_cast<off_t>(offset), SEEK_SET) != 0) return false;
                 size_t got = fread(buffer, 1, std::min(length, sizeof buffer), *file);
@@ -340,23 +497,34 @@ void AddRoutes(httplib::Server &server, const std::string &cardDir, ClipJobs &jo
     });
 }
 
+// The listening socket may take over the port from a connection still
+// closing, but never shares it with a running server.
+void ListenSocketOptions(socket_t sock) {
+    int yes = 1;
+    setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+}
+
+const char *ErrorText(int status) {
+    return status == kHttpBadRequest ? "the request is not valid HTTP" : "request refused";
+}
+
 void SetUpServer(httplib::Server &server, const ServeOptions &options, const int *port) {
-    server.set_payload_max_length(kMaxPayload);
-    server.set_read_timeout(kReadTimeoutSeconds);
-    server.set_write_timeout(kWriteTimeoutSeconds);
+    server.new_task_queue = [] { return new httplib::ThreadPool(kHandlerThreads); };
+    server.set_socket_options(ListenSocketOptions);
     server.set_default_headers({{"X-Content-Type-Options", "nosniff"},
                                 {"Content-Security-Policy", "default-src 'self'; img-src 'self' data:"},
                                 {"Referrer-Policy", "no-referrer"}});
     server.set_pre_routing_handler([options, port](const httplib::Request &req, httplib::Response &res) {
-        if (HostAllowed(req, options, *port)) return httplib::Server::HandlerResponse::Unhandled;
-        Reply(res, ApiError(kHttpForbidden, "this server answers to its loopback address only"));
+        ApiReply refused = Admit(req, res, options, *port);
+        if (refused.status == 0) return httplib::Server::HandlerResponse::Unhandled;
+        Reply(res, refused);
         return httplib::Server::HandlerResponse::Handled;
     });
     // Errors the routes did not word themselves (an unknown method, say).
     server.set_error_handler(
         httplib::Server::HandlerWithResponse([](const httplib::Request &, httplib::Response &res) {
             if (!res.body.empty()) return httplib::Server::HandlerResponse::Unhandled;
-            Reply(res, ApiError(res.status, "request refused"));
+            Reply(res, ApiError(res.status, ErrorText(res.status)));
             return httplib::Server::HandlerResponse::Handled;
         }));
     server.set_exception_handler([](const httplib::Request &, httplib::Response &res, std::exception_ptr) {
@@ -417,7 +585,7 @@ bool ParseListenAddress(const std::string &text, std::string *host, int *port) {
 }
 
 bool IsLoopbackHost(const std::string &host) {
-    if (host == "localhost" || host == "::1") return true;
+    if (LowerCase(host) == "localhost" || host == "::1") return true;
     in_addr address;
     return inet_pton(AF_INET, host.c_str(), &address) == 1 && (ntohl(address.s_addr) >> 24) == 127;
 }
@@ -447,13 +615,18 @@ int ServeCard(const ServeOptions &options) {
     int status = kExitOk;
     auto stop = std::make_shared<StopState>();
     {
-        httplib::Server server;
+        StreamSlots slots;
+        CardServer server;
         ClipJobs jobs(options.cardDir, folder);
         SetUpServer(server, options, &port);
-        AddRoutes(server, options.cardDir, jobs);
+        AddRoutes(server, options.cardDir, jobs, slots);
+        errno = 0;
         port = options.port == 0 ? server.bind_to_any_port(options.host)
                                  : (server.bind_to_port(options.host, options.port) ? options.port : -1);
-        if (port < 0) {
+        if (port < 0 && errno == EADDRINUSE) {
+            fprintf(stderr, "avrecord-card serve: port %d is in use\n", options.port);
+            status = kExitUsage;
+        } else if (port < 0) {
             fprintf(stderr, "avrecord-card serve: cannot listen on %s:%d\n", options.host.c_str(),
                     options.port);
             status = kExitUsage;

@@ -12,6 +12,8 @@
 set -uo pipefail
 source "$(dirname "$0")/lib.sh"
 export TZ=UTC0
+clients="$AVRECORD_SOURCE_DIR/tests/e2e/card_serve_clients.py"
+field() { python3 -c 'import json, sys; print(json.load(open(sys.argv[1]))[sys.argv[2]])' "$1" "$2"; }
 card="$work/card"
 artefacts="$AVRECORD_BUILD_DIR/test-artefacts/serve"
 mkdir -p "$card" "$work/downloads" "$artefacts"
@@ -55,11 +57,16 @@ expect 2 "$tool" serve --card "$card" --listen 127.0.0.1
 expect 2 "$tool" serve --card "$card" --listen 127.0.0.1:65536
 expect 1 "$tool" serve --card "$work/nowhere"
 serve_card dir --card "$card"
+port=${url%/}
+port=${port##*:}
+# One server per port: a second one is refused.
+expect 2 timeout 5 "$tool" serve --card "$card" --listen "127.0.0.1:$port"
+[ "$err" = "avrecord-card serve: port $port is in use" ] || fail "second server on one port: $err"
 
-# get PATH [CURL ARGS...]: the body in $body, the status in $code.
+# get PATH [CURL ARGS...]: the body in $body, the status in $code, the headers in $work/headers.
 get() {
   local path=$1; shift
-  code=$(curl -s -o "$work/body" -w '%{http_code}' "$@" "$url${path#/}")
+  code=$(curl -s -o "$work/body" -D "$work/headers" -w '%{http_code}' "$@" "$url${path#/}")
   body=$(cat "$work/body")
 }
 
@@ -101,12 +108,15 @@ refused 400 "/api/sections?from=2026-02-30T08:00:00&to=$start"
 refused 400 "/api/sections?from=-1&to=5"
 refused 400 "/api/sections?from=99999999999999999999&to=5"
 refused 400 "/api/sections?from=1&to=2&from=3"
+refused 400 "/api/sections?from=1&to=5&to=5"
+refused 400 "/api/sections?from=1%00junk&to=5"
+refused 400 "/api/sections?from=1&to=5&=x"
+refused 400 "/api/days?="
 refused 400 "/api/sections?to=5"
 refused 400 "/api/sections?from=1&to=5&x=1"
 refused 400 "/api/events?from=1&to=5&type=3"
 refused 400 "/api/section?name=../../index000.bin"
 refused 400 "/api/check?frames=yes"
-refused 400 "/api/days?from=$(head -c 3000 /dev/zero | tr '\0' 1)"
 refused 400 "/api/clips?from=$start&to=$start" -X POST -d ''
 refused 400 "/api/clips?from=$start&to=$((start + 3601))" -X POST -d ''
 refused 404 "/api/clips?from=$((start - 100))&to=$((start - 50))" -X POST -d ''
@@ -116,6 +126,59 @@ refused 404 "/api/clips/777/file"
 refused 404 "/index000.bin"
 refused 404 "/../../etc/passwd" --path-as-is
 refused 403 "/api/days" -H "Host: card.example.com"
+printf 'GET /api/days HTTP/1.1\r\nHost: 127.0.0.1:%s\r\nHost: card.example.com\r\n\r\n' "$port" |
+  python3 "$clients" "$port" raw >"$work/raw.json"
+[ "$(field "$work/raw.json" status)" = 400 ] || fail "two Host headers: $(cat "$work/raw.json")"
+get /api/days -H "Host: LOCALHOST:$port"
+[ "$code" = 200 ] || fail "Host: LOCALHOST gave $code"
+
+# What HTTP says about a wrong method, what was too large, and bodies.
+refused 405 /api/days -X DELETE
+grep -q '^Allow: GET, HEAD' "$work/headers" || fail "405 without Allow: GET, HEAD"
+refused 405 /api/clips
+grep -q '^Allow: POST' "$work/headers" || fail "405 without Allow: POST"
+refused 414 "/api/days?from=$(head -c 3000 /dev/zero | tr '\0' 1)"
+[[ "$body" == *"request line is longer than 2048 bytes"* ]] || fail "414 says $body"
+refused 431 /api/days -H "X-Big: $(head -c 20000 /dev/zero | tr '\0' a)"
+[[ "$body" == *"request headers are larger than 8192 bytes"* ]] || fail "431 says $body"
+# No call takes a body, and none is read as parameters.
+refused 413 /api/clips -d "from=$start&to=$((start + 10))"
+[[ "$body" == *"no call here takes one"* ]] || fail "413 says $body"
+# A POST without Content-Length has no body: it is answered at once.
+refused 404 "/api/clips?from=$((start - 100))&to=$((start - 50))" -X POST --max-time 5
+# A header line of 64 MiB costs the server no more than a few KiB.
+memory() { sed -nE 's/^VmHWM:\s+([0-9]+) kB/\1/p' "/proc/$server/status"; }
+before=$(memory)
+python3 "$clients" "$port" bighead 64 >/dev/null
+[ $(($(memory) - before)) -lt 16384 ] || fail "a 64 MiB header took the server from $before kB to $(memory) kB"
+
+# Other sites' pages may not start clips; the server's own page may.
+clip="/api/clips?from=$start&to=$((start + 10))"
+refused 403 "$clip" -X POST -d '' -H "Origin: https://evil.example" -H "Sec-Fetch-Site: cross-site"
+refused 403 "$clip" -X POST -d '' -H "Origin: https://evil.example"
+refused 403 "$clip" -X POST -d '' -H "Sec-Fetch-Site: same-site"
+refused 404 /api/clips/1
+get "$clip" -X POST -d '' -H "Origin: ${url%/}" -H "Sec-Fetch-Site: same-origin"
+[ "$code" = 202 ] || fail "the page's own clip request gave $code $body"
+
+# Stuck clients: eight viewers that stop reading their stream, eight
+# request heads that stop halfway and one that comes a byte a second. The
+# API goes on answering; the heads are cut off with 408, the streams once
+# they have not moved for the write timeout (30 s), and a video plays again.
+python3 "$clients" "$port" stuck 8 8 1 $((start + 5)) 35 >"$work/stuck8.json"
+cat "$work/stuck8.json"
+[ "$(python3 -c 'import json, sys
+r = json.load(open(sys.argv[1]))
+print(r["days_status"], r["days_seconds_max"] < 1, r["streams_playing"], r["heads_cut"], r["heads_answers"],
+      r["streams_cut"], r["video_after"])' "$work/stuck8.json")" = "200 True 8 9 [408] 8 200" ] ||
+  fail "eight stuck clients: $(cat "$work/stuck8.json")"
+# Fifty of each: sixteen streams play, the others are told to come back later.
+python3 "$clients" "$port" stuck 50 50 0 $((start + 5)) 0 >"$work/stuck50.json"
+cat "$work/stuck50.json"
+[ "$(python3 -c 'import json, sys
+r = json.load(open(sys.argv[1]))
+print(r["days_status"], r["days_seconds_max"] < 1, r["streams_playing"], r["streams_busy"])' \
+  "$work/stuck50.json")" = "200 True 16 34" ] || fail "fifty stuck clients: $(cat "$work/stuck50.json")"
 get /api/info
 [ "$code" = 200 ] || fail "server down after bad requests: $code"
 get "/api/sections?from=0&to=4294967295"

@@ -1,6 +1,6 @@
 # AVRecord: `make test` builds every preset (camera, test, release,
 # sanitizer) and runs their tests, installing what it needs first.
-.PHONY: test deps build demo reliability camera
+.PHONY: test deps build demo reliability camera package
 
 deps:
 	@scripts/install-deps
@@ -25,3 +25,12 @@ demo:
 # symbols beside it), from the static armhf preset.
 camera: deps
 	@scripts/package
+
+# The PC card tool as a Debian package, dist/avrecord-card_<version>_<arch>.deb,
+# from the native release build.
+package: deps
+	cmake --preset release
+	cmake --build --preset release -j$$(nproc) --target avrecord-card avrecord-card-docs
+	rm -rf build-release/package
+	cpack --config build-release/CPackConfig.cmake -B build-release/package
+	mkdir -p dist && rm -f dist/avrecord-card_*.deb && cp build-release/package/avrecord-card_*.deb dist/

@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 namespace {
 
 int PosixOpen(const char *path, int flags, mode_t mode) { return ::open(path, flags, mode); }
@@ -29,3 +31,12 @@ const FileIoOps *g_fileIo = &kPosixFileIo;
 const FileIoOps &FileIo() { return *g_fileIo; }
 const FileIoOps &PosixFileIo() { return kPosixFileIo; }
 void SetFileIo(const FileIoOps *ops) { g_fileIo = ops != nullptr ? ops : &kPosixFileIo; }
+
+int64_t FileSeekTarget(int64_t position, int64_t size, int64_t offset, int whence) {
+    int64_t base = whence == SEEK_SET ? 0 : whence == SEEK_CUR ? position : whence == SEEK_END ? size : -1;
+    if (base < 0 || offset < -base) {
+        errno = EINVAL;
+        return -1;
+    }
+    return base + offset;
+}

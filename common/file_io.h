@@ -28,3 +28,9 @@ const FileIoOps &PosixFileIo();
 // Installs a table (nullptr restores the POSIX one). Not thread-safe: tests
 // swap it while no other thread does card I/O.
 void SetFileIo(const FileIoOps *ops);
+
+// For tables that serve a file from elsewhere (an image, memory): where a
+// seek of `offset` from `whence` lands in a file of `size` bytes read at
+// `position`; -1 with errno EINVAL for another whence or a place before the
+// start.
+int64_t FileSeekTarget(int64_t position, int64_t size, int64_t offset, int whence);

@@ -132,16 +132,9 @@ int ImageClose(int fd) {
 int64_t ImageSeek(int fd, int64_t offset, int whence) {
     OpenFile f;
     if (!Find(fd, &f)) return PosixFileIo().seek(fd, offset, whence);
-    int64_t base = whence == SEEK_SET   ? 0
-                   : whence == SEEK_CUR ? f.position
-                   : whence == SEEK_END ? f.size
-                                        : -1;
-    if (base < 0 || offset < -base) {
-        errno = EINVAL;
-        return -1;
-    }
-    SetPosition(fd, base + offset);
-    return base + offset;
+    int64_t target = FileSeekTarget(f.position, f.size, offset, whence);
+    if (target >= 0) SetPosition(fd, target);
+    return target;
 }
 
 ssize_t ImageRead(int fd, void *buf, size_t length) {

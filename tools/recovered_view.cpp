@@ -75,17 +75,11 @@ int ViewClose(int fd) {
 int64_t ViewSeek(int fd, int64_t offset, int whence) {
     ViewFile f;
     if (!FindOpen(fd, &f)) return g_view->base.seek(fd, offset, whence);
-    int64_t base = whence == SEEK_SET   ? 0
-                   : whence == SEEK_CUR ? f.position
-                   : whence == SEEK_END ? f.size
-                                        : -1;
-    if (base < 0 || offset < -base) {
-        errno = EINVAL;
-        return -1;
-    }
+    int64_t target = FileSeekTarget(f.position, f.size, offset, whence);
+    if (target < 0) return -1;
     std::lock_guard<std::mutex> lock(g_view->mutex);
-    g_view->open[fd].position = base + offset;
-    return base + offset;
+    g_view->open[fd].position = target;
+    return target;
 }
 
 // Copies the patch bytes that fall into [at, at + length) over buf.
@@ -144,26 +138,24 @@ struct Fd {
     int fd;
 };
 
-bool ReadAt(int fd, int64_t at, uint8_t *buf, size_t length) {
+// Reads into `in`, or writes `out`: all `length` bytes at `at`, through the
+// layer in force.
+bool TransferAt(int fd, int64_t at, uint8_t *in, const uint8_t *out, size_t length) {
     if (FileIo().seek(fd, at, SEEK_SET) != at) return false;
-    size_t got = 0;
-    while (got < length) {
-        ssize_t r = FileIo().read(fd, buf + got, length - got);
-        if (r <= 0) return false;
-        got += static_cast<size_t>(r);
+    for (size_t done = 0; done < length;) {
+        ssize_t n = in != nullptr ? FileIo().read(fd, in + done, length - done)
+                                  : FileIo().write(fd, out + done, length - done);
+        if (n <= 0) return false;
+        done += static_cast<size_t>(n);
     }
     return true;
 }
 
+bool ReadAt(int fd, int64_t at, uint8_t *buf, size_t length) {
+    return TransferAt(fd, at, buf, nullptr, length);
+}
 bool WriteAt(int fd, int64_t at, const uint8_t *buf, size_t length) {
-    if (FileIo().seek(fd, at, SEEK_SET) != at) return false;
-    size_t put = 0;
-    while (put < length) {
-        ssize_t w = FileIo().write(fd, buf + put, length - put);
-        if (w <= 0) return false;
-        put += static_cast<size_t>(w);
-    }
-    return true;
+    return TransferAt(fd, at, nullptr, buf, length);
 }
 
 int Fail(std::string *why, const std::string &text) {

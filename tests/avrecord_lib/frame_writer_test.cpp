@@ -22,6 +22,7 @@
 #include "support/es_frames.h"
 #include "support/faulty_file_io.h"
 #include "support/test_support.h"
+#include "support/writer_fakes.h"
 
 namespace {
 
@@ -33,18 +34,6 @@ const Bytes kH265Key = Concat({Nal({0x40, 0x01}, 20, 1), Nal({0x42, 0x01}, 30, 2
                                Nal({0x26, 0x01}, 4000, 4)});
 const Bytes kH265Idr = Nal({0x26, 0x01}, 4000, 4);
 const Bytes kH265Other = Nal({0x02, 0x01}, 900, 5);
-
-RecordEncodingInfo g_encoding;
-struct timeval g_wall;
-uint32_t g_uptime;
-
-int TestEncoding(int, RecordEncodingInfo *info) {
-    *info = g_encoding;
-    return 0;
-}
-void TestWall(struct timeval *now) { *now = g_wall; }
-uint32_t TestUptime() { return g_uptime; }
-time_t TestRecordClock() { return g_wall.tv_sec; }
 
 constexpr uint32_t kStartTime = 1700000000;
 

@@ -19,6 +19,7 @@
 #include "support/card_fixture.h"
 #include "support/es_frames.h"
 #include "support/test_support.h"
+#include "support/writer_fakes.h"
 #include "tools/recovered_view.h"
 
 namespace {
@@ -36,18 +37,6 @@ constexpr uint32_t kFileSum = 2;
 // Index bytes holding the header, the file records and the section blocks
 // of the card's files.
 constexpr uint32_t kIndexRecordsEnd = kSectionBlockOffset + kSectionBlockSize * kFileSum;
-
-RecordEncodingInfo g_encoding;
-struct timeval g_wall;
-uint32_t g_uptime;
-
-int TestEncoding(int, RecordEncodingInfo *info) {
-    *info = g_encoding;
-    return 0;
-}
-void TestWall(struct timeval *now) { *now = g_wall; }
-uint32_t TestUptime() { return g_uptime; }
-time_t TestRecordClock() { return g_wall.tv_sec; }
 
 int WriteFrame(const Bytes &frame, int kind, uint8_t mark) {
     AVDataInfo info{};

@@ -23,7 +23,7 @@ size_t Count(const std::string &text, const std::string &what) {
 TEST(RecordTimelineTest, DayOfCardAsSvg) {
     ScopedZone zone("XST-2");
     TempDir dir;
-    CardIndex card(dir.path() + "/");
+    CraftedIndex card(dir.path() + "/");
     card.Header(3);
     card.File(0, Local(9, 23), Local(10, 1), 2);
     card.Section(0, 1, Local(9, 23), Local(10, 0));  // the day before
@@ -79,7 +79,7 @@ TEST(RecordTimelineTest, MissingCard) {
     EXPECT_EQ(RecordTimelineLoad(dir.path().c_str(), 2026, 3, 10, &timeline), -1);
     EXPECT_EQ(RecordTimelineLoad(nullptr, 2026, 3, 10, &timeline), -1);
     // Sections without an event file: the alarm lane cannot be searched.
-    CardIndex card(dir.path() + "/");
+    CraftedIndex card(dir.path() + "/");
     card.Header(0);
     EXPECT_EQ(RecordTimelineLoad(dir.path().c_str(), 2026, 3, 10, &timeline), -1);
     card.EventSlot(0, 0, 0);

@@ -39,7 +39,7 @@ TEST(RecordingReaderTest, Names) {
 TEST(RecordingReaderTest, LocateAndItsFailures) {
     TempDir dir;
     std::string card = dir.path() + "/";
-    CardIndex index(card);
+    CraftedIndex index(card);
     index.Header(2);
     index.File(0, 100, 200, 2);
     index.Section(0, 1, 100, 150);

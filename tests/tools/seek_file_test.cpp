@@ -23,7 +23,7 @@ constexpr uint32_t kCrowdSections = 250;
 uint32_t CrowdStart(uint32_t scanIndex) { return Local(15, 1) + scanIndex * 10; }
 
 // The crafted card shared by the search cases.
-void CraftCard(CardIndex &card) {
+void CraftCard(CraftedIndex &card) {
     card.Header(kCrowdFirstFile + kCrowdFiles);
     card.File(0, Local(10, 10), Local(10, 11), 1);
     card.Section(0, 1, Local(10, 10), Local(10, 11));
@@ -75,7 +75,7 @@ std::vector<std::string> Names(const FileListInfo &list) {
 TEST(SeekFileTest, CraftedIndex) {
     ScopedZone zone("XST-2");  // two hours east of UTC: local and UTC days differ
     ScopedRoot root;
-    CardIndex card(root);
+    CraftedIndex card(root);
     CraftCard(card);
     const SeekCase cases[] = {
         // Section 10:00-11:00 against four ranges.
@@ -141,7 +141,7 @@ TEST(SeekFileTest, MidnightCorrectionUsesLocalTime) {
 // search reads the records the index can hold and no further.
 TEST(SeekFileTest, SearchStaysWithinTheIndexRoom) {
     ScopedRoot root;
-    CardIndex card(root);
+    CraftedIndex card(root);
     card.Header(0xFFFFFFFF);
     card.File(0, 10, 100, 1);
     card.Section(0, 1, 20, 30);
@@ -157,7 +157,7 @@ TEST(SeekFileTest, Failures) {
     EXPECT_EQ(SeekFile(2, 0, 100, nullptr), -1);
     EXPECT_EQ(SeekFile(2, 0, 100, list.get()), -1);  // no index
 
-    CardIndex card(root);
+    CraftedIndex card(root);
     card.Header(0, 0x12345678);
     EXPECT_EQ(SeekFile(2, 0, 100, list.get()), -1);  // bad header
 
@@ -193,7 +193,7 @@ TEST(SeekFileTest, Failures) {
 // (index open, file walk, event walk) wrote it.
 TEST(SeekFileTest, LogLinesNameTheSearch) {
     ScopedRoot root;
-    CardIndex card(root);
+    CraftedIndex card(root);
     card.Header(2);
     card.File(1, 10, 100, 1);
     card.EventSlot(0, 10, 2);

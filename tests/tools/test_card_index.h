@@ -10,10 +10,10 @@
 #include "support/test_support.h"
 
 // A crafted index000.bin / event000.bin in the card directory.
-class CardIndex {
+class CraftedIndex {
 public:
-    explicit CardIndex(const ScopedRoot &root) : CardIndex(root.Under(kCardMountPoint)) {}
-    explicit CardIndex(const std::string &dir) : dir_(dir) { MakeDirectories(dir_); }
+    explicit CraftedIndex(const ScopedRoot &root) : CraftedIndex(root.Under(kCardMountPoint)) {}
+    explicit CraftedIndex(const std::string &dir) : dir_(dir) { MakeDirectories(dir_); }
 
     void Header(uint32_t fileSum, uint32_t flag = kRecordConfigHeadFlag) {
         RecordConfigInfo info{};

@@ -3,7 +3,9 @@
 // written; --output DIR writes the rebuilt index000.bin and event000.bin
 // there; --write puts them on the card in place after keeping the old index
 // in a backup beside the card (--backup DIR names it).
+#include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <string>
 #include <vector>
@@ -29,9 +31,18 @@ std::string SectionName(uint32_t fileNo, uint32_t sectionNo) {
     return name;
 }
 
+// The full path of a file or folder that exists ("" when it does not).
+std::string FullPath(const std::string &path) {
+    char full[PATH_MAX];
+    return realpath(path.c_str(), full) != nullptr ? full : "";
+}
+
 // "<card or image>.index-backup-YYYYMMDD-HHMMSS" beside the card.
 std::string DefaultBackupDir(const CardArgs &args) {
     std::string base = args.Has("--image") ? args.Get("--image") : args.card;
+    // The full path, so that a card given as "." gets its backup beside it
+    // and not inside it.
+    if (!FullPath(base).empty()) base = FullPath(base);
     while (base.size() > 1 && base.back() == '/') base.pop_back();
     time_t now = time(nullptr);
     struct tm utc;
@@ -131,6 +142,9 @@ int Deliver(const CardArgs &args, const CardRecovery &recovery, std::string *don
         return CardFail(args, kExitCardProblem, "%s (--output DIR writes the rebuilt index elsewhere)",
                         why.c_str());
     std::string backup = args.Has("--backup") ? args.Get("--backup") : DefaultBackupDir(args);
+    std::string parent = FullPath(backup.substr(0, backup.find_last_of('/') + 1) + ".");
+    if (!args.Has("--image") && !parent.empty() && (parent + "/").rfind(FullPath(args.card) + "/", 0) == 0)
+        return CardFail(args, kExitUsage, "the backup must not go on the card: %s", backup.c_str());
     if (RecoveryBackup(args.card, backup, &why) != 0)
         return CardFail(args, kExitCardProblem, "no backup, nothing written: %s", why.c_str());
     int64_t bytes = RecoveryWriteInPlace(args.card, patches, &why);

@@ -50,6 +50,11 @@ cmp -s "$card/index000.bin" "$work/index.orig" || fail "index written in place d
 [ "$(md5_media)" = "$media" ] || fail "media files changed"
 [ "$(ls "$card" | wc -l)" = 6 ] || fail "files on the card: $(ls "$card")"
 expect 0 "$tool" check --card "$card" --frames
+# Recording goes on behind the recovered sections, and search finds both.
+expect 0 "$tool" pack "$work/short.h264" --card "$card" --codec h264
+expect 0 "$tool" search --card "$card" --from 0 --to 4000000000 --json
+[ "$(grep -c '"name":"hi000000_00000[123].mp4"' <<<"$out")" = 3 ] || fail "search after recording again: $out"
+expect 0 "$tool" check --card "$card" --frames
 
 # The next lap overwrote the start of file 0: a card with only the short
 # clip recorded gives the new lap's bytes and index.

@@ -155,7 +155,7 @@ section_count() { sections | wc -l; }
 # of what the simulator published looping the sample (every start code four
 # bytes long), from a key frame on, with as many access units as indexed.
 check_recording() {
-  local seconds=$1 rows file sno start end offset size frames width height rate name
+  local seconds=$1 rows file sno start end offset size frames width height rate
   mapfile -t rows < <(sections)
   [ "${#rows[@]}" -eq 1 ] || { fail "expected one section, found ${#rows[@]}: ${rows[*]}"; return; }
   read -r file sno start end offset size frames width height rate <<<"${rows[0]}"
@@ -165,10 +165,18 @@ check_recording() {
   # the way fails the contiguity check below instead.
   [ "$frames" -ge $(((seconds - 2) * 25 / 2)) ] || fail "only $frames frames in ${seconds} s"
   [ $((end - start)) -ge $((seconds - 2)) ] || fail "section spans $((end - start)) s"
-  name=$(printf 'hi%06d_%06d.mp4' "$file" "$sno")
+  check_section_stream "$file" "$sno" "$frames"
+}
+
+# check_section_stream FILE SECTION FRAMES: the section's elementary stream
+# is one contiguous run of the published 1080p sample from a key frame on,
+# with FRAMES access units.
+check_section_stream() {
+  local name
+  name=$(printf 'hi%06d_%06d.mp4' "$1" "$2")
   "$card_tool" frames "$name" --card "$card" --es "$work/recorded.h264" >/dev/null 2>"$work/frames.err" ||
     fail "frames --es: $(cat "$work/frames.err")"
-  python3 - "$samples/h264_1080p.h264" "$work/recorded.h264" "$frames" <<'PY' || fail "recorded stream differs from the input"
+  python3 - "$samples/h264_1080p.h264" "$work/recorded.h264" "$3" <<'PY' || fail "$name: recorded stream differs from the input"
 import re, sys
 data = open(sys.argv[1], 'rb').read()
 data = re.sub(rb'(?<!\x00)\x00\x00\x01', b'\x00\x00\x00\x01', data)  # as published

@@ -48,18 +48,38 @@ bool AnnouncesBody(const std::string &head) {
     return false;
 }
 
-const char *ReasonPhrase(int status) {
+// The status line of each refusal.
+struct Refusal {
+    HeadStatus status;
+    int code;
+    const char *reason;
+};
+constexpr Refusal kRefusals[] = {
+    {HeadStatus::kTooSlow, 408, "Request Timeout"},
+    {HeadStatus::kHasBody, 413, "Payload Too Large"},
+    {HeadStatus::kLineTooLong, 414, "URI Too Long"},
+    {HeadStatus::kTooLarge, 431, "Request Header Fields Too Large"},
+};
+
+const Refusal &RefusalOf(HeadStatus status) {
+    for (const Refusal &refusal : kRefusals) {
+        if (refusal.status == status) return refusal;
+    }
+    return kRefusals[0];
+}
+
+std::string RefusalMessage(HeadStatus status, const ConnectionLimits &limits) {
     switch (status) {
-        case 408:
-            return "Request Timeout";
-        case 413:
-            return "Payload Too Large";
-        case 414:
-            return "URI Too Long";
-        case 431:
-            return "Request Header Fields Too Large";
+        case HeadStatus::kHasBody:
+            return "the request has a body; no call here takes one";
+        case HeadStatus::kLineTooLong:
+            return "the request line is longer than " + std::to_string(limits.maxRequestLineBytes) + " bytes";
+        case HeadStatus::kTooLarge:
+            return "the request headers are larger than " + std::to_string(limits.maxHeadBytes) + " bytes";
         default:
-            return "Bad Request";
+            return "the request did not come within " +
+                   std::to_string(std::chrono::duration_cast<std::chrono::seconds>(limits.headTime).count()) +
+                   " s";
     }
 }
 
@@ -83,38 +103,6 @@ std::string LowerCase(std::string text) {
     std::transform(text.begin(), text.end(), text.begin(),
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     return text;
-}
-
-int HeadStatusCode(HeadStatus status) {
-    switch (status) {
-        case HeadStatus::kTooSlow:
-            return 408;
-        case HeadStatus::kHasBody:
-            return 413;
-        case HeadStatus::kLineTooLong:
-            return 414;
-        case HeadStatus::kTooLarge:
-            return 431;
-        default:
-            return kHttpBadRequest;
-    }
-}
-
-std::string HeadStatusMessage(HeadStatus status, const ConnectionLimits &limits) {
-    switch (status) {
-        case HeadStatus::kTooSlow:
-            return "the request did not come within " +
-                   std::to_string(std::chrono::duration_cast<std::chrono::seconds>(limits.headTime).count()) +
-                   " s";
-        case HeadStatus::kHasBody:
-            return "the request has a body; no call here takes one";
-        case HeadStatus::kLineTooLong:
-            return "the request line is longer than " + std::to_string(limits.maxRequestLineBytes) + " bytes";
-        case HeadStatus::kTooLarge:
-            return "the request headers are larger than " + std::to_string(limits.maxHeadBytes) + " bytes";
-        default:
-            return "bad request";
-    }
 }
 
 bool ConnectionStream::WaitFor(short events, std::chrono::milliseconds time) const {
@@ -168,10 +156,10 @@ HeadStatus ConnectionStream::ReadHead(bool first) {
 }
 
 void ConnectionStream::Refuse(HeadStatus status) {
-    int code = HeadStatusCode(status);
-    std::string body = ApiError(code, HeadStatusMessage(status, limits_)).body;
+    const Refusal &refusal = RefusalOf(status);
+    std::string body = ApiError(refusal.code, RefusalMessage(status, limits_)).body;
     std::string answer =
-        "HTTP/1.1 " + std::to_string(code) + " " + ReasonPhrase(code) +
+        "HTTP/1.1 " + std::to_string(refusal.code) + " " + refusal.reason +
         "\r\nContent-Type: application/json\r\nContent-Length: " + std::to_string(body.size()) +
         "\r\nConnection: close\r\nX-Content-Type-Options: nosniff\r\n\r\n" + body;
     for (size_t sent = 0; sent < answer.size();) {

@@ -67,10 +67,6 @@ private:
     size_t position_ = 0;  // what the library has read of it
 };
 
-// The HTTP status and message of a refused head.
-int HeadStatusCode(HeadStatus status);
-std::string HeadStatusMessage(HeadStatus status, const ConnectionLimits &limits);
-
 // ASCII text in lower case: header names, host names and the like compare
 // without regard to case.
 std::string LowerCase(std::string text);

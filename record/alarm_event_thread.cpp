@@ -76,7 +76,7 @@ int AlarmTurnOnce(const char *func, int fd, AlarmEventTracker *tracker, const Sy
     if (FlushEvents(fd, *tracker) != 0) return -1;
     if (action == AlarmAction::kFlushTail) {
         LogTrace(
-            "%s %d :######################AlarmEndTime = %d RecordDelayTime = %d m_u32FileInfoHeadNo = %d \n",
+            "%s %d :######################AlarmEndTime = %u RecordDelayTime = %d m_u32FileInfoHeadNo = %d \n",
             func, __LINE__, tracker->eventEnd(), delay, file->m_u32FileNo);
     }
     return 0;

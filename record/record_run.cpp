@@ -171,7 +171,7 @@ void LogRunEnd(const char *func, RunEnd reason, const RunParams &start, const Ru
             break;
         case RunEnd::kDayEnd:
             LogTrace("%s %d: %02d:%02d:%02d\n", func, __LINE__, turn.hour, turn.minute, turn.second);
-            LogTrace("%s %d  m_u32RecordEndTime = %d  \n", func, __LINE__, turn.sectionEndTime);
+            LogTrace("%s %d  m_u32RecordEndTime = %u  \n", func, __LINE__, turn.sectionEndTime);
             break;
         case RunEnd::kClockJump:
             LogTrace("%s %d: ret = %d, Changed the time: SinceBootDuration = %lu, CurrentDuration = %lu\n",

@@ -32,7 +32,8 @@ constexpr uint32_t kMapWidthAt = kPackHeaderSize + kSystemHeaderSize + 16;
 constexpr uint32_t kMapHeightAt = kPackHeaderSize + kSystemHeaderSize + 18;
 constexpr uint32_t kMapAudioTypeAt = kPackHeaderSize + kSystemHeaderSize + 28;
 constexpr uint8_t kMapVideoH265 = 0x24;
-constexpr uint8_t kRecordTypeDefault = kRecordTypeNormal;
+// A fresh configuration's record type (the setting is not in the stream).
+constexpr uint8_t kRecordTypeDefault = 0;
 constexpr uint8_t kMediaFlag = 1;
 // A section record's start may lie this far before its first frame (the
 // wait for the first key frame, or a joined previous section).
@@ -113,7 +114,8 @@ struct SectionScan {
     uint32_t lastVideoTime = 0;
     bool firstFrame = true;
     bool remnant = false;
-    bool broken = false;  // unreadable bytes inside it
+    bool broken = false;       // unreadable bytes inside it
+    bool rateCounted = false;  // its rate counted over whole seconds
     uint16_t codec = 0;
     uint64_t frames = 0;
     std::map<uint32_t, uint32_t> perSecond;  // video frames per pack time
@@ -147,6 +149,7 @@ private:
     void AddKeyEntry(const ScannedFrame &f, uint32_t size, uint32_t time);
     void Close();
     void FinishSection(SectionScan &s);
+    void FillShortSectionRates();
     uint8_t FrameRate(const SectionScan &s) const;
     void KeepOldFields(uint32_t slot, SectionInfoHead *r) const;
     void ReportSection(uint32_t slot, const SectionInfoHead &r);
@@ -382,7 +385,26 @@ uint8_t FileScanner::FrameRate(const SectionScan &s) const {
 
 void FileScanner::FinishSection(SectionScan &s) {
     s.record.m_u8FrameRate = FrameRate(s);
+    s.rateCounted = s.perSecond.size() > 2;
     s.perSecond.clear();
+}
+
+// A section too short to hold a whole second takes the rate of the nearest
+// section of the file that was counted over whole seconds (a camera keeps
+// its rate from one section to the next far more often than not).
+void FileScanner::FillShortSectionRates() {
+    for (size_t i = 0; i < written_.size(); ++i) {
+        if (written_[i].rateCounted) continue;
+        for (size_t d = 1; d < written_.size(); ++d) {
+            const SectionScan *near = i >= d && written_[i - d].rateCounted ? &written_[i - d]
+                                      : i + d < written_.size() && written_[i + d].rateCounted
+                                          ? &written_[i + d]
+                                          : nullptr;
+            if (near == nullptr) continue;
+            written_[i].record.m_u8FrameRate = near->record.m_u8FrameRate;
+            break;
+        }
+    }
 }
 
 void FileScanner::Close() {
@@ -540,6 +562,7 @@ void FileScanner::ReportFile() {
 }
 
 void FileScanner::Merge(RecoveredFile *result) {
+    FillShortSectionRates();
     uint32_t keys = 0;
     for (size_t i = 0; i < written_.size(); ++i) {
         // Past the last slot the writer keeps rewriting that slot.

@@ -34,6 +34,8 @@ const Bytes kAudio(320, 0xD5);
 
 constexpr uint32_t kStart = 1750000000;
 constexpr uint32_t kFileSum = 2;
+// The record type a fresh configuration starts sections with.
+constexpr uint8_t kRecordType = 0;
 // Index bytes holding the header, the file records and the section blocks
 // of the card's files.
 constexpr uint32_t kIndexRecordsEnd = kSectionBlockOffset + kSectionBlockSize * kFileSum;
@@ -89,7 +91,7 @@ protected:
         AVFileClose(fd);
         if (recycle) memset(file, 0, sizeof *file);
         g_wall = {static_cast<time_t>(start), 0};
-        ASSERT_EQ(AV_RecordFileConfigParamGet(info, file, GetSectionInfoHead(), 1), 0);
+        ASSERT_EQ(AV_RecordFileConfigParamGet(info, file, GetSectionInfoHead(), kRecordType), 0);
         ASSERT_EQ(LS_RecordInit(file, 0), 0);
         uint32_t fps = g_encoding.u32FrameRate;
         for (uint32_t s = 0; s < seconds; ++s, ++g_uptime) {

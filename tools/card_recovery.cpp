@@ -475,7 +475,7 @@ void FileScanner::Scan(RecoveredFile *result) {
 
 // The old record of a slot, when it is one of this file's (nullptr if not).
 const SectionInfoHead *OldSection(const OldFile &old, uint32_t fileNo, uint32_t slot) {
-    if (!old.valid || slot == 0 || slot > old.sections.size()) return nullptr;
+    if (slot == 0 || slot > old.sections.size()) return nullptr;
     const SectionInfoHead &o = old.sections[slot - 1];
     if (o.m_u32HeadFlag != kSectionInfoHeadFlag || o.m_u16SectionNo != slot ||
         o.m_u32FileNo != static_cast<uint16_t>(fileNo))
@@ -586,8 +586,8 @@ void FileScanner::Merge(RecoveredFile *result) {
     }
     for (uint32_t slot = 1; slot <= result->sections.size(); ++slot)
         ReportSection(slot, result->sections[slot - 1]);
-    for (uint32_t slot = static_cast<uint32_t>(result->sections.size()) + 1; slot <= old_.sections.size();
-         ++slot) {
+    for (uint32_t slot = static_cast<uint32_t>(result->sections.size()) + 1;
+         old_.valid && slot <= old_.sections.size(); ++slot) {
         if (OldSection(old_, fileNo_, slot) != nullptr)
             Change(slot, "section record dropped: no data of it in the media file");
     }
@@ -627,10 +627,12 @@ void ReadOldIndex(const std::string &cardDir, uint32_t fileSum, CardRecovery *ou
     for (uint32_t n = 0; n < fileSum; ++n) {
         OldFile &f = (*old)[n];
         if (AV_RecordFileInfoHeadAccecsFileNoRead(fd.fd, n, &f.record) < 0) continue;
-        if (f.record.m_u32HeadFlag != kFileInfoHeadFlag || f.record.m_u32FileNo != n) continue;
-        f.valid = true;
-        uint32_t sum = std::min(f.record.m_u32RecordSectionSum, kMaxSectionNo);
+        f.valid = f.record.m_u32HeadFlag == kFileInfoHeadFlag && f.record.m_u32FileNo == n;
+        // Without its file record every slot is read: the section records
+        // that are this file's and agree with the data still count.
+        uint32_t sum = f.valid ? std::min(f.record.m_u32RecordSectionSum, kMaxSectionNo) : kMaxSectionNo;
         FileInfoHead clamped = f.record;
+        clamped.m_u32FileNo = n;
         clamped.m_u32RecordSectionSum = sum;
         if (sum != 0 && AV_RecordSectionInfoHeadRead(fd.fd, &clamped, sections.data()) == 0)
             f.sections.assign(sections.begin(), sections.begin() + sum);

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "card_command.h"
+#include "terminal_progress.h"
 #include "tools/card_recovery.h"
 #include "tools/recovered_view.h"
 
@@ -50,6 +51,15 @@ std::string DefaultBackupDir(const CardArgs &args) {
     char stamp[32];
     strftime(stamp, sizeof stamp, "%Y%m%d-%H%M%S", &utc);
     return base + ".index-backup-" + stamp;
+}
+
+// The scan's progress line on a terminal: media files done of all.
+TerminalProgress *g_progress = nullptr;
+
+void ShowScan(uint32_t fileNo, uint32_t fileSum) {
+    uint64_t done = uint64_t{fileNo} + 1;
+    if (g_progress != nullptr)
+        g_progress->Update(0, 0, done * kMediaFileSize, static_cast<double>(done) / fileSum);
 }
 
 void PrintFile(const CardArgs &args, uint32_t fileNo, const RecoveredFile &f) {
@@ -163,8 +173,12 @@ int RunRecover(const CardArgs &args) {
         return CardFail(args, kExitUsage, "--backup goes with --write");
     CardRecovery recovery;
     std::string why;
-    if (RecoverCard(args.card, &recovery, &why, CardConfigValue(args)) != 0)
-        return CardFail(args, kExitCardProblem, "%s", why.c_str());
+    TerminalProgress progress("scan");
+    g_progress = &progress;
+    int scanned = RecoverCard(args.card, &recovery, &why, CardConfigValue(args), ShowScan);
+    progress.Finish();
+    g_progress = nullptr;
+    if (scanned != 0) return CardFail(args, kExitCardProblem, "%s", why.c_str());
     uint64_t frames = 0, remnantFrames = 0;
     for (uint32_t n = 0; n < recovery.files.size(); ++n) {
         PrintFile(args, n, recovery.files[n]);

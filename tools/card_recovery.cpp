@@ -116,6 +116,7 @@ struct SectionScan {
     bool remnant = false;
     bool broken = false;       // unreadable bytes inside it
     bool rateCounted = false;  // its rate counted over whole seconds
+    bool headerLost = false;   // its start is unreadable: counted as skipped bytes
     uint16_t codec = 0;
     uint64_t frames = 0;
     std::map<uint32_t, uint32_t> perSecond;  // video frames per pack time
@@ -145,6 +146,7 @@ private:
     uint32_t FindInChunk(uint32_t at, uint32_t n);
     bool Continues(const SectionScan &s, const ScannedFrame &f) const;
     void Open(uint32_t offset, bool remnant);
+    void OpenDamagedSection(uint32_t at);
     void Add(const ScannedFrame &f);
     void AddKeyEntry(const ScannedFrame &f, uint32_t size, uint32_t time);
     void Close();
@@ -332,7 +334,7 @@ void FileScanner::Add(const ScannedFrame &f) {
         AV_RecordFileInfoHeadAddDataSize(&file_, skipped);
     }
     uint32_t size = f.next - f.offset;
-    if (s.firstFrame) size += kRecordFileHeaderSize;
+    if (s.firstFrame && !s.headerLost) size += kRecordFileHeaderSize;
     uint32_t time = f.video ? f.time : s.lastVideoTime;
     if (f.video) {
         s.counter = s.broken && f.keyForm ? CounterOfStamp(f.pts) : s.counter + 1;
@@ -456,6 +458,7 @@ void FileScanner::Scan(RecoveredFile *result) {
             continue;
         }
         uint32_t gap = at;
+        if (!remnantMode_ && at < trustedEnd) OpenDamagedSection(at);
         if (!remnantMode_ && at < trustedEnd && current_) {
             // Inside the data the index vouches for: the section goes on
             // behind the unreadable bytes.
@@ -481,6 +484,22 @@ const SectionInfoHead *OldSection(const OldFile &old, uint32_t fileNo, uint32_t 
         o.m_u32FileNo != static_cast<uint16_t>(fileNo))
         return nullptr;
     return &o;
+}
+
+// Unreadable bytes inside a section the index has begin behind the last
+// frame taken: that section is opened at its place all the same, to go on
+// at its next readable key frame.
+void FileScanner::OpenDamagedSection(uint32_t at) {
+    for (uint32_t slot = 1; slot <= old_.sections.size(); ++slot) {
+        const SectionInfoHead *o = OldSection(old_, fileNo_, slot);
+        if (o == nullptr || o->m_u32SectionOffset > at || at - o->m_u32SectionOffset >= o->m_u32SectionSize ||
+            o->m_u32SectionOffset < frameEnd_)
+            continue;
+        Open(o->m_u32SectionOffset, false);
+        current_->headerLost = true;
+        current_->lastVideoTime = o->m_u32StartTime;
+        return;
+    }
 }
 
 // The old record's values for what the stream does not tell, where the old

@@ -299,6 +299,28 @@ TEST_F(CardRecoveryTest, UnreadableBytesInsideASectionDoNotEndIt) {
                          file.m_u32KeyFrameSum * kKeyFrameEntrySize));
 }
 
+// The same at the very start of a section, its record file header and
+// first key frame unreadable: the section keeps its place and its data.
+TEST_F(CardRecoveryTest, UnreadableSectionStartKeepsTheSection) {
+    Record(card_, kStart, 3);
+    Record(card_, kStart + 60, 4);
+    const SectionInfoHead second = *GetSectionInfoHead();
+    const FileInfoHead file = *GetFileInfoHead();
+    WriteFileAt(MediaFilePath(card_, 0), second.m_u32SectionOffset, std::string(3000, '\x33'));
+    CardRecovery recovery;
+    std::string why;
+    ASSERT_EQ(RecoverCard(card_, &recovery, &why), 0);
+    const RecoveredFile &rebuilt = recovery.files[0];
+    ASSERT_EQ(rebuilt.sections.size(), 2u);
+    EXPECT_EQ(rebuilt.sections[1].m_u32SectionOffset, second.m_u32SectionOffset);
+    EXPECT_EQ(rebuilt.sections[1].m_u32SectionSize, second.m_u32SectionSize);
+    EXPECT_EQ(rebuilt.sections[1].m_u32StartTime, kStart + 60);
+    EXPECT_EQ(rebuilt.sections[1].m_u32EndTime, kStart + 63);
+    EXPECT_EQ(rebuilt.sections[1].m_u32KeyFrameSum, second.m_u32KeyFrameSum - 1);
+    EXPECT_EQ(rebuilt.record.m_u32DataSize, file.m_u32DataSize);
+    EXPECT_TRUE(rebuilt.remnants.empty());
+}
+
 // Random bytes anywhere in the stream: the scan ends, and what it rebuilds
 // never takes a byte into two sections or more frames than were recorded.
 TEST_F(CardRecoveryTest, RandomStreamDamageNeverOverlapsSections) {

@@ -1,5 +1,6 @@
 #include "tools/calendar_time.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -14,51 +15,142 @@ namespace {
 // Six int fields of any value and the separators: the compiler cannot know
 // the fields stay within their calendar ranges.
 constexpr size_t kTimeTextSize = 80;
+constexpr int64_t kSecondsPerDay = 86400;
+constexpr int64_t kSecondsPerHour = 3600;
+// Offsets before and after a change are looked up this far away: the
+// clocks of a zone change at most once in that time.
+constexpr int64_t kOffsetLookAround = kSecondsPerDay;
 
 DateTime FromTm(const struct tm &t) {
     return DateTime{t.tm_year + 1900, t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec, t.tm_wday};
 }
 
+struct tm LocalTm(int64_t seconds) {
+    time_t value = static_cast<time_t>(seconds);
+    struct tm t {};
+    localtime_r(&value, &t);
+    return t;
+}
+
+int32_t OffsetAt(int64_t seconds) { return static_cast<int32_t>(LocalTm(seconds).tm_gmtoff); }
+
+// The fields read as if they were UTC, rolled over like mktime does.
+int64_t FieldsAsUtc(const DateTime &fields) {
+    struct tm t {};
+    t.tm_year = fields.year - 1900;
+    t.tm_mon = fields.month - 1;
+    t.tm_mday = fields.day;
+    t.tm_hour = fields.hour;
+    t.tm_min = fields.minute;
+    t.tm_sec = fields.second;
+    return static_cast<int64_t>(timegm(&t));
+}
+
+// The moments whose local clock reads `asUtc` (local fields as if UTC): two
+// in the repeated hour, none in the skipped one, else one. Returns how many.
+int LocalMoments(int64_t asUtc, int64_t moments[2]) {
+    int32_t before = OffsetAt(asUtc - kOffsetLookAround);
+    int32_t after = OffsetAt(asUtc + kOffsetLookAround);
+    // The larger offset gives the earlier moment.
+    const int32_t offsets[2] = {std::max(before, after), std::min(before, after)};
+    int candidates = before == after ? 1 : 2;
+    int found = 0;
+    for (int i = 0; i < candidates; ++i) {
+        int64_t moment = asUtc - offsets[i];
+        if (OffsetAt(moment) == offsets[i]) moments[found++] = moment;
+    }
+    return found;
+}
+
 }  // namespace
 
 DateTime UtcDateTime(uint32_t seconds) {
+    time_t value = static_cast<time_t>(seconds);
     struct tm t {};
-    CardTimeUtc(seconds, &t);
+    gmtime_r(&value, &t);
     return FromTm(t);
 }
 
-DateTime LocalDateTime(uint32_t seconds) {
-    struct tm t {};
-    CardTimeLocal(seconds, &t);
-    return FromTm(t);
-}
+DateTime LocalDateTime(uint32_t seconds) { return FromTm(LocalTm(seconds)); }
 
 namespace {
 
-std::string DateTimeText(const DateTime &t) {
+std::string DateText(const DateTime &t) {
     char text[kTimeTextSize];
-    snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d", t.year, t.month, t.day, t.hour, t.minute,
-             t.second);
+    snprintf(text, sizeof text, "%04d-%02d-%02d", t.year, t.month, t.day);
+    return text;
+}
+
+std::string ClockFieldsText(const DateTime &t) {
+    char text[kTimeTextSize];
+    snprintf(text, sizeof text, "%02d:%02d:%02d", t.hour, t.minute, t.second);
     return text;
 }
 
 }  // namespace
 
-std::string LocalTimeText(uint32_t seconds) { return DateTimeText(LocalDateTime(seconds)); }
+std::string LocalClockText(uint32_t seconds) {
+    std::string out = ClockFieldsText(LocalDateTime(seconds));
+    if (LocalTimeRepeats(seconds)) {
+        out += ' ';
+        out += LocalZoneName(seconds);
+    }
+    return out;
+}
 
-std::string UtcTimeText(uint32_t seconds) { return DateTimeText(UtcDateTime(seconds)); }
+std::string LocalTimeText(uint32_t seconds) {
+    std::string out = DateText(LocalDateTime(seconds));
+    out += ' ';
+    out += LocalClockText(seconds);
+    return out;
+}
+
+std::string UtcTimeText(uint32_t seconds) {
+    DateTime t = UtcDateTime(seconds);
+    std::string out = DateText(t);
+    out += ' ';
+    out += ClockFieldsText(t);
+    return out;
+}
 
 int64_t LocalSeconds(const DateTime &local) {
-    struct tm t {};
-    t.tm_year = local.year - 1900;
-    t.tm_mon = local.month - 1;
-    t.tm_mday = local.day;
-    t.tm_hour = local.hour;
-    t.tm_min = local.minute;
-    t.tm_sec = local.second;
-    t.tm_isdst = -1;
-    time_t value = mktime(&t);
-    return static_cast<int64_t>(value);
+    int64_t asUtc = FieldsAsUtc(local);
+    if (asUtc == -1) return -1;
+    int64_t moments[2];
+    if (LocalMoments(asUtc, moments) == 0) return asUtc - OffsetAt(asUtc - kOffsetLookAround);
+    return moments[0];  // the earlier one when there are two
+}
+
+int32_t LocalUtcOffset(uint32_t seconds) { return OffsetAt(seconds); }
+
+std::string LocalZoneName(uint32_t seconds) {
+    struct tm t = LocalTm(seconds);
+    return t.tm_zone != nullptr ? t.tm_zone : "";
+}
+
+bool LocalTimeRepeats(uint32_t seconds) {
+    int64_t moments[2];
+    return LocalMoments(seconds + static_cast<int64_t>(OffsetAt(seconds)), moments) == 2;
+}
+
+std::vector<LocalClockSpan> LocalClockSpans(uint32_t from, uint32_t to) {
+    std::vector<LocalClockSpan> spans{{from, LocalUtcOffset(from), LocalZoneName(from)}};
+    // Hour by hour, then to the second inside the hour where the offset changed.
+    for (int64_t at = from; at < to;) {
+        int64_t next = std::min<int64_t>(at + kSecondsPerHour, to);
+        if (OffsetAt(next) != spans.back().offset) {
+            int64_t low = at, high = next;  // offset of low is the span's, of high is not
+            while (high - low > 1) {
+                int64_t middle = low + (high - low) / 2;
+                (OffsetAt(middle) == spans.back().offset ? low : high) = middle;
+            }
+            uint32_t change = static_cast<uint32_t>(high);
+            spans.push_back({change, LocalUtcOffset(change), LocalZoneName(change)});
+            next = high;
+        }
+        at = next;
+    }
+    return spans;
 }
 
 namespace {

@@ -20,8 +20,9 @@ constexpr int kAxisY = 135;
 constexpr int kLegendY = 175;
 constexpr int kLegendStep = 190;
 constexpr int kHeight = 200;
-constexpr int kHoursPerDay = 24;
-constexpr double kSecondsPerHour = 3600.0;
+constexpr uint32_t kSecondsPerHour = 3600;
+constexpr uint32_t kNormalDaySeconds = 24 * kSecondsPerHour;
+constexpr int kMajorTickHours = 6;
 constexpr double kMinBarWidth = 2.0;  // short events stay visible
 constexpr const char kSectionColour[] = "#3b7dd8";
 constexpr const char kFont[] = "font-family=\"sans-serif\" font-size=\"12\"";
@@ -71,11 +72,6 @@ std::string Escape(const std::string &text) {
     return out;
 }
 
-std::string ClockText(uint32_t seconds) {
-    DateTime t = LocalDateTime(seconds);
-    return Format("%02d:%02d:%02d", t.hour, t.minute, t.second);
-}
-
 double XOf(const RecordTimeline &timeline, uint32_t when) {
     uint32_t clamped = std::clamp(when, timeline.dayStart, timeline.dayEnd);
     double span = timeline.dayEnd > timeline.dayStart ? timeline.dayEnd - timeline.dayStart : 1;
@@ -95,7 +91,7 @@ std::string Bar(const RecordTimeline &timeline, const TimelineItem &item, int y,
     double x = XOf(timeline, item.start);
     double width = std::max(kMinBarWidth, XOf(timeline, item.end) - x);
     std::string label =
-        item.name + " " + ClockText(item.start) + "-" + ClockText(item.end) + NumbersOf(item.name);
+        item.name + " " + LocalClockText(item.start) + "-" + LocalClockText(item.end) + NumbersOf(item.name);
     if (item.alarmType != 0) label += ", " + AlarmTypeName(item.alarmType);
     // A thin white edge keeps back-to-back sections apart.
     return Format(
@@ -105,18 +101,36 @@ std::string Bar(const RecordTimeline &timeline, const TimelineItem &item, int y,
            "<title>" + Escape(label) + "</title></rect>\n";
 }
 
+// Hours of the day on the local clock, one tick per hour that passes: a day
+// the clocks go forward has 23, one they go back 25 (its 02 shows twice).
+// The day's end is written 24.
 std::string Axis(const RecordTimeline &timeline) {
     std::string svg;
-    for (int hour = 0; hour <= kHoursPerDay; ++hour) {
-        double x = XOf(timeline, timeline.dayStart + static_cast<uint32_t>(hour * kSecondsPerHour));
+    for (uint32_t at = timeline.dayStart;; at += kSecondsPerHour) {
+        bool end = at >= timeline.dayEnd;
+        if (end) at = timeline.dayEnd;
+        DateTime t = LocalDateTime(at);
+        std::string label = end ? "24" : Format("%02d", t.hour);
+        if (!end && t.minute != 0) label += Format(":%02d", t.minute);
+        bool major = end || (t.minute == 0 && t.hour % kMajorTickHours == 0);
+        double x = XOf(timeline, at);
         svg += Format("<line x1=\"%.2f\" y1=\"%d\" x2=\"%.2f\" y2=\"%d\" stroke=\"%s\"/>\n", x,
-                      kSectionLaneY - 5, x, kAxisY, hour % 6 == 0 ? "#999" : "#ddd");
-        svg += Format("<text x=\"%.2f\" y=\"%d\" text-anchor=\"middle\" %s>%02d</text>\n", x, kAxisY + 15,
-                      kFont, hour);
+                      kSectionLaneY - 5, x, kAxisY, major ? "#999" : "#ddd");
+        svg += Format("<text class=\"hour\" x=\"%.2f\" y=\"%d\" text-anchor=\"middle\" %s>", x, kAxisY + 15,
+                      kFont) +
+               label + "</text>\n";
+        if (end) break;
     }
     svg += Format("<text x=\"10\" y=\"%d\" %s>Recordings</text>\n", kSectionLaneY + 20, kFont);
     svg += Format("<text x=\"10\" y=\"%d\" %s>Alarms</text>\n", kEventLaneY + 20, kFont);
     return svg;
+}
+
+// " (25 hours)" on a day the clocks change, else nothing.
+std::string DayLength(const RecordTimeline &timeline) {
+    uint32_t seconds = timeline.dayEnd - timeline.dayStart;
+    if (seconds == kNormalDaySeconds) return "";
+    return Format(" (%u hours)", (seconds + kSecondsPerHour / 2) / kSecondsPerHour);
 }
 
 std::string Legend() {
@@ -185,7 +199,7 @@ std::string RecordTimelineSvg(const RecordTimeline &timeline) {
         kWidth, kHeight, kWidth, kHeight);
     svg += Format("<rect width=\"%d\" height=\"%d\" fill=\"white\"/>\n", kWidth, kHeight);
     svg +=
-        Format("<text x=\"10\" y=\"22\" %s font-weight=\"bold\">", kFont) + Escape(timeline.day) +
+        Format("<text x=\"10\" y=\"22\" %s font-weight=\"bold\">", kFont) + Escape(timeline.day) + DayLength(timeline) +
         Format(": %zu sections, %zu alarm events</text>\n", timeline.sections.size(), timeline.events.size());
     svg += Axis(timeline);
     for (const TimelineItem &item : timeline.sections) {

@@ -1,4 +1,4 @@
-// A picture of one recorded day: a 24-hour axis, one bar per recording
+// A picture of one recorded day: an axis of its local hours, one bar per recording
 // section and, in a second lane, the alarm events coloured by alarm type,
 // as SVG. Hovering a bar shows its name, times and file number.
 #pragma once

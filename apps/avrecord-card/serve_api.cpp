@@ -120,6 +120,17 @@ void CountDays(uint32_t start, uint32_t end, Member member, std::map<std::string
     }
 }
 
+// The offsets of the local clock over the day, for the page to show the
+// clock's own times on a day the clocks change.
+std::string ClockJson(const DayCount &day) {
+    std::vector<std::string> spans;
+    for (const LocalClockSpan &span :
+         LocalClockSpans(static_cast<uint32_t>(day.start), static_cast<uint32_t>(day.end - 1))) {
+        spans.push_back(JsonLine().Add("from", span.from).Add("offset", span.offset).Add("zone", span.zone).Text());
+    }
+    return JsonArray(spans);
+}
+
 ApiReply Ok(const JsonLine &line) { return ApiReply{kHttpOk, line.Text()}; }
 
 ApiReply CatalogOrError(const std::string &cardDir, CardCatalog *catalog) {
@@ -359,6 +370,7 @@ ApiReply ApiDays(const std::string &cardDir, const ApiQuery &query) {
                            .Add("end", static_cast<long long>(count.end))
                            .Add("sections", count.sections)
                            .Add("events", count.events)
+                           .AddRaw("clock", ClockJson(count))
                            .Text());
     }
     return Ok(JsonLine().AddRaw("days", JsonArray(rows)));

@@ -51,19 +51,70 @@ const pad = (n) => String(n).padStart(2, '0');
 const count = (n, noun) => `${n} ${noun}${n === 1 ? '' : 's'}`;
 const capitalised = (text) => text.charAt(0).toUpperCase() + text.slice(1);
 
-// Clock text of a moment of the shown day, counted from its local midnight
-// as the card's tool reckons it.
-function clockText(t, withSeconds = true) {
-  const s = Math.floor(t - state.day.start);
-  const text = `${pad(Math.floor(s / 3600))}:${pad(Math.floor(s / 60) % 60)}`;
-  return withSeconds ? `${text}:${pad(s % 60)}` : text;
+// ---- the local clock of the shown day ----------------------------------------
+// Times are UTC seconds; the page shows them on the local clock of the
+// zone the card's tool runs in. The day's clock spans say how far that clock
+// is ahead of UTC, and from when: on the day the clocks go back an hour of
+// the clock shows twice (its times get the zone's name, "02:30:00 CET"), on
+// the day they go forward one never shows.
+
+function clockSpans() {
+  return state.day.clock && state.day.clock.length ? state.day.clock : [{ from: state.day.start, offset: 0 }];
 }
 
-// A 24-hour HH:MM[:SS] of the shown day; null for anything else.
-function secondsOfClock(text) {
+function spanIndexAt(t) {
+  const spans = clockSpans();
+  let i = 0;
+  while (i + 1 < spans.length && spans[i + 1].from <= t) i++;
+  return i;
+}
+
+// The end of span i (exclusive).
+function spanEnd(i) {
+  const spans = clockSpans();
+  return i + 1 < spans.length ? spans[i + 1].from : state.day.end;
+}
+
+// Seconds since the local midnight as the clock shows them.
+function secondsOnClock(t) {
+  const local = Math.floor(t) + clockSpans()[spanIndexAt(t)].offset;
+  return ((local % DAY_SECONDS) + DAY_SECONDS) % DAY_SECONDS;
+}
+
+// The moments of the day at which the clock shows the time of day s.
+function momentsOf(s) {
+  const spans = clockSpans();
+  const midnight = Math.floor((state.day.start + spans[0].offset) / DAY_SECONDS) * DAY_SECONDS;
+  const moments = [];
+  spans.forEach((span, i) => {
+    const t = midnight + s - span.offset;
+    if (t >= span.from && t < spanEnd(i)) moments.push({ t, zone: span.zone });
+  });
+  return moments;
+}
+
+function clockText(t, withSeconds = true, withZone = true) {
+  if (t >= state.day.end) return withSeconds ? '24:00:00' : '24:00';
+  const s = secondsOnClock(t);
+  let text = `${pad(Math.floor(s / 3600))}:${pad(Math.floor(s / 60) % 60)}`;
+  if (withSeconds) text += `:${pad(s % 60)}`;
+  if (withZone && momentsOf(s).length > 1) text += ` ${clockSpans()[spanIndexAt(t)].zone}`;
+  return text;
+}
+
+// A 24-hour HH:MM[:SS] of the shown day, in the zone named when the clock
+// shows that time twice: null for anything else, NaN when the clock never
+// shows it (the hour the clocks go forward).
+function secondsOfClock(text, zone) {
   const match = /^([01]?\d|2[0-3]):([0-5]\d)(?::([0-5]\d))?$/.exec(text.trim());
   if (!match) return null;
-  return state.day.start + Number(match[1]) * 3600 + Number(match[2]) * 60 + Number(match[3] || 0);
+  const moments = momentsOf(Number(match[1]) * 3600 + Number(match[2]) * 60 + Number(match[3] || 0));
+  const chosen = moments.length > 1 ? moments.filter((m) => m.zone === zone) : moments;
+  return chosen.length ? chosen[0].t : NaN;
+}
+
+function dayHours(day) {
+  return Math.round((day.end - day.start) / 3600);
 }
 
 function megabytes(bytes) {
@@ -130,8 +181,10 @@ async function selectDay(day) {
   state.events = events.events;
   state.viewStart = day.start;
   state.viewSpan = day.end - day.start;
+  setUpClipZones();
+  const length = dayHours(day) === 24 ? '' : ` (${dayHours(day)} hours)`;
   $('day-title').textContent =
-    `${day.day}: ${count(state.sections.length, 'section')}, ${count(state.events.length, 'alarm event')}`;
+    `${day.day}${length}: ${count(state.sections.length, 'section')}, ${count(state.events.length, 'alarm event')}`;
   drawTimeline();
 }
 
@@ -178,18 +231,29 @@ function ticksFit(step) {
   return Math.min(MAX_TICKS, plotWidth() / (label.length * 2 * LABEL_HALF_CHAR + LABEL_GAP));
 }
 
+// Ticks fall on round times of the local clock, span by span, so that a
+// 25-hour day shows 25 hours (02 twice) and a 23-hour day 23.
+function drawTick(svg, axisY, t, step) {
+  const x = xOf(t);
+  svgElement('line', { class: 'grid', x1: x, x2: x, y1: 0, y2: axisY }, svg);
+  const label = clockText(t, step < 60, false);
+  const half = label.length * LABEL_HALF_CHAR;
+  if (x - half >= 0 && x + half <= PLOT_LEFT + plotWidth()) {
+    svgElement('text', { class: 'tick', x, y: axisY + 14, 'text-anchor': 'middle' }, svg).textContent = label;
+  }
+}
+
 function drawAxis(svg, axisY) {
   const step = TICKS.find((s) => state.viewSpan / s <= ticksFit(s)) || TICKS[TICKS.length - 1];
-  const first = Math.ceil((state.viewStart - state.day.start) / step) * step + state.day.start;
-  for (let t = first; t <= state.viewStart + state.viewSpan; t += step) {
-    const x = xOf(t);
-    svgElement('line', { class: 'grid', x1: x, x2: x, y1: 0, y2: axisY }, svg);
-    const label = clockText(t, step < 60);
-    const half = label.length * LABEL_HALF_CHAR;
-    if (x - half >= 0 && x + half <= PLOT_LEFT + plotWidth()) {
-      svgElement('text', { x, y: axisY + 14, 'text-anchor': 'middle' }, svg).textContent = label;
+  const viewEnd = state.viewStart + state.viewSpan;
+  clockSpans().forEach((span, i) => {
+    const last = i + 1 === clockSpans().length;
+    const from = Math.max(span.from, state.viewStart);
+    const to = last ? viewEnd : Math.min(spanEnd(i) - 1, viewEnd);
+    for (let local = Math.ceil((from + span.offset) / step) * step; local - span.offset <= to; local += step) {
+      drawTick(svg, axisY, local - span.offset, step);
     }
-  }
+  });
   state.lanes.forEach((lane, i) => {
     svgElement('text', { class: 'lane-label', x: PLOT_LEFT, y: laneY(i) - 3 }, svg).textContent = lane.label;
   });
@@ -352,9 +416,31 @@ function showDetails(section) {
   }
 }
 
+// The clip's fields: a time, and on a day with a repeated hour the zone.
+const CLIP_FIELDS = ['clip-from', 'clip-to'];
+
+function setUpClipZones() {
+  const zones = dayHours(state.day) > 24 ? [...new Set(clockSpans().map((s) => s.zone))] : [];
+  for (const field of CLIP_FIELDS) {
+    const select = $(`${field}-zone`);
+    select.textContent = '';
+    for (const zone of zones) select.appendChild(new Option(zone, zone));
+    select.hidden = zones.length === 0;
+  }
+}
+
+function setClipField(field, t) {
+  $(field).value = clockText(t, true, false);
+  $(`${field}-zone`).value = clockSpans()[spanIndexAt(t)].zone || '';
+}
+
+function clipFieldSeconds(field) {
+  return secondsOfClock($(field).value, $(`${field}-zone`).value);
+}
+
 function setClipRange(from, to) {
-  $('clip-from').value = clockText(from);
-  $('clip-to').value = clockText(Math.min(to, state.day.end - 1));
+  setClipField('clip-from', from);
+  setClipField('clip-to', Math.min(to, state.day.end - 1));
 }
 
 async function play(at) {
@@ -436,11 +522,17 @@ function showClipProgress(job) {
 async function makeClip(event) {
   event.preventDefault();
   if (!state.day) return;
-  const from = secondsOfClock($('clip-from').value);
-  const to = secondsOfClock($('clip-to').value);
+  const from = clipFieldSeconds('clip-from');
+  const to = clipFieldSeconds('clip-to');
   if (from === null || to === null) {
     $('clip-status').textContent = 'Times are HH:MM:SS on a 24-hour clock.';
     return;
+  }
+  for (const [t, field] of [[from, 'clip-from'], [to, 'clip-to']]) {
+    if (Number.isNaN(t)) {
+      $('clip-status').textContent = `${$(field).value} is no time of the clock on ${state.day.day}.`;
+      return;
+    }
   }
   $('clip-link').hidden = true;
   $('clip-make').disabled = true;

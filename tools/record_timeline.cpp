@@ -199,7 +199,8 @@ std::string RecordTimelineSvg(const RecordTimeline &timeline) {
         kWidth, kHeight, kWidth, kHeight);
     svg += Format("<rect width=\"%d\" height=\"%d\" fill=\"white\"/>\n", kWidth, kHeight);
     svg +=
-        Format("<text x=\"10\" y=\"22\" %s font-weight=\"bold\">", kFont) + Escape(timeline.day) + DayLength(timeline) +
+        Format("<text x=\"10\" y=\"22\" %s font-weight=\"bold\">", kFont) + Escape(timeline.day) +
+        DayLength(timeline) +
         Format(": %zu sections, %zu alarm events</text>\n", timeline.sections.size(), timeline.events.size());
     svg += Axis(timeline);
     for (const TimelineItem &item : timeline.sections) {

@@ -126,7 +126,8 @@ std::string ClockJson(const DayCount &day) {
     std::vector<std::string> spans;
     for (const LocalClockSpan &span :
          LocalClockSpans(static_cast<uint32_t>(day.start), static_cast<uint32_t>(day.end - 1))) {
-        spans.push_back(JsonLine().Add("from", span.from).Add("offset", span.offset).Add("zone", span.zone).Text());
+        spans.push_back(
+            JsonLine().Add("from", span.from).Add("offset", span.offset).Add("zone", span.zone).Text());
     }
     return JsonArray(spans);
 }

@@ -31,7 +31,7 @@ zone=
 set_clock() {
   local target
   target=$(TZ=$zone date -d "$1" +%s)
-  echo "+$((target - $(date +%s)))" >"$offset"
+  printf '%+d\n' $((target - $(date +%s))) >"$offset"
 }
 
 # run_from ZONE LOCAL-TIME: a new card, and the daemon started in ZONE

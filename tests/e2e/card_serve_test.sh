@@ -71,7 +71,7 @@ get() {
 }
 
 get /api/days
-[ "$body" = '{"days":[{"day":"2026-03-10","start":1773100800,"end":1773187200,"sections":1,"events":2}]}' ] ||
+[ "$body" = '{"days":[{"day":"2026-03-10","start":1773100800,"end":1773187200,"sections":1,"events":2,"clock":[{"from":1773100800,"offset":0,"zone":"UTC"}]}]}' ] ||
   fail "days: $body"
 get "/api/sections?from=2026-03-10T08:00:29&to=2026-03-10T09:00:00"
 [[ "$body" == *'"name":"'$section'","start":'$start',"end":'$((start + 29))',"size":'*'"frame_rate":25,"width":640,"height":360,"audio":"aac"'* ]] ||

@@ -5,6 +5,8 @@
 
 #include <string>
 
+#include "support/scoped_zone.h"
+
 namespace {
 
 std::string Bytes(const void *record, size_t offset, size_t length) {
@@ -40,8 +42,7 @@ TEST(Fat32RecordsTest, BootSectorBytes) {
 }
 
 TEST(Fat32RecordsTest, DirectoryTimesAndClusters) {
-    setenv("TZ", "UTC", 1);
-    tzset();
+    ScopedZone zone("UTC");
     Fat32Stamp stamp = Fat32StampOf(1709214359);  // 2024-02-29 13:45:59
     EXPECT_EQ(stamp.time, 13 << 11 | 45 << 5 | 29);
     EXPECT_EQ(stamp.date, 44 << 9 | 2 << 5 | 29);

@@ -10,6 +10,7 @@
 #include "record/record_clock.h"
 #include "record/record_flags.h"
 #include "support/card_fixture.h"
+#include "support/scoped_zone.h"
 #include "support/test_support.h"
 #include "sysconfig/camera_access.h"
 #include "sysconfig/sys_info.h"
@@ -29,6 +30,12 @@ struct tm *FakeLocalTime(const time_t *, struct tm *out) {
 }
 const RecordClockOps kFakeClock = {SystemRecordClock().getTimeOfDay, FakeWallClock,
                                    SystemRecordClock().uptime, FakeLocalTime};
+
+// The system's local time of a wall clock the test moves.
+time_t g_wall = 0;
+time_t MovedWallClock() { return g_wall; }
+const RecordClockOps kZoneClock = {SystemRecordClock().getTimeOfDay, MovedWallClock,
+                                   SystemRecordClock().uptime, SystemRecordClock().localTime};
 
 class RecordScheduleTest : public testing::Test {
 protected:
@@ -58,9 +65,12 @@ protected:
         WriteFileAt(card + kIndexFileName, 0, RecordBytes(info));
     }
 
-    void SetDay(uint8_t mode) { sys_->videoRecord.weekScope.dayScope[kTuesday].ucSocpeMode = mode; }
-    void SetSegment(int k, int beginHour, int beginMinute, int endHour, int endMinute) {
-        ScopeSegment &s = sys_->videoRecord.weekScope.dayScope[kTuesday].segment[k];
+    void SetDay(uint8_t mode, int weekday = kTuesday) {
+        sys_->videoRecord.weekScope.dayScope[weekday].ucSocpeMode = mode;
+    }
+    void SetSegment(int k, int beginHour, int beginMinute, int endHour, int endMinute,
+                    int weekday = kTuesday) {
+        ScopeSegment &s = sys_->videoRecord.weekScope.dayScope[weekday].segment[k];
         s.beginHour.ucHour = beginHour;
         s.beginHour.ucMinute = beginMinute;
         s.endHour.ucHour = endHour;
@@ -175,4 +185,42 @@ TEST_F(RecordScheduleTest, CardMissingOrFullWithoutOverwrite) {
     sys_->videoRecord.ucLackSpaceModel = 1;
     EXPECT_EQ(CheckRecordStart(), 0);
     EXPECT_EQ(FlagGet(g_bNewFileInfo), 1u);
+}
+
+// On the days the clocks change the schedule follows the local clock: a
+// segment in the hour the spring change skips never records, one holding
+// the hour the autumn change repeats records it twice. Minutes of record
+// time are counted by moving the wall clock (UTC) in steps across the two
+// hours either side of the change.
+TEST_F(RecordScheduleTest, DaylightSavingDaysFollowTheLocalClock) {
+    constexpr int kSunday = 0;
+    constexpr time_t kStep = 600;
+    constexpr time_t kAround = 7200;
+    struct Case {
+        const char *zone;
+        time_t change;  // the moment the clocks change, UTC
+        int beginHour, beginMinute, endHour, endMinute;
+        int minutes;  // of record time
+    } cases[] = {
+        {"Europe/Berlin", 1774746000, 2, 0, 3, 0, 0},       // 2026-03-29: skipped
+        {"Europe/Berlin", 1774746000, 1, 30, 3, 30, 60},    // spans the skipped hour
+        {"Europe/Berlin", 1792890000, 2, 0, 3, 0, 120},     // 2026-10-25: repeated
+        {"Europe/Berlin", 1792890000, 2, 30, 3, 0, 60},     // half of it, twice
+        {"America/New_York", 1772953200, 2, 0, 3, 0, 0},    // 2026-03-08
+        {"America/New_York", 1793512800, 1, 0, 2, 0, 120},  // 2026-11-01
+    };
+    if (!HaveZoneData("Europe/Berlin") || !HaveZoneData("America/New_York"))
+        GTEST_SKIP() << "no time-zone data";
+    SetRecordClock(&kZoneClock);
+    SetDay(TIME_SCOPE_DIFF, kSunday);
+    for (const Case &c : cases) {
+        ScopedZone zone(c.zone);
+        SetSegment(0, c.beginHour, c.beginMinute, c.endHour, c.endMinute, kSunday);
+        int minutes = 0;
+        for (g_wall = c.change - kAround; g_wall < c.change + kAround; g_wall += kStep) {
+            if (CheckRecordStart() == 0) minutes += kStep / 60;
+        }
+        EXPECT_EQ(minutes, c.minutes) << c.zone << " " << c.change << " " << c.beginHour << ":"
+                                      << c.beginMinute << "-" << c.endHour << ":" << c.endMinute;
+    }
 }

@@ -1,9 +1,16 @@
 // A fixed time zone for a test's scope.
 #pragma once
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <ctime>
 #include <string>
+
+// True when the system has the time-zone data of the zone.
+inline bool HaveZoneData(const char *zone) {
+    return access((std::string("/usr/share/zoneinfo/") + zone).c_str(), R_OK) == 0;
+}
 
 // Sets TZ for the life of the object.
 class ScopedZone {

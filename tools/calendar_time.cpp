@@ -65,13 +65,12 @@ int LocalMoments(int64_t asUtc, int64_t moments[2]) {
 }  // namespace
 
 DateTime UtcDateTime(uint32_t seconds) {
-    time_t value = static_cast<time_t>(seconds);
     struct tm t {};
-    gmtime_r(&value, &t);
+    CardTimeUtc(seconds, &t);
     return FromTm(t);
 }
 
-DateTime LocalDateTime(uint32_t seconds) { return FromTm(LocalTm(seconds)); }
+DateTime LocalDateTime(uint32_t seconds) { return FromTm(LocalTm(CardTimeToTime(seconds))); }
 
 namespace {
 
@@ -121,16 +120,17 @@ int64_t LocalSeconds(const DateTime &local) {
     return moments[0];  // the earlier one when there are two
 }
 
-int32_t LocalUtcOffset(uint32_t seconds) { return OffsetAt(seconds); }
+int32_t LocalUtcOffset(uint32_t seconds) { return OffsetAt(CardTimeToTime(seconds)); }
 
 std::string LocalZoneName(uint32_t seconds) {
-    struct tm t = LocalTm(seconds);
+    struct tm t = LocalTm(CardTimeToTime(seconds));
     return t.tm_zone != nullptr ? t.tm_zone : "";
 }
 
 bool LocalTimeRepeats(uint32_t seconds) {
     int64_t moments[2];
-    return LocalMoments(seconds + static_cast<int64_t>(OffsetAt(seconds)), moments) == 2;
+    int64_t at = CardTimeToTime(seconds);
+    return LocalMoments(at + OffsetAt(at), moments) == 2;
 }
 
 std::vector<LocalClockSpan> LocalClockSpans(uint32_t from, uint32_t to) {

@@ -10,6 +10,7 @@
 #include "avrecord_lib/record_file.h"
 #include "avrecord_lib/record_index.h"
 #include "card_command.h"
+#include "common/card_time.h"
 #include "tools/calendar_time.h"
 #include "tools/record_timeline.h"
 #include "tools/recording_reader.h"
@@ -124,8 +125,10 @@ void CountDays(uint32_t start, uint32_t end, Member member, std::map<std::string
 // clock's own times on a day the clocks change.
 std::string ClockJson(const DayCount &day) {
     std::vector<std::string> spans;
-    for (const LocalClockSpan &span :
-         LocalClockSpans(static_cast<uint32_t>(day.start), static_cast<uint32_t>(day.end - 1))) {
+    auto card = [](int64_t t) {
+        return static_cast<uint32_t>(std::clamp<int64_t>(t, kCardTimeFirst, kCardTimeLast));
+    };
+    for (const LocalClockSpan &span : LocalClockSpans(card(day.start), card(day.end - 1))) {
         spans.push_back(
             JsonLine().Add("from", span.from).Add("offset", span.offset).Add("zone", span.zone).Text());
     }

@@ -152,3 +152,28 @@ class Browser:
         import base64
         with open(path, "wb") as f:
             f.write(base64.b64decode(data))
+
+
+def check(condition, message):
+    """Fails the page test with the message unless condition holds."""
+    if not condition:
+        raise BrowserError(message)
+
+
+def run_page(page, *args):
+    """Runs page(browser, *args) in a fresh headless Chromium with its own
+    profile; prints "FAIL: page: ..." and exits 1 on a failed expectation."""
+    import sys
+    import tempfile
+    profile = tempfile.TemporaryDirectory()
+    try:
+        b = Browser(profile.name)
+        try:
+            page(b, *args)
+        finally:
+            b.close()
+    except BrowserError as error:
+        print(f"FAIL: page: {error}")
+        sys.exit(1)
+    finally:
+        profile.cleanup()

@@ -177,6 +177,7 @@ async function selectDay(day) {
   for (const b of document.querySelectorAll('#calendar button')) b.classList.toggle('selected', b.dataset.day === day.day);
   const range = `from=${day.start}&to=${day.end - 1}`;
   const [sections, events] = await Promise.all([getJson(`/api/sections?${range}`), getJson(`/api/events?${range}`)]);
+  if (state.day !== day) return;  // another day was chosen meanwhile
   state.sections = sections.sections;
   state.events = events.events;
   state.viewStart = day.start;

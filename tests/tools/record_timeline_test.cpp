@@ -80,14 +80,16 @@ TEST(RecordTimelineTest, DaylightSavingDays) {
     constexpr uint32_t kSpringChange = 1774746000;  // 2026-03-29 01:00 UTC, 02:00 CET -> 03:00 CEST
     constexpr uint32_t kAutumnChange = 1792890000;  // 2026-10-25 01:00 UTC, 03:00 CEST -> 02:00 CET
     TempDir dir;
-    CardIndex card(dir.path() + "/");
+    CraftedIndex card(dir.path() + "/");
     card.Header(2);
     card.File(0, kSpringChange - 15, kSpringChange + 15, 1);
     card.Section(0, 1, kSpringChange - 15, kSpringChange + 15);
     card.File(1, kAutumnChange - 15, kAutumnChange + 15, 1);
     card.Section(1, 1, kAutumnChange - 15, kAutumnChange + 15);
-    card.EventSlot(0, 0, 0);
-    card.EventSlot(1, 0, 0);
+    card.EventSlot(0, kSpringChange - 15, 1);
+    card.Event(0, 0, kSpringChange - 10, kSpringChange + 5, 1);
+    card.EventSlot(1, kAutumnChange - 15, 1);
+    card.Event(1, 0, kAutumnChange - 10, kAutumnChange + 5, 4);
 
     auto hours = [](const std::string &svg) {
         std::string labels;
@@ -102,7 +104,7 @@ TEST(RecordTimelineTest, DaylightSavingDays) {
     ASSERT_EQ(RecordTimelineLoad(dir.path().c_str(), 2026, 3, 29, &timeline), 0);
     std::string svg = RecordTimelineSvg(timeline);
     EXPECT_EQ(hours(svg), "00 01 03 04 05 06 07 08 09 10 11 12 13 14 15 16 17 18 19 20 21 22 23 24 ");
-    EXPECT_NE(svg.find("2026-03-29 (23 hours): 1 sections"), std::string::npos);
+    EXPECT_NE(svg.find("2026-03-29 (23 hours): 1 sections, 1 alarm events"), std::string::npos);
     EXPECT_NE(svg.find("<title>hi000000_000001.mp4 01:59:45-03:00:15, file 0, section 1</title>"),
               std::string::npos);
 
@@ -110,7 +112,7 @@ TEST(RecordTimelineTest, DaylightSavingDays) {
     EXPECT_EQ(timeline.dayEnd - timeline.dayStart, 25u * 3600);
     svg = RecordTimelineSvg(timeline);
     EXPECT_EQ(hours(svg), "00 01 02 02 03 04 05 06 07 08 09 10 11 12 13 14 15 16 17 18 19 20 21 22 23 24 ");
-    EXPECT_NE(svg.find("2026-10-25 (25 hours): 1 sections"), std::string::npos);
+    EXPECT_NE(svg.find("2026-10-25 (25 hours): 1 sections, 1 alarm events"), std::string::npos);
     EXPECT_NE(svg.find("<title>hi000001_000001.mp4 02:59:45 CEST-02:00:15 CET, file 1, section 1</title>"),
               std::string::npos);
     // Three hours of 25 in: the bar starts 15 s before 3/25 of the axis.

@@ -178,7 +178,7 @@ int FrameTime(const WriterState &w, uint32_t *time) {
     time_t counted = w.refWall.tv_sec + static_cast<time_t>(g_uptimeClock() - w.refUptime);
     time_t drift = now.tv_sec - counted;
     time_t chosen = drift >= -kWallClockTolerance && drift <= kWallClockTolerance ? now.tv_sec : counted;
-    return CardTimeForStore(chosen, time, "frame time");
+    return CardTimeForStore(chosen, time, "frame time", kWriterFunction);
 }
 
 // Builds the frame's bytes in g_outBuf; *start is where they begin. The PS

@@ -59,7 +59,7 @@ int AV_RecordFileConfigParamGet(RecordConfigInfo *info, FileInfoHead *file, Sect
                                 uint8_t recordType) {
     if (info == nullptr || file == nullptr || section == nullptr) return -1;
     uint32_t now = 0;
-    if (CardTimeForStore(RecordClockNow(), &now, "section start") != 0) return -1;
+    if (CardTimeForStore(RecordClockNow(), &now, "section start", __func__) != 0) return -1;
     uint32_t startTime = JoinLastRecordEnd(now);
     LogSectionStart(__func__, startTime);
     if (file->m_u32HeadFlag == kFileInfoHeadFlag) {

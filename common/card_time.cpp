@@ -17,7 +17,7 @@ int TimeToCardTime(time_t t, uint32_t *card) {
     return 0;
 }
 
-int CardTimeForStore(time_t t, uint32_t *card, const char *what) {
+int CardTimeForStore(time_t t, uint32_t *card, const char *what, const char *function) {
     if (TimeToCardTime(t, card) == 0) {
         g_refusalLogged.store(0, std::memory_order_relaxed);
         return 0;
@@ -26,7 +26,7 @@ int CardTimeForStore(time_t t, uint32_t *card, const char *what) {
         LogError(
             "%s %d: %s %lld is outside the card's time range (1970-01-01 to 2106-02-07 06:28:15 UTC), "
             "not stored\n",
-            __func__, __LINE__, what, static_cast<long long>(t));
+            function, __LINE__, what, static_cast<long long>(t));
     }
     return -1;
 }

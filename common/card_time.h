@@ -28,8 +28,9 @@ constexpr bool CardTimeInRange(time_t t) {
 int TimeToCardTime(time_t t, uint32_t *card);
 
 // As TimeToCardTime, for a value about to be stored on the card: a refusal is
-// logged (naming `what`) once until a time in range is stored again.
-int CardTimeForStore(time_t t, uint32_t *card, const char *what);
+// logged once, under the storing function's name and naming `what`, until a
+// time in range is stored again.
+int CardTimeForStore(time_t t, uint32_t *card, const char *what, const char *function);
 
 // The wall clock (CLOCK_REALTIME) as a card time; -1 when the clock cannot be
 // read or reads outside the card's range.

@@ -133,7 +133,7 @@ void *AlarmEventThread(void * /*arg*/) {
         // A time the card cannot hold marks nothing; the run ends on it.
         uint32_t now = 0;
         time_t counted = startTime.tv_sec + static_cast<time_t>(RecordClock().uptime() - startUptime);
-        if (CardTimeForStore(counted, &now, "alarm event time") != 0) continue;
+        if (CardTimeForStore(counted, &now, "alarm event time", __func__) != 0) continue;
         if (AlarmTurnOnce(__func__, fd, &tracker, *sys, static_cast<uint32_t>(recordType), now) != 0) {
             return EndAlarmThread(__func__, fd, 0);
         }

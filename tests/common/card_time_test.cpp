@@ -113,18 +113,20 @@ TEST_F(CardTimeTest, TimesOutsideTheRangeAreRefusedNotWrapped) {
 TEST_F(CardTimeTest, RefusalIsLoggedOnceUntilATimeInRangeIsStored) {
     uint32_t card = 0;
     testing::internal::CaptureStderr();
-    EXPECT_EQ(CardTimeForStore(kPastCard, &card, "section start"), -1);
-    EXPECT_EQ(CardTimeForStore(kPastCard + 60, &card, "section start"), -1);
-    EXPECT_EQ(CardTimeForStore(-5, &card, "section start"), -1);
+    EXPECT_EQ(CardTimeForStore(kPastCard, &card, "section start", "AV_RecordFileConfigParamGet"), -1);
+    EXPECT_EQ(CardTimeForStore(kPastCard + 60, &card, "section start", "AV_RecordFileConfigParamGet"), -1);
+    EXPECT_EQ(CardTimeForStore(-5, &card, "section start", "AV_RecordFileConfigParamGet"), -1);
     std::string first = testing::internal::GetCapturedStderr();
+    EXPECT_NE(first.find("AV_RecordFileConfigParamGet"), std::string::npos) << first;
     EXPECT_NE(first.find("section start 4294967296 is outside the card's time range"), std::string::npos)
         << first;
+    EXPECT_EQ(first.find("CardTimeForStore"), std::string::npos) << first;
     EXPECT_EQ(first.find("4294967356"), std::string::npos) << first;
 
     testing::internal::CaptureStderr();
-    EXPECT_EQ(CardTimeForStore(k2038First, &card, "section start"), 0);
+    EXPECT_EQ(CardTimeForStore(k2038First, &card, "section start", "AV_RecordFileConfigParamGet"), 0);
     EXPECT_EQ(card, k2038First);
-    EXPECT_EQ(CardTimeForStore(-5, &card, "key frame"), -1);
+    EXPECT_EQ(CardTimeForStore(-5, &card, "key frame", "AV_RecordFileConfigParamGet"), -1);
     std::string again = testing::internal::GetCapturedStderr();
     EXPECT_NE(again.find("key frame -5 is outside"), std::string::npos) << again;
     EXPECT_EQ(card, k2038First);

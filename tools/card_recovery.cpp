@@ -42,6 +42,10 @@ constexpr uint32_t kStartSlackSeconds = 10;
 constexpr uint32_t kResumeSeconds = 60;
 // Its end may lie this far behind its last video frame (an audio frame).
 constexpr uint32_t kEndSlackSeconds = 1;
+// The writer ends a run when the wall clock steps by more than 5 s (read in
+// whole seconds on two clocks, so one more): a video frame further back
+// than this belongs to no section running before it.
+constexpr uint32_t kClockStepSeconds = 6;
 
 // Audio stream types of the stream map and the section's audio codec type.
 struct AudioTypeMap {
@@ -284,6 +288,10 @@ bool FileScanner::Continues(const SectionScan &s, const ScannedFrame &f) const {
         return f.video && f.keyForm && CounterOfStamp(f.pts) > s.counter && f.time >= s.lastVideoTime &&
                f.time - s.lastVideoTime <= kResumeSeconds;
     }
+    // An earlier lap's frames may follow the new lap's last one on the very
+    // same counter (the same stream recorded from the same start): only
+    // their time, older than the section's, tells them apart.
+    if (f.video && s.counter != 0 && f.time + kClockStepSeconds < s.lastVideoTime) return false;
     return f.pts == CounterStamp(f.video ? s.counter + 1 : s.counter + 2);
 }
 

@@ -375,22 +375,29 @@ void FileScanner::Add(const ScannedFrame &f) {
 }
 
 uint8_t FileScanner::FrameRate(const SectionScan &s) const {
-    // The most common count of video frames in the whole seconds inside the
-    // section (its first and last second are partial).
-    std::map<uint32_t, uint32_t> counts;
+    // Frame times are the times the frames were written: a frame that comes
+    // a few milliseconds late moves from one second to the next (a steady
+    // 25 fps reads 26, 24, 26, ...), and the ring's backlog arrives in one
+    // burst at the start. So: the median count over two whole seconds
+    // inside the section (its first and last second are partial), halved.
+    std::vector<uint32_t> pairs;
+    uint32_t rate = 0;
     if (s.perSecond.size() > 2) {
         auto last = std::prev(s.perSecond.end());
-        for (auto it = std::next(s.perSecond.begin()); it != last; ++it) ++counts[it->second];
+        rate = std::next(s.perSecond.begin())->second;  // one whole second only
+        for (auto it = std::next(s.perSecond.begin()); std::next(it) != last; ++it)
+            pairs.push_back(it->second + std::next(it)->second);
     }
-    uint32_t best = 0, seen = 0;
-    for (const auto &[count, times] : counts) {
-        if (times > seen) best = count, seen = times;
-    }
-    if (best == 0) {
+    if (!pairs.empty()) {
+        std::sort(pairs.begin(), pairs.end());
+        size_t mid = pairs.size() / 2;
+        uint32_t twice = pairs.size() % 2 != 0 ? 2 * pairs[mid] : pairs[mid - 1] + pairs[mid];
+        rate = (twice + 2) / 4;  // the median pair, halved, rounded
+    } else if (rate == 0) {
         uint32_t seconds = s.lastVideoTime > s.firstTime ? s.lastVideoTime - s.firstTime : 1;
-        best = static_cast<uint32_t>((s.record.m_u32VideoFrameSum + seconds / 2) / seconds);
+        rate = (s.record.m_u32VideoFrameSum + seconds / 2) / seconds;
     }
-    return static_cast<uint8_t>(std::min<uint32_t>(best, UINT8_MAX));
+    return static_cast<uint8_t>(std::min<uint32_t>(rate, UINT8_MAX));
 }
 
 void FileScanner::FinishSection(SectionScan &s) {

@@ -129,9 +129,29 @@ int ImageClose(int fd) {
     return PosixFileIo().close(fd);
 }
 
+// SEEK_DATA / SEEK_HOLE inside a card file: the image's own holes (a
+// sparse image file; a device has none), bounded by the file's end.
+int64_t ImageSeekExtent(int fd, const OpenFile &f, int64_t offset, int whence) {
+    int64_t size = f.size;
+    if (offset < 0 || offset >= size) {
+        errno = ENXIO;
+        return -1;
+    }
+    int64_t at = PosixFileIo().seek(fd, static_cast<int64_t>(f.start) + offset, whence);
+    if (at < 0) return -1;
+    at = std::min(at - static_cast<int64_t>(f.start), size);
+    if (whence == SEEK_DATA && at == size) {
+        errno = ENXIO;
+        return -1;
+    }
+    SetPosition(fd, at);
+    return at;
+}
+
 int64_t ImageSeek(int fd, int64_t offset, int whence) {
     OpenFile f;
     if (!Find(fd, &f)) return PosixFileIo().seek(fd, offset, whence);
+    if (whence == SEEK_DATA || whence == SEEK_HOLE) return ImageSeekExtent(fd, f, offset, whence);
     int64_t target = FileSeekTarget(f.position, f.size, offset, whence);
     if (target >= 0) SetPosition(fd, target);
     return target;

@@ -18,9 +18,11 @@ its files, or a folder given with a trailing '/'.
                                 line per difference, exit 1 on any but those
                                 in fields only the camera's configuration
                                 gives (the header's configuration word, a
-                                section's record type and spare video byte),
-                                which no recording carries: those are named
-                                "configuration" and counted
+                                section's frame rate as configured, record
+                                type and spare video byte), which no
+                                recording carries exactly (the rate is
+                                counted from frames written on time): those
+                                are named "configuration" and counted
   index FILE IMAGE              the records of the index file FILE (header,
                                 file records, sections in use) are IMAGE's
   digest IMAGE                  a digest of the image's data extents and
@@ -48,7 +50,7 @@ KEY_ENTRY = 20
 HEADER = 236
 # Bytes set from the camera's configuration, not from what it recorded.
 HEADER_CONFIG = range(0x08, 0x0C)
-SECTION_CONFIG = (0x2A, 0x2C)
+SECTION_CONFIG = (0x28, 0x2A, 0x2C)
 FILE_MAGIC = 0x46484652
 EVENT_MAGIC = 0x464D4541
 

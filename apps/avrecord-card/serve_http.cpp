@@ -13,6 +13,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <deque>
 #include <filesystem>
 #include <map>
@@ -46,6 +47,7 @@ constexpr size_t kMaxKeepAliveRequests = 100;
 constexpr int kSendBufferBytes = 256 * 1024;  // what a stalled viewer holds of the kernel's memory
 constexpr unsigned kMaxStreams = 16;          // videos and clip downloads at once
 constexpr size_t kHandlerThreads = 128;       // the streams, and the rest beside them
+constexpr int kListenBacklog = 128;           // connections the kernel holds until they are accepted
 constexpr char kRetryAfterSeconds[] = "5";
 constexpr int kHttpMethodNotAllowed = 405;
 constexpr int kHttpUnavailable = 503;
@@ -504,13 +506,25 @@ void ListenSocketOptions(socket_t sock) {
     setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
 }
 
+// The library listens with room for five waiting connections. When a crowd
+// of clients connects at once (a page's requests, or many stuck ones) the
+// kernel drops the rest, and each dropped client tries again only a second
+// later; a listening socket takes a longer queue by listening again.
+void LengthenListenQueue(int sock) {
+    if (sock >= 0 && listen(sock, kListenBacklog) != 0)
+        fprintf(stderr, "avrecord-card serve: cannot lengthen the listen queue: %s\n", strerror(errno));
+}
+
 const char *ErrorText(int status) {
     return status == kHttpBadRequest ? "the request is not valid HTTP" : "request refused";
 }
 
-void SetUpServer(httplib::Server &server, const ServeOptions &options, const int *port) {
+void SetUpServer(httplib::Server &server, const ServeOptions &options, const int *port, int *listenSocket) {
     server.new_task_queue = [] { return new httplib::ThreadPool(kHandlerThreads); };
-    server.set_socket_options(ListenSocketOptions);
+    server.set_socket_options([listenSocket](socket_t sock) {
+        ListenSocketOptions(sock);
+        *listenSocket = sock;  // the last one made is the one bound
+    });
     server.set_default_headers({{"X-Content-Type-Options", "nosniff"},
                                 {"Content-Security-Policy", "default-src 'self'; img-src 'self' data:"},
                                 {"Referrer-Policy", "no-referrer"}});
@@ -618,7 +632,8 @@ int ServeCard(const ServeOptions &options) {
         StreamSlots slots;
         CardServer server;
         ClipJobs jobs(options.cardDir, folder);
-        SetUpServer(server, options, &port);
+        int listenSocket = -1;
+        SetUpServer(server, options, &port, &listenSocket);
         AddRoutes(server, options.cardDir, jobs, slots);
         errno = 0;
         port = options.port == 0 ? server.bind_to_any_port(options.host)
@@ -631,6 +646,7 @@ int ServeCard(const ServeOptions &options) {
                     options.port);
             status = kExitUsage;
         } else {
+            LengthenListenQueue(listenSocket);
             if (!IsLoopbackHost(options.host))
                 fprintf(stderr,
                         "avrecord-card serve: listening beyond this machine: anyone who reaches %s sees the "

@@ -8,12 +8,19 @@ usage: card_serve_clients.py PORT stuck READERS HALF DRIP AT CUT
          times. With CUT > 0 the readers then stay stuck for CUT seconds;
          the server should have cut them all off by then (and the others
          within the minute). A video is played once more.
+       card_serve_clients.py PORT crowd COUNT PID
+         holds the server (process PID) still with SIGSTOP while COUNT
+         clients connect and ask for /api/days, then lets it go on: how many
+         got through at once (the kernel queues them for the server) and how
+         many were answered.
        card_serve_clients.py PORT raw
          sends standard input as it stands; prints the answer's status line.
        card_serve_clients.py PORT bighead MEGABYTES
          sends a header line that long; prints the answer's status line, if
          any came."""
 import json
+import os
+import signal
 import socket
 import statistics
 import sys
@@ -26,6 +33,7 @@ READ_FIRST = 1000      # what a stuck reader takes before it stops
 ANSWER_TIMEOUT = 10    # for an answer the server should give at once
 CUT_TIMEOUT = 60       # for the server to cut off the stuck clients
 DAYS_ASKS = 5
+CONNECT_AT_ONCE = 0.5  # a dropped connection tries again only after a second
 
 
 def connect(port, small=False):
@@ -149,6 +157,33 @@ def stuck(port, readers, half, drip, at, cut_after):
     return result
 
 
+def crowd(port, count, pid):
+    result = {"connected": 0, "answered": 0}
+    clients = []
+    os.kill(pid, signal.SIGSTOP)
+    try:
+        for _ in range(count):
+            s = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+            s.settimeout(CONNECT_AT_ONCE)
+            try:
+                s.connect((HOST, port))
+                s.sendall(head("/api/days", port))
+                result["connected"] += 1
+                clients.append(s)
+            except OSError:
+                s.close()
+    finally:
+        os.kill(pid, signal.SIGCONT)
+    for s in clients:
+        s.settimeout(ANSWER_TIMEOUT)
+        try:
+            result["answered"] += status_of(s.recv(4096)) == 200
+        except OSError:
+            pass
+        s.close()
+    return result
+
+
 def raw(port):
     with connect(port) as s:
         s.sendall(sys.stdin.buffer.read())
@@ -182,6 +217,8 @@ def main():
     port, mode = int(sys.argv[1]), sys.argv[2]
     if mode == "stuck":
         result = stuck(port, *(int(a) for a in sys.argv[3:8]))
+    elif mode == "crowd":
+        result = crowd(port, int(sys.argv[3]), int(sys.argv[4]))
     elif mode == "raw":
         result = raw(port)
     else:

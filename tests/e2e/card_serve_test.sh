@@ -62,6 +62,10 @@ port=${port##*:}
 # One server per port: a second one is refused.
 expect 2 timeout 5 "$tool" serve --card "$card" --listen "127.0.0.1:$port"
 [ "$err" = "avrecord-card serve: port $port is in use" ] || fail "second server on one port: $err"
+# A crowd that connects while the server is held up (a loaded machine)
+# waits in the kernel's queue instead of being dropped for a second.
+crowd=$(python3 "$clients" "$port" crowd 100 "$server")
+[ "$crowd" = '{"answered": 100, "connected": 100}' ] || fail "a hundred clients at once: $crowd"
 
 # get PATH [CURL ARGS...]: the body in $body, the status in $code, the headers in $work/headers.
 get() {

@@ -3,13 +3,17 @@ day in the calendar and the sections on its timeline, with the alarm lanes
 named by what they watch; zoom in on an empty part of the day and still
 find the recording, go to the recordings with one button; zoom in with the
 wheel, click into a section and watch it play from the clicked moment
-itself (20 clicks, timed), pause it without a seek bar of its own; make a
+itself (20 clicks, timed), pause it without a seek bar of its own, play on
+after a pause the server outlasted and after a stream cut short; make a
 clip with 24-hour times, its progress never ahead of its total, and
-download it; then the same timeline at phone width. Screenshots go to the
-artefact folder; the downloaded clip's path and the measured figures are
-printed as JSON. Exits 1 on the first failed expectation.
+download it; then the same timeline at phone width; last, on a second
+server, a card whose file 0 the next lap overwrote, served with --recover:
+the older lap's remnant is drawn and named as one and plays. Screenshots
+go to the artefact folder; the downloaded clip's path and the measured
+figures are printed as JSON. Exits 1 on the first failed expectation.
 
-usage: card_serve_page.py URL DAY SECTION START CLICK_OFFSET ARTEFACTS DOWNLOADS"""
+usage: card_serve_page.py URL DAY SECTION START CLICK_OFFSET ARTEFACTS DOWNLOADS REMNANT_URL REMNANT_SECTION"""
+import base64
 import json
 import os
 import sys
@@ -26,6 +30,14 @@ FRAME = 0.04              # one frame at 25 fps
 CLOCK_SLACK = 0.1         # a frame and a screen refresh
 TIMED_CLICKS = 20
 PHONE_WIDTH = 420
+DESKTOP_WIDTH, DESKTOP_HEIGHT = 1280, 900
+BROKEN_AFTER = 1.4        # seconds shown of a stream broken off (a second at least, less than a fragment)
+TOO_SHORT = 0.3           # and of one broken off too soon to be asked for again
+PLAY_ON = 0.5             # seconds of playback that show it went on
+KEY_INTERVAL = 2          # seconds between the test card's key frames
+BOX_HEAD = 8              # an MP4 box's size and type
+REMNANT_CLICK = 12        # seconds into the 25 s remnant: its middle, a few pixels into its bar
+VIDEO = "document.getElementById('video')"
 
 
 def check(condition, message):
@@ -141,6 +153,136 @@ def seek_bar_and_pause(b):
         b.wait_for(f"{paused} === {json.dumps(want)}", TIMEOUT, "pausing" if want else "playing on")
 
 
+def video_at(b):
+    """The moment the page asked the playing stream for."""
+    return int(b.evaluate(f"new URL({VIDEO}.src).searchParams.get('at')"))
+
+
+def resume_after_long_pause(b):
+    """A short pause plays on with the same stream; after a pause the server
+    may have cut the stream in (dated back here instead of waited out), Play
+    asks for the video anew from the paused moment's second, whose first
+    frame shows, and playback goes on past the moment."""
+    b.wait_for(f"!{VIDEO}.paused", TIMEOUT, "playing")
+    stream, resumes = b.evaluate(f"{VIDEO}.src"), b.evaluate("window.avrecordStats.resumes")
+    check(resumes == 0 and video_at(b) == int(b.evaluate("state.playing.at")),
+          f"a short pause asked for the stream anew: {stream}, {resumes} resumes")
+    b.click_element("#play-pause")
+    b.wait_for("state.paused !== null", TIMEOUT, "pausing")
+    paused = b.evaluate("state.paused.moment")
+    b.evaluate("state.paused.since -= STREAM_IDLE_CUT_MS")
+    b.click_element("#play-pause")
+    b.wait_for("window.avrecordStats.resumes === 1 && window.avrecordStats.clickToFirstFrameMs !== null",
+               TIMEOUT, "the first frame after a long pause")
+    stats = b.evaluate("window.avrecordStats")
+    check(abs(stats["firstFrameMediaTime"]) <= FRAME and not stats["lastError"] and video_at(b) == int(paused),
+          f"played on after a long pause at {paused} from {video_at(b)}: {stats}")
+    b.wait_for(f"Number(document.getElementById('clock').dataset.time) >= {paused + PLAY_ON}", TIMEOUT,
+               f"playback going on past {paused}")
+
+
+def media_data(stream):
+    """Where each fragment's media data (one key-frame interval of the test
+    card's) starts in the stream, and its size."""
+    boxes, offset = [], 0
+    while offset + BOX_HEAD <= len(stream):
+        size, kind = int.from_bytes(stream[offset:offset + 4], "big"), stream[offset + 4:offset + BOX_HEAD]
+        if size < BOX_HEAD:
+            break
+        if kind == b"mdat":
+            boxes.append((offset, size))
+        offset += size
+    return boxes
+
+
+def broken_off(stream, seconds):
+    """The stream's bytes up to about seconds into its media, inside a fragment."""
+    index, share = divmod(seconds / KEY_INTERVAL, 1)
+    offset, size = media_data(stream)[int(index)]
+    return offset + int(size * share)
+
+
+def hand_over_cut(b, length):
+    """Answers the page's next video request with the first length(stream)
+    bytes of the server's stream."""
+    paused = b.wait_event("Fetch.requestPaused", timeout=TIMEOUT)
+    body = b.send("Fetch.getResponseBody", {"requestId": paused["requestId"]}, session=True, timeout=TIMEOUT)
+    check(body["base64Encoded"], "the video came as text")
+    stream = base64.b64decode(body["body"])
+    b.send("Fetch.fulfillRequest", {"requestId": paused["requestId"], "responseCode": 200,
+                                    "body": base64.b64encode(stream[:length(stream)]).decode(),
+                                    "responseHeaders": [{"name": "Content-Type", "value": "video/mp4"}]},
+           session=True)
+
+
+def resume_after_cut(b, section, start):
+    """Streams that stop before their section ends play on from where they
+    stopped, whether the stream ends cleanly after whole fragments or
+    breaks off inside one; one that breaks off before a second of it showed
+    is not asked for again (a fault at one place of the card would be asked
+    for on and on), the page says the video cannot be played. Only the
+    streams' first bytes reach the page: the browser's own request
+    interception hands them over."""
+    b.send("Fetch.enable", {"patterns": [{"urlPattern": "*/api/video*", "requestStage": "Response"}]}, session=True)
+    try:
+        resumes = b.evaluate("window.avrecordStats.resumes")
+        clicked = start + 2 * KEY_INTERVAL
+        bar = b.box(f'#timeline rect.section[data-name="{section}"]')
+        b.click(b.evaluate(f"xOf({clicked + 0.5})") + b.box("#timeline")["x"], bar["y"] + bar["height"] / 2)
+        hand_over_cut(b, lambda stream: sum(media_data(stream)[0]))  # the first fragment, whole
+        moments = [clicked]
+        for shown in (BROKEN_AFTER, TOO_SHORT):
+            b.wait_for(f"window.avrecordStats.resumes > {resumes + len(moments) - 1}", TIMEOUT,
+                       f"a stream that stopped at {moments[-1]} + some asked for anew")
+            moments.append(video_at(b))
+            check(moments[-1] > moments[-2], f"streams asked for from {moments}")
+            # That stream starts on the key frame at or before its moment.
+            shown_from = (moments[-1] - start) % KEY_INTERVAL
+            hand_over_cut(b, lambda stream: broken_off(stream, shown_from + shown))
+        b.wait_for("window.avrecordStats.lastError !== null", TIMEOUT, "a stream broken off at once")
+    finally:
+        b.send("Fetch.disable", session=True)
+    stats = b.evaluate("[window.avrecordStats, document.getElementById('play-status').textContent]")
+    check(stats[0]["resumes"] == resumes + 2 and video_at(b) == moments[-1] and
+          stats[0]["clickToFirstFrameMs"] is not None and "cannot be played" in stats[1],
+          f"streams broken off: from {moments}, {stats}")
+
+
+def remnant(b, url, section, artefacts):
+    """A card whose file 0 the next lap overwrote, served with --recover:
+    the older lap's frames behind the new lap are a section drawn apart,
+    explained by its tooltip and a legend, named in the details, and play."""
+    b.send("Emulation.setDeviceMetricsOverride", {"width": DESKTOP_WIDTH, "height": DESKTOP_HEIGHT,
+                                                  "deviceScaleFactor": 1, "mobile": False}, session=True)
+    b.navigate(url)
+    bar = f'#timeline rect.section[data-name="{section}"]'
+    b.wait_for(f"!!document.querySelector('{bar}')", TIMEOUT, f"remnant {section} on the timeline")
+    look = b.evaluate("(() => { const bars = [...document.querySelectorAll('#timeline rect.section')]; return {"
+                      "bars: bars.map(r => [r.dataset.name, r.classList.contains('remnant'), getComputedStyle(r).fill,"
+                      " r.querySelector('title').textContent]),"
+                      "legend: document.getElementById('remnant-legend').checkVisibility() &&"
+                      " document.getElementById('remnant-legend').textContent.replace(/\\s+/g, ' '),"
+                      "title: document.getElementById('day-title').textContent}; })()")
+    marked = [bar for bar in look["bars"] if bar[1]]
+    check(len(look["bars"]) == 2 and [m[0] for m in marked] == [section], f"remnant bars: {look}")
+    others = [bar for bar in look["bars"] if not bar[1]]
+    check("remnant-hatch" in marked[0][2] and marked[0][2] != others[0][2],
+          f"the remnant is drawn as the others: {look}")
+    check("older frames of an overwritten lap" in marked[0][3] and "overwritten" not in others[0][3],
+          f"tooltips: {look}")
+    check(look["legend"] and "recovered from the media data" in look["legend"], f"no legend: {look}")
+    check("(1 of an overwritten lap)" in look["title"], f"day title: {look['title']}")
+    b.click_element("#go-recordings")
+    start = b.evaluate(f"Number(document.querySelector('{bar}').dataset.start)")
+    click_moment(b, section, start, REMNANT_CLICK)
+    details = b.evaluate("[document.getElementById('section-title').textContent,"
+                         " document.querySelector('#details dd[data-field=remnant]')?.textContent]")
+    check(details[0] == f"{section} (remnant)" and "overwritten lap" in (details[1] or ""),
+          f"remnant details: {details}")
+    b.click_element('#zoom button[data-span="60"]')  # the hatching, a minute across
+    b.screenshot(os.path.join(artefacts, "remnant.png"), "body")
+
+
 def make_clip(b, downloads, start, offset):
     b.send("Browser.setDownloadBehavior", {"behavior": "allow", "downloadPath": downloads, "eventsEnabled": True})
     fields = b.evaluate("[document.getElementById('clip-from').type, document.getElementById('clip-from').value,"
@@ -178,7 +320,7 @@ def phone(b, section, start, artefacts):
     b.screenshot(os.path.join(artefacts, "phone.png"))
 
 
-def main(url, day, section, start, offset, artefacts, downloads):
+def main(url, day, section, start, offset, artefacts, downloads, remnant_url, remnant_section):
     start, offset = int(start), int(offset)
     profile = tempfile.TemporaryDirectory()
     b = Browser(profile.name)
@@ -195,12 +337,16 @@ def main(url, day, section, start, offset, artefacts, downloads):
         b.screenshot(os.path.join(artefacts, "timeline.png"), "#timeline")
         click_moment(b, section, start, offset)
         state = watch(b, start, offset)
+        check("remnant" not in state["details"], f"a recorded section is named a remnant: {state['details']}")
         seek_bar_and_pause(b)
+        resume_after_long_pause(b)
         clip = make_clip(b, downloads, start, offset)
+        resume_after_cut(b, section, start)
         times = timed_clicks(b, section, start)
         b.evaluate("drawTimeline()")
         b.screenshot(os.path.join(artefacts, "page.png"), "body")
         phone(b, section, start, artefacts)
+        remnant(b, remnant_url, remnant_section, artefacts)
         print(json.dumps({"clip": clip, "clock": state["clock"], "details": state["details"],
                           "click_to_first_frame_ms": {"median": times[len(times) // 2], "min": times[0],
                                                       "max": times[-1], "clicks": len(times)}}))

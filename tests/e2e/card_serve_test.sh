@@ -7,8 +7,11 @@
 # is written into a FAT32 image and served from it (--image), and headless
 # Chromium uses the page as a person would (card_serve_page.py): it plays
 # the section from a clicked moment and downloads a 10 s clip, which
-# ffprobe reads as H.264 and AAC of the right length. Screenshots of the
-# timeline and the page are kept in the build's test-artefacts/serve/.
+# ffprobe reads as H.264 and AAC of the right length; the page plays on
+# after a long pause and a stream cut short, and on the card folder
+# overwritten by a later lap and served with --recover it shows the older
+# lap's remnant as one. Screenshots of the timeline, the page, the phone
+# and the remnant are kept in the build's test-artefacts/serve/.
 set -uo pipefail
 source "$(dirname "$0")/lib.sh"
 export TZ=UTC0
@@ -195,10 +198,33 @@ truncate -s 2G "$work/card.img"
 expect 0 "$tool" format "$work/card.img" --init
 expect 0 "$AVRECORD_SOURCE_DIR/scripts/fat-image" place "$work/card.img" "$card"
 serve_card image --image "$work/card.img"
+image_url=$url image_server=$server
 get "/api/sections?from=0&to=4294967295"
 [ "$body" = "$sections" ] || fail "sections from the image: $body"
-if python3 "$AVRECORD_SOURCE_DIR/tests/e2e/card_serve_page.py" "$url" 2026-03-10 "$section" "$start" 5 \
-  "$artefacts" "$work/downloads" >"$work/page.json"; then
+
+# The next lap over the start of the card folder's file 0: 3 s recorded at
+# 09:00:00 (packed into a card of its own, whose bytes, key-frame table and
+# index are copied over), so the index describes the new lap and the older
+# frames behind it are a remnant, which serve --recover offers, marked.
+lap="$work/lap"
+mkdir -p "$lap"
+ff -f lavfi -i testsrc2=size=640x360:rate=25 -t 3 -pix_fmt yuv420p -c:v libx264 -preset veryfast -g 50 \
+  -keyint_min 50 -sc_threshold 0 -bf 0 -x264-params repeat-headers=1 -f h264 "$work/lap.h264"
+expect 0 "$tool" prealloc "$lap" --media 1
+expect 0 faketime -f "2026-03-10 09:00:00" "$tool" pack "$work/lap.h264" --card "$lap" --codec h264 --json
+size=$(sed -E 's/.*"size":([0-9]+).*/\1/' <<<"$out")
+dd if="$lap/hi000000.mp4" of="$card/hi000000.mp4" bs=1 count="$size" conv=notrunc status=none
+key_frame_table_mib=252
+dd if="$lap/hi000000.mp4" of="$card/hi000000.mp4" bs=1M skip=$key_frame_table_mib seek=$key_frame_table_mib count=1 \
+  conv=notrunc status=none
+cp "$lap/index000.bin" "$card/index000.bin"
+remnant=hi000000_000002.mp4
+serve_card remnant --card "$card" --recover
+get "/api/sections?from=0&to=4294967295"
+[[ "$body" == *'{"name":"'$remnant'","start":'$((start + 4))','*'"remnant":true},{"name":"'$section'","start":'$((start + 3600))','*'"remnant":false}]}' ]] ||
+  fail "sections with a remnant: $body"
+if python3 "$AVRECORD_SOURCE_DIR/tests/e2e/card_serve_page.py" "$image_url" 2026-03-10 "$section" "$start" 5 \
+  "$artefacts" "$work/downloads" "$url" "$remnant" >"$work/page.json"; then
   cat "$work/page.json"
   clip=$(sed -E 's/.*"clip": "([^"]+)".*/\1/' "$work/page.json")
   streams=$(ffprobe -v error -show_entries stream=codec_name -of csv=p=0 "$clip" | tr '\n' ' ')
@@ -209,6 +235,8 @@ else
   fail "$(cat "$work/page.json")"
 fi
 
+stop_server
+server=$image_server
 stop_server
 [ "$failures" -eq 0 ] && echo "card serve: all passed"
 exit "$failures"

@@ -24,6 +24,12 @@ const LABEL_HALF_CHAR = 3.5;      // half the width of a label character, in pix
 const LABEL_GAP = 12;             // pixels between two time labels
 const AUDIO_NAMES = { aac: 'AAC', g711a: 'G.711 A-law', g711u: 'G.711 \u00b5-law', none: 'none' };
 const CODEC_NAMES = { h264: 'H.264', h265: 'H.265' };
+// The server cuts a stream its viewer has taken nothing of for 30 s. A
+// pause about that long may have outlasted the stream, so playing on after
+// it asks for the video anew from the paused moment (before the cut, as the
+// browser stops reading a little after the pause).
+const STREAM_IDLE_CUT_MS = 25000;
+const REMNANT_TEXT = 'older frames of an overwritten lap, recovered from the media data';
 
 const state = {
   lanes: [{ label: 'Recordings', type: 0 }],  // and one per alarm type, named by the card tool
@@ -34,11 +40,14 @@ const state = {
   viewStart: 0,
   viewSpan: DAY_SECONDS,
   moment: null,       // the moment shown by the playhead
-  playing: null,      // {section, at}: the video's time 0 is the clicked moment
+  playing: null,      // {section, at}: the video's time 0 is the moment at
+  paused: null,       // {moment, since}: where the video was paused, and when
 };
 // Figures the tests read: the time from a click to the first frame shown,
 // and that frame's place in the video (0: the clicked moment itself).
-window.avrecordStats = { clicks: 0, clickToFirstFrameMs: null, firstFrameMediaTime: null, lastError: null };
+// resumes counts the streams asked for anew to play on from where the video
+// stood (after a long pause, or a stream that ended early).
+window.avrecordStats = { clicks: 0, clickToFirstFrameMs: null, firstFrameMediaTime: null, lastError: null, resumes: 0 };
 
 async function getJson(url, options) {
   const res = await fetch(url, options);
@@ -184,8 +193,11 @@ async function selectDay(day) {
   state.viewSpan = day.end - day.start;
   setUpClipZones();
   const length = dayHours(day) === 24 ? '' : ` (${dayHours(day)} hours)`;
-  $('day-title').textContent =
-    `${day.day}${length}: ${count(state.sections.length, 'section')}, ${count(state.events.length, 'alarm event')}`;
+  const remnants = state.sections.filter((s) => s.remnant).length;
+  const ofWhich = remnants ? ` (${remnants} of an overwritten lap)` : '';
+  $('day-title').textContent = `${day.day}${length}: ${count(state.sections.length, 'section')}${ofWhich}, ` +
+    count(state.events.length, 'alarm event');
+  $('remnant-legend').hidden = remnants === 0;
   drawTimeline();
 }
 
@@ -269,8 +281,10 @@ function drawTimeline() {
   drawAxis(svg, axisY);
   for (const s of state.sections) {
     const playing = state.playing && state.playing.section.name === s.name;
-    drawBar(svg, s, 0, playing ? 'section playing' : 'section',
-      `${s.name} ${clockText(s.start)}-${clockText(s.end)}, ${s.width}x${s.height}, ${s.frame_rate} fps`);
+    const cls = ['section', playing && 'playing', s.remnant && 'remnant'].filter(Boolean).join(' ');
+    const remnant = s.remnant ? `: ${REMNANT_TEXT}` : '';
+    drawBar(svg, s, 0, cls,
+      `${s.name} ${clockText(s.start)}-${clockText(s.end)}, ${s.width}x${s.height}, ${s.frame_rate} fps${remnant}`);
   }
   for (const e of state.events) {
     const lane = state.lanes.findIndex((l) => l.type === e.type);
@@ -397,7 +411,7 @@ function alarmsDuring(section) {
 }
 
 function showDetails(section) {
-  $('section-title').textContent = section.name;
+  $('section-title').textContent = section.remnant ? `${section.name} (remnant)` : section.name;
   const alarms = alarmsDuring(section);
   const rows = [
     ['Time', `${clockText(section.start)} \u2013 ${clockText(section.end)}`],
@@ -407,6 +421,7 @@ function showDetails(section) {
     ['Size', `${megabytes(section.size)}, ${section.frames} frames`],
     ['Alarms', alarms],
   ];
+  if (section.remnant) rows.unshift(['Remnant', `${capitalised(REMNANT_TEXT)}; the index does not describe them`]);
   const list = $('details');
   list.textContent = '';
   for (const [name, value] of rows) {
@@ -452,30 +467,77 @@ async function play(at) {
     return;
   }
   at = Math.max(at, section.start);
-  const clicked = performance.now();
   window.avrecordStats.clicks += 1;
-  window.avrecordStats.clickToFirstFrameMs = null;
   state.moment = at;
   setClipRange(at, at + CLIP_SECONDS - 1);  // both ends included
-  const video = $('video');
-  // The stream starts on the key frame before the moment, but its first
-  // frame shown is the moment's own: the video's time 0 is the moment.
-  video.src = `/api/video?at=${at}`;
-  state.playing = { section, at };
-  const started = video.play().catch(() => {});
+  const started = streamFrom(section, at);
   try {
     const details = await getJson(`/api/play?at=${at}`);
-    state.playing = { section: details, at };
-    showDetails(details);
+    if (state.playing.section.name === details.name) {
+      state.playing.section = details;
+      showDetails(details);
+    }
   } catch (error) {
     $('play-status').textContent = error.message;
   }
-  video.requestVideoFrameCallback((now, frame) => {
-    window.avrecordStats.clickToFirstFrameMs = performance.now() - clicked;
-    window.avrecordStats.firstFrameMediaTime = frame.mediaTime;
-  });
   drawTimeline();
   await started;
+}
+
+// Plays the section from the moment at. The stream starts on the key frame
+// before the moment, but its first frame shown is the moment's own: the
+// video's time 0 is the moment.
+function streamFrom(section, at) {
+  const asked = performance.now();
+  const video = $('video');
+  const playing = { section, at };
+  state.playing = playing;
+  state.paused = null;
+  window.avrecordStats.clickToFirstFrameMs = null;
+  video.src = `/api/video?at=${at}`;
+  video.requestVideoFrameCallback((now, frame) => {
+    if (state.playing !== playing) return;  // a later stream's frame
+    window.avrecordStats.clickToFirstFrameMs = performance.now() - asked;
+    window.avrecordStats.firstFrameMediaTime = frame.mediaTime;
+  });
+  return video.play().catch(() => {});
+}
+
+// The moment of the recording the video shows.
+function shownMoment() {
+  return state.playing.at + $('video').currentTime;
+}
+
+// Asks for the stream anew from the second holding the moment and plays on.
+function resumeFrom(moment) {
+  window.avrecordStats.resumes += 1;
+  return streamFrom(state.playing.section, Math.floor(moment));
+}
+
+// Play after a pause: after a long one the server may have cut the stream,
+// so it is asked for anew from the paused moment.
+function playOn() {
+  const paused = state.paused;
+  if (state.playing && paused && (paused.cut || performance.now() - paused.since >= STREAM_IDLE_CUT_MS)) {
+    return resumeFrom(paused.moment);
+  }
+  return $('video').play().catch(() => {});
+}
+
+// A stream that ended or failed before the section's end was cut: playback
+// goes on from the moment shown last (once Play is pressed, when paused).
+// False when nothing was shown since the stream was asked for, so a server
+// that is gone is not asked again and again.
+function streamCut() {
+  if (!state.playing) return false;
+  const second = Math.floor(state.paused ? state.paused.moment : shownMoment());
+  if (second <= state.playing.at || second >= state.playing.section.end) return false;
+  if (state.paused) {
+    state.paused.cut = true;
+  } else {
+    resumeFrom(second);
+  }
+  return true;
 }
 
 function showClock() {
@@ -496,12 +558,20 @@ function showClock() {
 function setUpPlayer() {
   const video = $('video');
   const button = $('play-pause');
-  button.addEventListener('click', () => (video.paused ? video.play().catch(() => {}) : video.pause()));
+  button.addEventListener('click', () => (video.paused ? playOn() : video.pause()));
   const label = () => { button.textContent = video.paused ? 'Play' : 'Pause'; };
-  video.addEventListener('play', label);
-  video.addEventListener('pause', label);
-  $('video').addEventListener('error', () => {
-    const error = $('video').error;
+  video.addEventListener('play', () => {
+    label();
+    state.paused = null;
+  });
+  video.addEventListener('pause', () => {
+    label();
+    if (state.playing && !video.ended) state.paused = { moment: shownMoment(), since: performance.now(), cut: false };
+  });
+  video.addEventListener('ended', streamCut);
+  video.addEventListener('error', () => {
+    if (streamCut()) return;
+    const error = video.error;
     window.avrecordStats.lastError = error ? `${error.code} ${error.message}` : 'error';
     $('play-status').textContent = `The video cannot be played (${window.avrecordStats.lastError}).`;
   });

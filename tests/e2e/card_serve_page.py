@@ -275,6 +275,9 @@ def remnant(b, url, section, artefacts):
     b.click_element("#go-recordings")
     start = b.evaluate(f"Number(document.querySelector('{bar}').dataset.start)")
     click_moment(b, section, start, REMNANT_CLICK)
+    # The details come from their own request, which may answer after the first frame.
+    b.wait_for(f"document.getElementById('section-title').textContent.startsWith('{section}')", TIMEOUT,
+               "the remnant's details")
     details = b.evaluate("[document.getElementById('section-title').textContent,"
                          " document.querySelector('#details dd[data-field=remnant]')?.textContent]")
     check(details[0] == f"{section} (remnant)" and "overwritten lap" in (details[1] or ""),

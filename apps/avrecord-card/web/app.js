@@ -41,7 +41,7 @@ const state = {
   viewSpan: DAY_SECONDS,
   moment: null,       // the moment shown by the playhead
   playing: null,      // {section, at}: the video's time 0 is the moment at
-  paused: null,       // {moment, since}: where the video was paused, and when
+  paused: null,       // {moment, since, cut}: where and when the video was paused, and whether its stream ended since
 };
 // Figures the tests read: the time from a click to the first frame shown,
 // and that frame's place in the video (0: the clicked moment itself).

@@ -15,7 +15,6 @@
 namespace {
 
 constexpr uint8_t kPackStartCode[4] = {0x00, 0x00, 0x01, 0xBA};
-constexpr uint32_t kMaxKeyFrameEntries = (kMediaFileSize - kKeyFrameTableOffset) / kKeyFrameEntrySize;
 // A section's frame rate field against its frames: rates above this are
 // no camera's, and over a section this long the frame count tells the
 // rate well enough to see a field that promises more than the slack

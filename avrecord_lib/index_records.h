@@ -127,6 +127,7 @@ static_assert(offsetof(KeyFrameEntry, m_u32FrameOffset) == 0x0C);
 static_assert(offsetof(KeyFrameEntry, m_u8KeyType) == 0x10);
 static_assert(offsetof(KeyFrameEntry, m_u16Reserved) == 0x11);
 inline constexpr uint32_t kKeyFrameEntrySize = sizeof(KeyFrameEntry);
+inline constexpr uint32_t kMaxKeyFrameEntries = (kMediaFileSize - kKeyFrameTableOffset) / kKeyFrameEntrySize;
 inline constexpr uint8_t kKeyTypeParameterSet = 1;  // key frame led by a parameter set
 inline constexpr uint8_t kKeyTypeEncoderMark = 2;   // marked by the encoder's frame descriptor
 

@@ -50,6 +50,23 @@ bool AV_RecordFileInfoHeadIsFull(const FileInfoHead *file) {
     return file->m_u32DataSize >= kMediaFileFullSize;
 }
 
+void AV_RecordFileInfoHeadCatchUp(FileInfoHead *file, const SectionInfoHead *sections) {
+    uint32_t sum = file->m_u32RecordSectionSum;
+    if (sum == 0 || sum > kMaxSectionNo) return;
+    const SectionInfoHead &last = sections[sum - 1];
+    if (last.m_u32HeadFlag != kSectionInfoHeadFlag) return;
+    uint64_t end = uint64_t{last.m_u32SectionOffset} + last.m_u32SectionSize;
+    if (end > file->m_u32DataSize && end <= kKeyFrameTableOffset)
+        file->m_u32DataSize = static_cast<uint32_t>(end);
+    if (last.m_u32EndTime > file->m_u32EndTime) file->m_u32EndTime = last.m_u32EndTime;
+    // Once the last slot has been reused the earlier counts of that slot are gone.
+    if (sum == kMaxSectionNo) return;
+    uint32_t keyFrames = 0;
+    for (uint32_t i = 0; i < sum; ++i) keyFrames += sections[i].m_u32KeyFrameSum;
+    if (keyFrames > file->m_u32KeyFrameSum && keyFrames <= kMaxKeyFrameEntries)
+        file->m_u32KeyFrameSum = keyFrames;
+}
+
 void AV_RecordSectionInfoHeadInit(const FileInfoHead *file, SectionInfoHead *section, uint32_t startTime,
                                   uint8_t mediaFlag, uint8_t recordType) {
     memset(section, 0, sizeof *section);

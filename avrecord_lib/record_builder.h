@@ -25,6 +25,12 @@ int AV_RecordFileInfoHeadNextSectionNo(FileInfoHead *file);
 void AV_RecordFileInfoHeadCountKeyFrame(FileInfoHead *file, uint32_t keyFrameFlag);
 // True when the media file takes no new section.
 bool AV_RecordFileInfoHeadIsFull(const FileInfoHead *file);
+// Brings a file record up to its sections (the file's m_u32RecordSectionSum
+// of them): a frame's section record is written before its file record, so
+// a daemon stopped between the two leaves the file's data size, end time and
+// key-frame count one frame behind its last section. A section started on
+// such a record would begin inside the last one's data.
+void AV_RecordFileInfoHeadCatchUp(FileInfoHead *file, const SectionInfoHead *sections);
 
 // Section record numbered m_u32RecordSectionSum of the file, starting at the
 // file's current data size.

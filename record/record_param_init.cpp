@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string>
 
+#include "avrecord_lib/record_builder.h"
 #include "avrecord_lib/record_file.h"
 #include "avrecord_lib/record_index.h"
 #include "avrecord_lib/record_section.h"
@@ -17,6 +18,15 @@ constexpr int kMountProbeSize = 16;
 constexpr char kCardToken[] = "mmc";
 
 std::string IndexFilePath() { return PlatformPath(kCardMountPoint) + kIndexFileName; }
+
+// The current file record, brought up to its sections' last update.
+void ReadCurrentFile(int fd, const RecordConfigInfo *info, FileInfoHead *file) {
+    AV_RecordFileInfoHeadRead(fd, info, file);
+    if (file->m_u32HeadFlag != kFileInfoHeadFlag) return;
+    static SectionInfoHead sections[kMaxSectionNo];  // 16 KiB, read once at start
+    memset(sections, 0, sizeof sections);
+    if (AV_RecordSectionInfoHeadRead(fd, file, sections) == 0) AV_RecordFileInfoHeadCatchUp(file, sections);
+}
 
 // Reads the header and the current file record into the process-wide
 // records; 0 or -1 with the reason logged.
@@ -40,7 +50,7 @@ int LoadIndex(const char *func) {
         AVFileClose(fd);
         return -1;
     }
-    AV_RecordFileInfoHeadRead(fd, info, file);
+    ReadCurrentFile(fd, info, file);
     AVFileClose(fd);
     FlagSet(g_bIndexLoaded, 1);
     return 0;

@@ -21,7 +21,6 @@
 
 namespace {
 
-constexpr uint32_t kMaxKeyFrameEntries = (kMediaFileSize - kKeyFrameTableOffset) / kKeyFrameEntrySize;
 constexpr uint32_t kFrameBufferSize = kMaxFrameLength + kPSKeyFrameReadLimit;
 constexpr uint32_t kResyncChunk = 1u << 20;
 constexpr uint32_t kPatternSize = 4;

@@ -20,7 +20,6 @@ namespace {
 
 constexpr size_t kMaxParamLength = 64;   // longer than any time or name we take
 constexpr int kMaxDaysPerRecording = 2;  // sections end at midnight; a longer span is damage
-constexpr uint32_t kMaxKeyFrameEntries = (kMediaFileSize - kKeyFrameTableOffset) / kKeyFrameEntrySize;
 
 // A descriptor from AVFileOpen, closed on leaving.
 struct CardFile {

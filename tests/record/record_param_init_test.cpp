@@ -26,8 +26,9 @@ protected:
         MakeSparseCard(card_, kMediaFiles);
     }
 
-    // Writes a valid header with current file 2 holding dataSize bytes.
-    void WriteIndex(uint32_t dataSize) {
+    // Writes a valid header with current file 2 holding dataSize bytes
+    // (in one section when section is given).
+    void WriteIndex(uint32_t dataSize, const SectionInfoHead *section = nullptr) {
         RecordConfigInfo info{};
         AV_RecordConfigInfoInit(&info, 0, kMediaFiles);
         uint32_t current = 2;
@@ -37,6 +38,8 @@ protected:
         AV_RecordFileInfoHeadInit(&info, &file, 1700000000, 1);
         file.m_u32DataSize = dataSize;
         WriteFileAt(Index(), FileInfoHeadPosition(current), RecordBytes(file));
+        if (section != nullptr)
+            WriteFileAt(Index(), SectionInfoHeadPosition(current, 1), RecordBytes(*section));
     }
 
     std::string Index() const { return card_ + kIndexFileName; }
@@ -89,4 +92,32 @@ TEST(SDCardMountCheckTest, LooksForTheCardAtTheStartOfTheFirstMountLine) {
         if (c.mounts != nullptr) root.WriteFile(kMountTable, c.mounts);
         EXPECT_EQ(SDCardMountCheck(), c.mounted) << (c.mounts ? c.mounts : "no table");
     }
+}
+
+// A daemon killed between a frame's section record and its file record
+// leaves the file one frame behind; the next section starts behind the
+// last one's data, not inside it.
+TEST_F(RecordParamInitTest, FileRecordCatchesUpWithItsLastSection) {
+    FileInfoHead file{};
+    file.m_u32FileNo = 2;
+    file.m_u32RecordSectionSum = 1;
+    SectionInfoHead section{};
+    AV_RecordSectionInfoHeadInit(&file, &section, 1700000000, 1, 1);
+    section.m_u32SectionSize = 0x40507;
+    section.m_u32EndTime = 1700000009;
+    section.m_u32KeyFrameSum = 5;
+    WriteIndex(0x403b9, &section);
+    ASSERT_EQ(AVRecordParamInit(0), 0);
+    EXPECT_EQ(GetFileInfoHead()->m_u32DataSize, 0x40507u);
+    EXPECT_EQ(GetFileInfoHead()->m_u32EndTime, 1700000009u);
+    EXPECT_EQ(GetFileInfoHead()->m_u32KeyFrameSum, 5u);
+    SectionInfoHead next{};
+    AV_RecordSectionInfoHeadInit(GetFileInfoHead(), &next, 1700000010, 1, 1);
+    EXPECT_EQ(next.m_u32SectionOffset, 0x40507u);
+
+    // A file already up to date, or ahead, stays as it is.
+    FlagSet(g_bIndexLoaded, 0);
+    WriteIndex(0x50000, &section);
+    ASSERT_EQ(AVRecordParamInit(0), 0);
+    EXPECT_EQ(GetFileInfoHead()->m_u32DataSize, 0x50000u);
 }

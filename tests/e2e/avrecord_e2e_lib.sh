@@ -36,9 +36,9 @@ finish() {
   if [ "$failures" -ne 0 ]; then
     echo "--- daemon log (last 40 lines) ---"
     tail -40 "$log" 2>/dev/null
-    # Frames the stream reader skipped (serial gaps, a writer that overtook it).
-    echo "--- reader gaps ---"
-    grep -E "sub = |oldSerialNumber" "$log" 2>/dev/null | head -20
+    # What the stream reader said: its start, wraps, serial gaps and resyncs.
+    echo "--- stream reader ---"
+    grep "AVStreamGetAVDataThread" "$log" 2>/dev/null | grep -v "^$" | head -40
     exit 1
   fi
   echo "PASS"

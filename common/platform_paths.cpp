@@ -29,3 +29,5 @@ const char *PlatformPathInto(const char *absolutePath, char *buf, size_t size) {
     std::memcpy(buf, path.c_str(), path.size() + 1);
     return buf;
 }
+
+std::string StatusFilePath() { return PlatformPath(kStatusFile); }

@@ -19,3 +19,7 @@ inline constexpr const char kSettingsFile[] = "/opt/app/config/CustomTools.cfg";
 inline constexpr const char kDeviceParamFile[] = "/param/CPLD.conf";
 inline constexpr const char kStorageOptionMarker[] = "/tmp/StorageOption";
 inline constexpr const char kDebugPortMarker[] = "/tmp/Debug_Port_ON";
+inline constexpr const char kStatusFile[] = "/tmp/avrecord-status.json";
+
+// The daemon's published status (JSON, replaced whole on every change).
+std::string StatusFilePath();

@@ -15,6 +15,7 @@ TEST(PlatformPathTest, TakenUnderRoot) {
     setenv("AVRECORD_ROOT", "/tmp/demo-root/", 1);
     EXPECT_EQ(PlatformPath(kCardMountPoint), "/tmp/demo-root/media/SDCard/");
     EXPECT_EQ(PlatformPath(kMountTable), "/tmp/demo-root/proc/mounts");
+    EXPECT_EQ(StatusFilePath(), "/tmp/demo-root/tmp/avrecord-status.json");
     setenv("AVRECORD_ROOT", "", 1);
     EXPECT_EQ(PlatformPath(kSettingsFile), "/opt/app/config/CustomTools.cfg");
     unsetenv("AVRECORD_ROOT");

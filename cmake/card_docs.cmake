@@ -52,7 +52,26 @@ Reads a card mounted as a folder (\\fB\\-\\-card\\fR DIR) or a card image or
 device read without mounting it (\\fB\\-\\-image\\fR PATH). It writes to a card
 only where a command says so. \\fB\\-\\-json\\fR prints one JSON object a line.
 .SH COMMANDS
-${man_commands}.SH EXIT STATUS
+Each command's line lists every option it takes.
+${man_commands}.SH OPTIONS
+.TP
+.BR \\-h \", \" \\-\\-help
+after a command: prints that command's usage and does nothing else;
+alone: lists the commands.
+.TP
+.BI \\-\\-card \" DIR\"
+the card mounted as a folder (default: the recorder's mount point).
+.TP
+.BI \\-\\-image \" PATH\"
+a card image or the card's device, read without mounting it.
+.TP
+.B \\-\\-json
+one JSON object a line instead of a table.
+.TP
+.B \\-\\-recover
+on a damaged index: read the index rebuilt from the media files, in memory;
+nothing is written.
+.SH EXIT STATUS
 0 when the command did its work, 1 for a problem with the card, 2 for a
 usage problem.
 ")

@@ -91,4 +91,4 @@ int RunFormat(const CardArgs &args) {
 
 }  // namespace
 
-AVR_CARD_COMMAND(format, "format", "format TARGET [--percent P] [--init]", {"--percent"}, RunFormat);
+AVR_CARD_COMMAND(format, "format", "format TARGET [--percent P] [--init] [--json]", {"--percent"}, RunFormat);

@@ -59,5 +59,5 @@ int RunPrealloc(const CardArgs &args) {
 
 }  // namespace
 
-AVR_CARD_COMMAND(prealloc, "prealloc", "prealloc DIR --media N [--pictures M]", {"--media", "--pictures"},
-                 RunPrealloc);
+AVR_CARD_COMMAND(prealloc, "prealloc", "prealloc DIR --media N [--pictures M] [--json]",
+                 {"--media", "--pictures"}, RunPrealloc);

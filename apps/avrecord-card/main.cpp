@@ -7,6 +7,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <string_view>
 
 #include "avrecord_lib/index_check.h"
 #include "avrecord_lib/record_file.h"
@@ -34,12 +35,31 @@ const CardCommand *FindCommand(const std::string &name) {
     return nullptr;
 }
 
+// The commands that read a card's index, and so take --recover.
+constexpr const char *kIndexReaders[] = {"check", "export", "frames", "info", "search", "serve", "timeline"};
+
+bool ReadsIndex(const std::string &name) {
+    return std::find_if(std::begin(kIndexReaders), std::end(kIndexReaders),
+                        [&](const char *reader) { return name == reader; }) != std::end(kIndexReaders);
+}
+
+// A command's synopsis with every option it takes, as --help and the
+// manual page list it: --recover goes beside the card's options.
+std::string CommandSynopsis(const CardCommand &command) {
+    std::string synopsis = command.usage;
+    if (!ReadsIndex(command.name)) return synopsis;
+    constexpr std::string_view kCardOptions = "[--card DIR|--image PATH]";
+    size_t at = synopsis.find(kCardOptions);
+    at = at == std::string::npos ? synopsis.size() : at + kCardOptions.size();
+    return synopsis.insert(at, " [--recover]");
+}
+
 int PrintUsage(FILE *out) {
     std::vector<CardCommand> commands = Registry();
     std::sort(commands.begin(), commands.end(),
               [](const CardCommand &a, const CardCommand &b) { return strcmp(a.name, b.name) < 0; });
     fprintf(out, "usage: avrecord-card COMMAND [--card DIR | --image PATH] [--json] ...\n\ncommands:\n");
-    for (const CardCommand &command : commands) fprintf(out, "  %s\n", command.usage);
+    for (const CardCommand &command : commands) fprintf(out, "  %s\n", CommandSynopsis(command).c_str());
     fprintf(
         out,
         "\nOn a card whose index is damaged, check, export, frames, info, search, serve and timeline take\n"
@@ -52,6 +72,23 @@ bool TakesValue(const CardCommand &command, const std::string &name) {
     if (name == "--card") return true;
     return std::find(command.valueOptions.begin(), command.valueOptions.end(), name) !=
            command.valueOptions.end();
+}
+
+bool IsHelpWord(const char *word) { return strcmp(word, "--help") == 0 || strcmp(word, "-h") == 0; }
+
+// True when --help or -h stands among the command's words as an option (not
+// as the value of one): the command then only prints its usage.
+bool AsksForHelp(const CardCommand &command, int argc, char **argv) {
+    for (int i = 2; i < argc; ++i) {
+        if (IsHelpWord(argv[i])) return true;
+        if (strchr(argv[i], '=') == nullptr && TakesValue(command, argv[i])) ++i;
+    }
+    return false;
+}
+
+int PrintCommandUsage(const CardCommand &command) {
+    printf("usage: avrecord-card %s\n", CommandSynopsis(command).c_str());
+    return kExitOk;
 }
 
 // --image PATH: the card is read from an image or raw device, read-only;
@@ -103,14 +140,6 @@ int ParseArgs(const CardCommand &command, int argc, char **argv, CardArgs &args)
     if (args.card.empty()) return CardFail(args, kExitUsage, "--card needs a directory");
     if (args.card.back() != '/') args.card += '/';
     return kExitOk;
-}
-
-// The commands that read a card's index, and so take --recover.
-constexpr const char *kIndexReaders[] = {"check", "export", "frames", "info", "search", "serve", "timeline"};
-
-bool ReadsIndex(const std::string &name) {
-    return std::find_if(std::begin(kIndexReaders), std::end(kIndexReaders),
-                        [&](const char *reader) { return name == reader; }) != std::end(kIndexReaders);
 }
 
 CardRecovery g_recovered;
@@ -294,8 +323,10 @@ std::string JsonArray(const std::vector<std::string> &values) {
 void JsonLine::Print() const { printf("%s\n", Text().c_str()); }
 
 int main(int argc, char **argv) {
-    if (argc < 2 || strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "help") == 0) {
-        return argc < 2 ? PrintUsage(stderr) : (PrintUsage(stdout), kExitOk);
+    if (argc < 2) return PrintUsage(stderr);
+    if (IsHelpWord(argv[1]) || strcmp(argv[1], "help") == 0) {
+        PrintUsage(stdout);
+        return kExitOk;
     }
     CardArgs args;
     args.command = argv[1];
@@ -304,6 +335,7 @@ int main(int argc, char **argv) {
         fprintf(stderr, "avrecord-card: unknown command '%s' (try --help)\n", argv[1]);
         return kExitUsage;
     }
+    if (AsksForHelp(*command, argc, argv)) return PrintCommandUsage(*command);
     int parsed = ParseArgs(*command, argc, argv, args);
     if (parsed != kExitOk) return parsed;
     if (ReadsIndex(args.command)) {

@@ -377,7 +377,8 @@ ApiReply StartClip(const std::string &cardDir, const ApiQuery &query, ClipJobs &
     uint32_t from = 0, to = 0;
     if (!params.Range(&from, &to)) return params.Error();
     if (from == to) return ApiError(kHttpBadRequest, "a clip needs 'to' after 'from'");
-    if (to - from > kMaxClipSeconds) return ApiError(kHttpBadRequest, "a clip is at most one hour long");
+    // Both ends are included: from..to spans to - from + 1 seconds.
+    if (to - from >= kMaxClipSeconds) return ApiError(kHttpBadRequest, "a clip is at most one hour long");
     CardCatalog catalog;
     std::string reason;
     if (LoadCardCatalog(cardDir, &catalog, &reason) != 0) return ApiError(kHttpServerError, reason);

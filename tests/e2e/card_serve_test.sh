@@ -125,7 +125,9 @@ refused 400 "/api/events?from=1&to=5&type=3"
 refused 400 "/api/section?name=../../index000.bin"
 refused 400 "/api/check?frames=yes"
 refused 400 "/api/clips?from=$start&to=$start" -X POST -d ''
-refused 400 "/api/clips?from=$start&to=$((start + 3601))" -X POST -d ''
+# Both ends included: an hour is from T to T + 3599, a second more is refused.
+refused 400 "/api/clips?from=$((start - 3601))&to=$((start - 1))" -X POST -d ''
+refused 404 "/api/clips?from=$((start - 3600))&to=$((start - 1))" -X POST -d ''
 refused 404 "/api/clips?from=$((start - 100))&to=$((start - 50))" -X POST -d ''
 refused 404 "/api/play?at=$((start + 3600))"
 refused 404 "/api/clips/12345"

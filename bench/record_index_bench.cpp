@@ -10,12 +10,12 @@
 #include <string>
 #include <vector>
 
-#include "avrecord_lib/index_check.h"
 #include "avrecord_lib/record_builder.h"
 #include "avrecord_lib/record_config.h"
 #include "avrecord_lib/record_file.h"
 #include "avrecord_lib/record_index.h"
 #include "avrecord_lib/record_section.h"
+#include "card_reader/index_check.h"
 
 namespace {
 

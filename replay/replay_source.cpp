@@ -8,11 +8,11 @@
 #include "avrecord_lib/frame_writer.h"
 #include "avrecord_lib/ps_packetizer.h"
 #include "avrecord_lib/record_file.h"
+#include "card_reader/adts_header.h"
 #include "common/card_layout.h"
 #include "common/nal_unit.h"
 #include "replay/card_catalog.h"
 #include "replay/section_reader.h"
-#include "tools/adts_header.h"
 
 namespace {
 

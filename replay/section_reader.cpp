@@ -8,7 +8,7 @@
 #include "avrecord_lib/ps_packetizer.h"
 #include "avrecord_lib/record_file.h"
 #include "avrecord_lib/record_index.h"
-#include "tools/adts_header.h"
+#include "card_reader/adts_header.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "avrecord_lib/index_check.h"
 #include "card_command.h"
+#include "card_reader/index_check.h"
 
 namespace {
 

@@ -13,10 +13,10 @@
 
 #include "avrecord_lib/playback_reader.h"
 #include "card_command.h"
+#include "card_reader/recording_reader.h"
 #include "terminal_progress.h"
 #include "tools/avi_writer.h"
 #include "tools/calendar_time.h"
-#include "tools/recording_reader.h"
 #ifdef AVRECORD_CARD_MP4
 #include "mp4/card_clip.h"
 #endif

@@ -8,8 +8,8 @@
 
 #include "avrecord_lib/playback_reader.h"
 #include "card_command.h"
+#include "card_reader/recording_reader.h"
 #include "tools/calendar_time.h"
-#include "tools/recording_reader.h"
 
 namespace {
 

@@ -3,9 +3,9 @@
 #include <ctime>
 #include <string>
 
-#include "avrecord_lib/index_check.h"
 #include "avrecord_lib/record_config.h"
 #include "card_command.h"
+#include "card_reader/index_check.h"
 #include "tools/calendar_time.h"
 
 namespace {

@@ -5,11 +5,11 @@
 #include <string>
 #include <vector>
 
-#include "avrecord_lib/index_check.h"
 #include "avrecord_lib/index_records.h"
 #include "avrecord_lib/record_config.h"
 #include "avrecord_lib/record_file.h"
 #include "card_command.h"
+#include "card_reader/index_check.h"
 #include "mkfs/card_file_set.h"
 
 namespace {

@@ -26,8 +26,8 @@
 #include "avrecord_lib/record_index.h"
 #include "avrecord_lib/record_section.h"
 #include "card_command.h"
+#include "card_reader/adts_header.h"
 #include "common/card_time.h"
-#include "tools/adts_header.h"
 
 namespace {
 

@@ -11,9 +11,9 @@
 #include <vector>
 
 #include "card_command.h"
+#include "card_reader/card_recovery.h"
+#include "card_reader/recovered_view.h"
 #include "terminal_progress.h"
-#include "tools/card_recovery.h"
-#include "tools/recovered_view.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 #include <string>
 
 #include "card_command.h"
+#include "card_reader/recording_reader.h"
 #include "tools/calendar_time.h"
-#include "tools/recording_reader.h"
 #include "tools/seek_file.h"
 
 namespace {

@@ -4,8 +4,8 @@
 #include <string>
 
 #include "card_command.h"
+#include "card_reader/record_timeline.h"
 #include "tools/calendar_time.h"
-#include "tools/record_timeline.h"
 
 namespace {
 

@@ -9,15 +9,15 @@
 #include <cstring>
 #include <string_view>
 
-#include "avrecord_lib/index_check.h"
 #include "avrecord_lib/record_file.h"
 #include "avrecord_lib/record_index.h"
 #include "card_command.h"
+#include "card_reader/card_image_io.h"
+#include "card_reader/card_recovery.h"
+#include "card_reader/index_check.h"
+#include "card_reader/recovered_view.h"
 #include "common/file_io.h"
 #include "common/platform_paths.h"
-#include "tools/card_image_io.h"
-#include "tools/card_recovery.h"
-#include "tools/recovered_view.h"
 
 namespace {
 

@@ -5,15 +5,15 @@
 #include <memory>
 #include <set>
 
-#include "avrecord_lib/index_check.h"
 #include "avrecord_lib/playback_reader.h"
 #include "avrecord_lib/record_file.h"
 #include "avrecord_lib/record_index.h"
 #include "card_command.h"
+#include "card_reader/index_check.h"
+#include "card_reader/record_timeline.h"
+#include "card_reader/recording_reader.h"
 #include "common/card_time.h"
 #include "tools/calendar_time.h"
-#include "tools/record_timeline.h"
-#include "tools/recording_reader.h"
 #include "tools/seek_file.h"
 
 namespace {

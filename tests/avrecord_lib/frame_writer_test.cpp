@@ -9,13 +9,13 @@
 #include <thread>
 #include <vector>
 
-#include "avrecord_lib/index_check.h"
 #include "avrecord_lib/playback_reader.h"
 #include "avrecord_lib/ps_packetizer.h"
 #include "avrecord_lib/record_builder.h"
 #include "avrecord_lib/record_file.h"
 #include "avrecord_lib/record_index.h"
 #include "avrecord_lib/record_section.h"
+#include "card_reader/index_check.h"
 #include "common/file_io.h"
 #include "common/log.h"
 #include "support/card_fixture.h"

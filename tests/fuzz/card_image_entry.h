@@ -15,12 +15,12 @@
 #include <string>
 #include <vector>
 
-#include "avrecord_lib/index_check.h"
+#include "card_reader/card_image_io.h"
+#include "card_reader/index_check.h"
 #include "common/file_io.h"
 #include "fuzz/fuzz_support.h"
 #include "mkfs/fat32_layout.h"
 #include "mkfs/mkfs_vfat.h"
-#include "tools/card_image_io.h"
 
 namespace fuzz {
 

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "avrecord_lib/index_check.h"
 #include "avrecord_lib/index_records.h"
+#include "card_reader/index_check.h"
 #include "common/platform_paths.h"
 #include "fuzz/fuzz_support.h"
 #include "tools/seek_file.h"

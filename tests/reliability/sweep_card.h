@@ -16,7 +16,6 @@
 #include <vector>
 
 #include "avrecord_lib/frame_writer.h"
-#include "avrecord_lib/index_check.h"
 #include "avrecord_lib/index_records.h"
 #include "avrecord_lib/playback_reader.h"
 #include "avrecord_lib/ps_packetizer.h"
@@ -24,6 +23,7 @@
 #include "avrecord_lib/record_file.h"
 #include "avrecord_lib/record_index.h"
 #include "avrecord_lib/record_section.h"
+#include "card_reader/index_check.h"
 #include "support/card_fixture.h"
 
 namespace sweep {

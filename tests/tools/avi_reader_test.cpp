@@ -11,9 +11,9 @@
 #include <vector>
 
 #include "common/file_io.h"
+#include "support/test_helpers.h"
 #include "support/test_support.h"
 #include "tools/avi_writer.h"
-#include "tools/test_helpers.h"
 
 namespace {
 

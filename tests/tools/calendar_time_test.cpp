@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/test_helpers.h"
+#include "support/test_helpers.h"
 
 namespace {
 

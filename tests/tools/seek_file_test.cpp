@@ -10,9 +10,9 @@
 #include "common/log.h"
 #include "common/platform_paths.h"
 #include "support/card_fixture.h"
+#include "support/test_card_index.h"
+#include "support/test_helpers.h"
 #include "support/test_support.h"
-#include "tools/test_card_index.h"
-#include "tools/test_helpers.h"
 
 namespace {
 

@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "common/log.h"
+#include "support/test_helpers.h"
 #include "support/test_support.h"
-#include "tools/test_helpers.h"
 
 namespace {
 

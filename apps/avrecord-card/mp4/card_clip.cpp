@@ -6,13 +6,13 @@
 #include <memory>
 #include <vector>
 
-#include "avrecord_lib/index_check.h"
 #include "avrecord_lib/playback_reader.h"
 #include "avrecord_lib/record_file.h"
 #include "avrecord_lib/record_index.h"
+#include "card_reader/adts_header.h"
+#include "card_reader/index_check.h"
+#include "card_reader/recording_reader.h"
 #include "mp4_output.h"
-#include "tools/adts_header.h"
-#include "tools/recording_reader.h"
 
 namespace {
 

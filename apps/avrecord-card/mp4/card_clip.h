@@ -16,7 +16,7 @@
 // one fragment per key frame, for streaming without seeking).
 //
 // Reading goes through FileIo(), so cardDir may be a mounted card or an
-// attached card image (see tools/card_image_io.h). One clip per call; calls
+// attached card image (see card_reader/card_image_io.h). One clip per call; calls
 // on different threads do not share state.
 #pragma once
 

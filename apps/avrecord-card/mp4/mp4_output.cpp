@@ -13,9 +13,9 @@ extern "C" {
 #include <algorithm>
 #include <cstring>
 
+#include "card_reader/adts_header.h"
 #include "g711_to_aac.h"
 #include "mp4_error.h"
-#include "tools/adts_header.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "tools/card_recovery.h"
+#include "card_reader/card_recovery.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -9,18 +9,18 @@
 #include <vector>
 
 #include "avrecord_lib/frame_writer.h"
-#include "avrecord_lib/index_check.h"
 #include "avrecord_lib/ps_packetizer.h"
 #include "avrecord_lib/record_builder.h"
 #include "avrecord_lib/record_file.h"
 #include "avrecord_lib/record_index.h"
 #include "avrecord_lib/record_section.h"
+#include "card_reader/index_check.h"
+#include "card_reader/recovered_view.h"
 #include "common/card_layout.h"
 #include "support/card_fixture.h"
 #include "support/es_frames.h"
 #include "support/test_support.h"
 #include "support/writer_fakes.h"
-#include "tools/recovered_view.h"
 
 namespace {
 

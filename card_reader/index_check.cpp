@@ -1,4 +1,4 @@
-#include "avrecord_lib/index_check.h"
+#include "card_reader/index_check.h"
 
 #include <algorithm>
 #include <cstdarg>

@@ -1,4 +1,4 @@
-// Putting a rebuilt index to use (tools/card_recovery.h gives the records):
+// Putting a rebuilt index to use (card_reader/card_recovery.h gives the records):
 //   - the read-only view: a file layer over the one in force through which
 //     the card's index, event file and key-frame tables read as rebuilt,
 //     held in memory; every reader of the card works on it unchanged, and
@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/card_recovery.h"
+#include "card_reader/card_recovery.h"
 
 // Installs the view of the card directory (ending with '/') over the file
 // layer in force. One view at a time.

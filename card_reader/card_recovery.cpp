@@ -1,4 +1,4 @@
-#include "tools/card_recovery.h"
+#include "card_reader/card_recovery.h"
 
 #include <unistd.h>
 

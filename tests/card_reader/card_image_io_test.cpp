@@ -1,4 +1,4 @@
-#include "tools/card_image_io.h"
+#include "card_reader/card_image_io.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "tools/recovered_view.h"
+#include "card_reader/recovered_view.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

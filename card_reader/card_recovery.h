@@ -19,8 +19,8 @@
 #include <string>
 #include <vector>
 
-#include "avrecord_lib/index_check.h"
 #include "avrecord_lib/index_records.h"
+#include "card_reader/index_check.h"
 
 struct RecoveredFile {
     FileInfoHead record{};                   // magic 0: the writer left nothing here

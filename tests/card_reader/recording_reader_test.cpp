@@ -1,12 +1,12 @@
-#include "tools/recording_reader.h"
+#include "card_reader/recording_reader.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 
 #include "support/card_fixture.h"
+#include "support/test_card_index.h"
 #include "support/test_support.h"
-#include "tools/test_card_index.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "tools/recording_reader.h"
+#include "card_reader/recording_reader.h"
 
 #include <cstdio>
 #include <cstring>

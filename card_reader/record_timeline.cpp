@@ -1,4 +1,4 @@
-#include "tools/record_timeline.h"
+#include "card_reader/record_timeline.h"
 
 #include <algorithm>
 #include <cstdarg>

@@ -1,4 +1,4 @@
-#include "tools/record_timeline.h"
+#include "card_reader/record_timeline.h"
 
 #include <gtest/gtest.h>
 
@@ -6,9 +6,9 @@
 #include <cstdlib>
 #include <string>
 
+#include "support/test_card_index.h"
+#include "support/test_helpers.h"
 #include "support/test_support.h"
-#include "tools/test_card_index.h"
-#include "tools/test_helpers.h"
 
 namespace {
 

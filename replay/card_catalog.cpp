@@ -163,3 +163,51 @@ std::string CatalogMediaPath(const std::string &cardDir, uint32_t fileNo) {
     std::snprintf(name, sizeof(name), kMediaFileNameFormat, static_cast<int>(fileNo));
     return CatalogPath(cardDir, name);
 }
+
+namespace {
+
+// Whether one of the file's sections holds second t: an event slot not yet
+// renewed in a new lap still lists the events of the lap before.
+bool InFileSections(const CardCatalog &catalog, uint32_t fileNo, uint32_t t) {
+    for (const CatalogSection &s : catalog.sections) {
+        if (s.u32FileNo == fileNo && s.stSection.m_u32StartTime <= t && t <= s.stSection.m_u32EndTime)
+            return true;
+    }
+    return false;
+}
+
+void LoadFileAlarms(int fd, const CardCatalog &catalog, uint32_t fileNo, std::vector<CatalogAlarm> *alarms) {
+    AlarmEventInfo info;
+    if (CatalogStableRead(fd, AlarmEventInfoPosition(fileNo), &info, sizeof(info)) != 0 ||
+        info.m_u32HeadFlag != kAlarmEventInfoFlag) {
+        return;
+    }
+    uint32_t sum = std::min(info.m_u32AlarmEventSum, kMaxAlarmEventListRead);
+    std::vector<AlarmEventEntry> entries(sum);
+    if (sum == 0 || CatalogStableRead(fd, AlarmEventEntryPosition(fileNo, 0), entries.data(),
+                                      static_cast<uint32_t>(sum * sizeof(AlarmEventEntry))) != 0) {
+        return;
+    }
+    for (const AlarmEventEntry &e : entries) {
+        if (e.m_u32HeadFlag == kAlarmEventEntryFlag && InFileSections(catalog, fileNo, e.m_u32StartTime)) {
+            alarms->push_back(CatalogAlarm{e.m_u32StartTime, e.m_u32EndTime, e.m_u8AlarmType});
+        }
+    }
+}
+
+}  // namespace
+
+int CatalogLoadAlarms(const std::string &cardDir, const CardCatalog &catalog,
+                      std::vector<CatalogAlarm> *alarms) {
+    IndexFile events(CatalogPath(cardDir, kEventFileName));
+    alarms->clear();
+    if (events.fd() < 0) return -1;
+    std::vector<uint32_t> files;
+    for (const CatalogSection &s : catalog.sections) files.push_back(s.u32FileNo);
+    std::sort(files.begin(), files.end());
+    files.erase(std::unique(files.begin(), files.end()), files.end());
+    for (uint32_t n : files) LoadFileAlarms(events.fd(), catalog, n, alarms);
+    std::sort(alarms->begin(), alarms->end(),
+              [](const CatalogAlarm &a, const CatalogAlarm &b) { return a.u32Start < b.u32Start; });
+    return 0;
+}

@@ -65,3 +65,15 @@ bool CatalogIsCurrent(int indexFd, const CatalogSection &section);
 // The card's path of a file name.
 std::string CatalogPath(const std::string &cardDir, const char *name);
 std::string CatalogMediaPath(const std::string &cardDir, uint32_t fileNo);
+
+// One alarm event of the card's event file.
+struct CatalogAlarm {
+    uint32_t u32Start;
+    uint32_t u32End;  // 0 while the event goes on
+    uint8_t u8Type;   // alarm type
+};
+
+// The alarm events of the media files that hold recordings, oldest first.
+// 0, or -1 when the event file cannot be opened.
+int CatalogLoadAlarms(const std::string &cardDir, const CardCatalog &catalog,
+                      std::vector<CatalogAlarm> *alarms);

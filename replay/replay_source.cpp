@@ -59,8 +59,10 @@ private:
 
 class CardSource : public ReplaySource {
 public:
-    CardSource(const ReplayCard &card, uint64_t startUs, uint64_t endUs, bool intra)
-        : dir_(card.dir), index_(card.dir), startUs_(startUs), endUs_(endUs), intra_(intra) {}
+    CardSource(const ReplayCard &card, uint64_t startUs, uint64_t endUs, bool intra, bool recorded)
+        : dir_(card.dir), index_(card.dir), startUs_(startUs), endUs_(endUs), intra_(intra) {
+        reader_.SetRecordedBytes(recorded);
+    }
     bool Ready() const { return index_.fd() >= 0; }
     int Next(ReplayUnit *unit) override;
 
@@ -276,13 +278,22 @@ int DescribeSection(const std::string &dir, int indexFd, const CatalogSection &s
     return keySeen ? 0 : -1;
 }
 
+std::unique_ptr<ReplaySource> OpenSource(const ReplayCard &card, uint64_t startUs, uint64_t endUs, bool intra,
+                                         bool recorded) {
+    auto source = std::make_unique<CardSource>(card, startUs, endUs, intra, recorded);
+    if (!source->Ready()) return nullptr;
+    return source;
+}
+
 }  // namespace
 
 std::unique_ptr<ReplaySource> ReplayOpen(const ReplayCard &card, uint64_t startUs, uint64_t endUs,
                                          bool bIntraOnly) {
-    auto source = std::make_unique<CardSource>(card, startUs, endUs, bIntraOnly);
-    if (!source->Ready()) return nullptr;
-    return source;
+    return OpenSource(card, startUs, endUs, bIntraOnly, false);
+}
+
+std::unique_ptr<ReplaySource> ReplayOpenRecorded(const ReplayCard &card, uint64_t startUs, uint64_t endUs) {
+    return OpenSource(card, startUs, endUs, false, true);
 }
 
 int ReplayDescribe(const ReplayCard &card, uint32_t start, uint32_t end, ReplayTracks *tracks) {

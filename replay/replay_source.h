@@ -63,6 +63,11 @@ public:
 std::unique_ptr<ReplaySource> ReplayOpen(const ReplayCard &card, uint64_t startUs, uint64_t endUs,
                                          bool bIntraOnly);
 
+// The same, with each unit's data the frame's program-stream bytes as the
+// recorder wrote them (pack and PES headers kept), for a copy of the range
+// as recorded.
+std::unique_ptr<ReplaySource> ReplayOpenRecorded(const ReplayCard &card, uint64_t startUs, uint64_t endUs);
+
 // Describes the recording the range [start, end] (card seconds; end 0:
 // open) begins with, and the span of the whole card. 0, or -1 when the card
 // cannot be read or holds nothing from start on.

@@ -86,6 +86,10 @@ SectionRead SectionReader::Read(SectionFrame *frame) {
     uint32_t next = 0, length = 0, wall = wall_, pts = 0;
     int type = kPSFrameVideo;
     bool unreadable = ReadFrameBytes(&next, &type, &length, &wall, &pts) != 0;
+    if (!unreadable && recorded_) {
+        recordedBytes_.resize(next - pos_);
+        unreadable = AV_RecordStreamInfoRead(mediaFd_, pos_, recordedBytes_.data(), next - pos_) < 0;
+    }
     // The bytes count only when the recorder had not begun to overwrite
     // them while they were read.
     LapState lap;
@@ -93,13 +97,16 @@ SectionRead SectionReader::Read(SectionFrame *frame) {
     if (lap != LapState::kIntact || unreadable) return SectionRead::kEnded;
     bool video = type == kPSFrameVideo;
     if (video) wall_ = wall;
-    *frame = SectionFrame{video,
-                          video && libAVRecordPlayBackIsKeyFrame(mediaFd_, pos_) == 1,
-                          pos_,
-                          pts,
-                          CaptureTime(video, length, pts),
-                          buffer_.data(),
-                          length};
+    bool key = video && libAVRecordPlayBackIsKeyFrame(mediaFd_, pos_) == 1;
+    uint64_t capture = CaptureTime(video, length, pts);
+    *frame = recorded_ ? SectionFrame{video,
+                                      key,
+                                      pos_,
+                                      pts,
+                                      capture,
+                                      recordedBytes_.data(),
+                                      static_cast<uint32_t>(recordedBytes_.size())}
+                       : SectionFrame{video, key, pos_, pts, capture, buffer_.data(), length};
     pos_ = next;
     return SectionRead::kFrame;
 }

@@ -46,6 +46,10 @@ public:
     // 1 when it grew, 0 when not, -1 when its slot now holds another section.
     int Refresh();
 
+    // With recorded, frames come as the program-stream bytes the recorder
+    // wrote (pack and PES headers kept) instead of their payload.
+    void SetRecordedBytes(bool recorded) { recorded_ = recorded; }
+
     const CatalogSection &Section() const { return section_; }
     // Audio sample rate and channels of an audio frame of this section.
     void AudioFormat(const uint8_t *data, uint32_t length, uint32_t *rate, uint32_t *channels) const;
@@ -67,5 +71,7 @@ private:
     uint32_t end_ = 0;    // end of the data the index accounts for
     uint32_t wall_ = 0;   // second of the latest video frame
     FrameClock clock_;
-    std::vector<uint8_t> buffer_;
+    bool recorded_ = false;
+    std::vector<uint8_t> buffer_;         // the frame's payload
+    std::vector<uint8_t> recordedBytes_;  // the frame as written, when asked for
 };

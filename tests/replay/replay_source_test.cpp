@@ -102,6 +102,15 @@ TEST_F(ReplaySourceTest, RangeEdgesAndKeyFramesOnly) {
     EXPECT_TRUE(got.back().bLast);
     EXPECT_FALSE(got.back().bGapAfter);
 
+    // As recorded: the same frames, with their pack and PES headers.
+    auto recorded = ReplayOpenRecorded({Card()}, At(kReplayStart + 30), At(kReplayStart + 61, 300));
+    std::vector<ReplayUnit> raw = Drain(*recorded);
+    ASSERT_EQ(raw.size(), kReplayFps + 2);
+    for (size_t i = 0; i < raw.size(); ++i) {
+        ASSERT_GT(raw[i].data.size(), got[i].data.size());
+        EXPECT_EQ(raw[i].data[3], 0xBA) << i;
+    }
+
     auto keys = ReplayOpen({Card()}, At(kReplayStart), At(kReplayStart + 100), true);
     got = Drain(*keys);
     ASSERT_EQ(got.size(), 6u);

@@ -26,9 +26,9 @@ namespace {
 constexpr useconds_t kAlarmPollUs = 80 * 1000;
 void *const kThreadFailed = reinterpret_cast<void *>(-1);
 
-// Writes the event slot and then the current entry, each when it carries
-// its magic; -1 when a write failed.
-int FlushEvents(int fd, const AlarmEventTracker &tracker) {
+}  // namespace
+
+int AlarmEventFlush(int fd, const AlarmEventTracker &tracker) {
     const AlarmEventInfo &info = tracker.info();
     if (info.m_u32HeadFlag == kAlarmEventInfoFlag &&
         AV_AlarmEventFileInfoWrite(fd, info.m_u32AlarmFileNo, &info) < 0) {
@@ -40,6 +40,16 @@ int FlushEvents(int fd, const AlarmEventTracker &tracker) {
     }
     return 0;
 }
+
+void AlarmEventTrackerLoad(int fd, AlarmEventTracker *tracker) {
+    AV_AlarmEventFileInfoRead(fd, GetFileInfoHead()->m_u32FileNo, &tracker->info());
+    if (FlagGet(g_bNewFileInfo) != 0) {
+        FlagSet(g_bNewFileInfo, 0);
+        tracker->Reset();
+    }
+}
+
+namespace {
 
 // Record type of the running segment of a TIME_SCOPE_DIFF day; 0 on other
 // days. -1 when the segment no longer holds the time of day.
@@ -73,22 +83,13 @@ int AlarmTurnOnce(const char *func, int fd, AlarmEventTracker *tracker, const Sy
         LogTrace("%s %d :AlarmDurationTime = %d RecordDelayTime = %d m_u32FileInfoHeadNo = %d\n", func,
                  __LINE__, tracker->duration(), delay, file->m_u32FileNo);
     }
-    if (FlushEvents(fd, *tracker) != 0) return -1;
+    if (AlarmEventFlush(fd, *tracker) != 0) return -1;
     if (action == AlarmAction::kFlushTail) {
         LogTrace(
-            "%s %d :######################AlarmEndTime = %u RecordDelayTime = %d m_u32FileInfoHeadNo = %d \n",
-            func, __LINE__, tracker->eventEnd(), delay, file->m_u32FileNo);
+            "%s %d :######################AlarmEndTime = %d RecordDelayTime = %d m_u32FileInfoHeadNo = %d \n",
+            func, __LINE__, static_cast<int>(tracker->eventEnd()), delay, file->m_u32FileNo);
     }
     return 0;
-}
-
-// Writes what is still open at the normal end of the run.
-void FinalFlush(int fd, const AlarmEventTracker &tracker) {
-    const AlarmEventInfo &info = tracker.info();
-    if (info.m_u32HeadFlag != kAlarmEventInfoFlag) return;
-    if (AV_AlarmEventFileInfoWrite(fd, info.m_u32AlarmFileNo, &info) < 0) return;
-    if (tracker.entry().m_u32HeadFlag == kAlarmEventEntryFlag)
-        AV_AlarmEventEntryWrite(fd, &info, &tracker.entry());
 }
 
 void *EndAlarmThread(const char *func, int fd, void *result) {
@@ -107,11 +108,7 @@ void *AlarmEventThread(void * /*arg*/) {
     if (fd < 0) return kThreadFailed;
 
     AlarmEventTracker tracker;
-    AV_AlarmEventFileInfoRead(fd, GetFileInfoHead()->m_u32FileNo, &tracker.info());
-    if (FlagGet(g_bNewFileInfo) != 0) {
-        FlagSet(g_bNewFileInfo, 0);
-        tracker.Reset();
-    }
+    AlarmEventTrackerLoad(fd, &tracker);
     struct timeval startTime {};
     RecordClock().getTimeOfDay(&startTime);
     uint32_t startUptime = RecordClock().uptime();
@@ -138,6 +135,6 @@ void *AlarmEventThread(void * /*arg*/) {
             return EndAlarmThread(__func__, fd, 0);
         }
     }
-    FinalFlush(fd, tracker);
+    AlarmEventFlush(fd, tracker);  // what is still open at the run's end
     return EndAlarmThread(__func__, fd, 0);
 }

@@ -28,6 +28,15 @@ void ReadCurrentFile(int fd, const RecordConfigInfo *info, FileInfoHead *file) {
     if (AV_RecordSectionInfoHeadRead(fd, file, sections) == 0) AV_RecordFileInfoHeadCatchUp(file, sections);
 }
 
+// A current file record that is full on the card belongs to a run that
+// never reached its end steps (power cut, kill): the header is only written
+// with a frame, so it still names the full file. The file is left exactly
+// as that run's end would have left it; started again, its recordings would
+// be written over from offset 0.
+void LeaveFullFile(RecordConfigInfo *info, const FileInfoHead *file) {
+    if (file->m_u32HeadFlag == kFileInfoHeadFlag) AV_RecordNextFileSelect(info, file);
+}
+
 // Reads the header and the current file record into the process-wide
 // records; 0 or -1 with the reason logged.
 int LoadIndex(const char *func) {
@@ -52,6 +61,7 @@ int LoadIndex(const char *func) {
     }
     ReadCurrentFile(fd, info, file);
     AVFileClose(fd);
+    LeaveFullFile(info, file);
     FlagSet(g_bIndexLoaded, 1);
     return 0;
 }

@@ -8,7 +8,8 @@
 // the card goes away) and decides what a full card means: 0 when a file is
 // available, -1 for no index, a bad index, or a full card with overwriting
 // forbidden (ucCoverType 0). A file record discarded for reuse sets
-// g_bNewFileInfo.
+// g_bNewFileInfo. A current file found full on loading is left for the next
+// file as at the end of the run that filled it, never started again.
 int AVRecordParamInit(uint8_t ucCoverType);
 
 // 1 when a mount line of the card ("mmc") is listed in the mount table.

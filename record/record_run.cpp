@@ -171,7 +171,8 @@ void LogRunEnd(const char *func, RunEnd reason, const RunParams &start, const Ru
             break;
         case RunEnd::kDayEnd:
             LogTrace("%s %d: %02d:%02d:%02d\n", func, __LINE__, turn.hour, turn.minute, turn.second);
-            LogTrace("%s %d  m_u32RecordEndTime = %u  \n", func, __LINE__, turn.sectionEndTime);
+            LogTrace("%s %d  m_u32RecordEndTime = %d  \n", func, __LINE__,
+                     static_cast<int>(turn.sectionEndTime));
             break;
         case RunEnd::kClockJump:
             LogTrace("%s %d: ret = %d, Changed the time: SinceBootDuration = %lu, CurrentDuration = %lu\n",
@@ -220,11 +221,7 @@ void EndRun(const char *func, const RunClock &clock, const FileInfoHead &fileBef
     FlagSet(g_bRecording, 0);
     LS_RecordClose();
     usleep(kCloseSettleUs);
-    // A run that wrote no frame left nothing on the card: it gives its
-    // section number back, so the file never counts an empty slot (or a
-    // stale one from the file's earlier use).
-    if (GetSectionInfoHead()->m_u32EndTime == 0) *GetFileInfoHead() = fileBefore;
-    AV_RecordNextFileSelect(GetRecordConfigInfo(), GetFileInfoHead());
+    RecordRunIndexEnd(fileBefore);
     if (FlagGet(g_bDayEnd) == 1) {
         usleep(kDayEndPauseUs);
         WaitForNewDay();
@@ -255,6 +252,14 @@ int WatchRun(const char *func, const RunParams &start, uint32_t stream, const Ru
 }
 
 }  // namespace
+
+void RecordRunIndexEnd(const FileInfoHead &fileBefore) {
+    // A run that wrote no frame left nothing on the card: it gives its
+    // section number back, so the file never counts an empty slot (or a
+    // stale one from the file's earlier use).
+    if (GetSectionInfoHead()->m_u32EndTime == 0) *GetFileInfoHead() = fileBefore;
+    AV_RecordNextFileSelect(GetRecordConfigInfo(), GetFileInfoHead());
+}
 
 int StartRecord(int nStreamType, int /*nDuration*/) {
     uint32_t stream = static_cast<uint32_t>(nStreamType) % kSysStreamCount;

@@ -28,11 +28,12 @@ protected:
 
     // Writes a valid header with current file 2 holding dataSize bytes
     // (in one section when section is given).
-    void WriteIndex(uint32_t dataSize, const SectionInfoHead *section = nullptr) {
+    void WriteIndex(uint32_t dataSize, const SectionInfoHead *section = nullptr, uint32_t used = 0) {
         RecordConfigInfo info{};
         AV_RecordConfigInfoInit(&info, 0, kMediaFiles);
         uint32_t current = 2;
         info.m_u32FileInfoHeadNo = current;
+        info.m_u32RecordFileUsed = used;
         WriteFileAt(Index(), 0, RecordBytes(info));
         FileInfoHead file{};
         AV_RecordFileInfoHeadInit(&info, &file, 1700000000, 1);
@@ -120,4 +121,57 @@ TEST_F(RecordParamInitTest, FileRecordCatchesUpWithItsLastSection) {
     WriteIndex(0x50000, &section);
     ASSERT_EQ(AVRecordParamInit(0), 0);
     EXPECT_EQ(GetFileInfoHead()->m_u32DataSize, 0x50000u);
+}
+
+// A power cut or a kill in the turn in which the current file became full
+// leaves the header naming that file: the next daemon moves on to the next
+// file as the run's end would have, card-full rule included, and never
+// starts the full file again over its recordings.
+TEST_F(RecordParamInitTest, FullCurrentFileOnTheCardIsLeftForTheNextFile) {
+    struct {
+        uint32_t dataSize;  // of the file record on the card
+        uint32_t used;      // files used before
+        uint8_t cover;
+        int result;
+        uint32_t nextFile;  // the file the next section starts
+    } cases[] = {
+        {kMediaFileFullSize, 0, 0, 0, 3},
+        {kMediaFileFullSize + 0x100, 2, 1, 0, 3},
+        {kMediaFileFullSize, kMediaFiles - 1, 0, -1, 0},  // now every file is used
+        {kMediaFileFullSize, kMediaFiles - 1, 1, 0, 3},   // ...and overwritten in turn
+        {kMediaFileFullSize - 1, 0, 0, 0, 2},             // room for one more byte
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(testing::Message()
+                     << "size " << c.dataSize << " used " << c.used << " cover " << int{c.cover});
+        FlagSet(g_bIndexLoaded, 0);
+        FlagSet(g_bNewFileInfo, 0);
+        WriteIndex(c.dataSize, nullptr, c.used);
+        ASSERT_EQ(AVRecordParamInit(c.cover), c.result);
+        if (c.result != 0) continue;
+        bool moved = c.nextFile != 2;
+        EXPECT_EQ(FlagGet(g_bNewFileInfo), moved ? 1u : 0u);
+        EXPECT_EQ(GetRecordConfigInfo()->m_u32RecordFileUsed, c.used + (moved ? 1 : 0));
+        ASSERT_EQ(
+            AV_RecordFileConfigParamGet(GetRecordConfigInfo(), GetFileInfoHead(), GetSectionInfoHead(), 1),
+            0);
+        EXPECT_EQ(GetSectionInfoHead()->m_u32FileNo, c.nextFile);
+        EXPECT_EQ(GetSectionInfoHead()->m_u32SectionOffset, moved ? 0u : c.dataSize);
+    }
+}
+
+// The same when only the section record reached the card: the catch-up
+// makes the file full, and the file is left.
+TEST_F(RecordParamInitTest, FileMadeFullByItsLastSectionIsLeft) {
+    FileInfoHead file{};
+    file.m_u32FileNo = 2;
+    file.m_u32RecordSectionSum = 1;
+    SectionInfoHead section{};
+    AV_RecordSectionInfoHeadInit(&file, &section, 1700000000, 1, 1);
+    section.m_u32SectionSize = kMediaFileFullSize + 0x80;
+    section.m_u32EndTime = 1700000240;
+    WriteIndex(kMediaFileFullSize - 0x40000, &section);
+    ASSERT_EQ(AVRecordParamInit(0), 0);
+    EXPECT_EQ(GetRecordConfigInfo()->m_u32FileInfoHeadNo, 3u);
+    EXPECT_EQ(FlagGet(g_bNewFileInfo), 1u);
 }

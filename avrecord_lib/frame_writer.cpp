@@ -118,9 +118,9 @@ void Step(WriterStep step) {
 void LogPlayTime(const char *func, int line, time_t seconds) {
     struct tm tmv {};
     localtime_r(&seconds, &tmv);
-    LogTrace("%s %d: ## PlayTime. %04d-%02d-%02d %02d:%02d:%02d    %lld  ##\n", func, line,
-             tmv.tm_year + 1900, tmv.tm_mon + 1, tmv.tm_mday, tmv.tm_hour, tmv.tm_min, tmv.tm_sec,
-             static_cast<long long>(seconds));
+    LogTrace("%s %d: ## PlayTime. %04d-%02d-%02d %02d:%02d:%02d    %u  ##\n", func, line, tmv.tm_year + 1900,
+             tmv.tm_mon + 1, tmv.tm_mday, tmv.tm_hour, tmv.tm_min, tmv.tm_sec,
+             static_cast<unsigned>(seconds));
 }
 
 void FillAudioParams(WriterState &w) {
@@ -207,8 +207,9 @@ void WriteKeyFrameEntry(WriterState &w, uint32_t time, uint32_t length, uint8_t 
     AV_RecordKeyFrameEntryWrite(w.mediaFd, KeyFrameEntryOffset(GetFileInfoHead()->m_u32KeyFrameSum), &entry);
     struct tm tmv {};
     CardTimeLocal(time, &tmv);
-    LogTrace("%s %d: ##keyType = %d  KeyFrameTime. %04d-%02d-%02d %02d:%02d:%02d ##\n", kWriterFunction, __LINE__,
-             keyType, tmv.tm_year + 1900, tmv.tm_mon + 1, tmv.tm_mday, tmv.tm_hour, tmv.tm_min, tmv.tm_sec);
+    LogTrace("%s %d: ##keyType = %d  KeyFrameTime. %04d-%02d-%02d %02d:%02d:%02d ##\n", kWriterFunction,
+             __LINE__, keyType, tmv.tm_year + 1900, tmv.tm_mon + 1, tmv.tm_mday, tmv.tm_hour, tmv.tm_min,
+             tmv.tm_sec);
 }
 
 // Updates the three records for a frame and writes them in their order.
@@ -267,6 +268,16 @@ void AccountFrame(WriterState &w, uint32_t time, uint32_t written, bool video, b
     SyncIfDue(w);
 }
 
+// A frame that is not written. When it was to open the section, the section
+// stays unopened: nothing may come before its first key frame.
+int RefuseFrame(WriterState &w) {
+    if (w.firstKeyPending) {
+        w.firstKeyPending = false;
+        w.frameCounter = 0;
+    }
+    return -1;
+}
+
 // One frame that passed the gate, from its classification to the index.
 int WriteAdmittedFrame(WriterState &w, int channel, int kind, const uint8_t *data, const AVDataInfo *info) {
     uint32_t length = static_cast<uint32_t>(info->AVDataLen);
@@ -285,12 +296,12 @@ int WriteAdmittedFrame(WriterState &w, int channel, int kind, const uint8_t *dat
         return -1;
     }
     uint32_t time = 0;
-    if (FrameTime(w, &time) != 0) return -1;
+    if (FrameTime(w, &time) != 0) return RefuseFrame(w);
     bool marked = info->KeyFrameFlag == kEncoderKeyMark;
 
     const uint8_t *start = nullptr;
     int psLength = BuildFrame(w, kind, cls.key || marked, data, length, time, &start);
-    if (psLength < 0) return -1;
+    if (psLength < 0) return RefuseFrame(w);
     if (AV_RecordStreamInfoWrite(w.mediaFd, g_u32Offset, start, static_cast<uint32_t>(psLength)) == 0)
         return 0;
     Step(WriterStep::kMediaWritten);

@@ -40,9 +40,9 @@ void LogSectionStart(const char *caller, uint32_t startTime) {
     struct tm local {};
     CardTimeLocal(startTime, &local);
     LogTrace("%s %d : ####################################################### \n", caller, __LINE__);
-    LogTrace("%s %d: ## PlayTime. %04d-%02d-%02d %02d:%02d:%02d ##  startTime = %u\n", caller, __LINE__,
+    LogTrace("%s %d: ## PlayTime. %04d-%02d-%02d %02d:%02d:%02d ##  startTime = %d\n", caller, __LINE__,
              local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
-             startTime);
+             static_cast<int>(startTime));
     LogTrace("%s %d : ####################################################### \n", caller, __LINE__);
 }
 

@@ -257,6 +257,30 @@ TEST_F(FrameWriterTest, FrameTimesSpan2038AndStopAtTheLastCardSecond) {
     ExpectIndexAccountsForEveryFrame("2106");
 }
 
+// A key frame refused for its time leaves the section unopened: the
+// P-frames behind it are refused too, and the next key frame that can be
+// stored opens the section with the record file header.
+TEST_F(FrameWriterTest, KeyFrameRefusedAtTheRangeEdgeLeavesTheSectionUnopened) {
+    g_wall = {0xffffffff, 0};
+    Open();
+    g_wall.tv_sec += 1;
+    g_uptime += 1;
+    EXPECT_EQ(Write(kH264Key), -1);
+    EXPECT_EQ(Write(kH264Other), -1);
+    EXPECT_EQ(GetSectionInfoHead()->m_u32SectionSize, 0u);
+    EXPECT_EQ(GetFileInfoHead()->m_u32DataSize, 0u);
+
+    g_wall.tv_sec -= 1;  // the clock set back inside the card's range
+    ASSERT_EQ(Write(kH264Key), 0);
+    ASSERT_EQ(Write(kH264Other), 0);
+    EXPECT_EQ(MediaAt(0, kRecordFileHeaderSize),
+              std::string(reinterpret_cast<const char *>(kRecordFileHeader), kRecordFileHeaderSize));
+    std::vector<Bytes> frames = ReadSection();
+    ASSERT_EQ(frames.size(), 2u);
+    EXPECT_EQ(frames[0], kH264Key);
+    ExpectIndexAccountsForEveryFrame("after the refused key frame");
+}
+
 // Rotation swaps the recorded size; descriptor-marked key frames get an
 // entry only from 345600 recorded pixels on.
 TEST_F(FrameWriterTest, RecordedPictureSizeRotationAndMarkedEntries) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <thread>
 
 #include "support/test_support.h"
 
@@ -90,3 +91,28 @@ TEST_F(LogTest, TimeStringFormat) {
 }
 
 }  // namespace
+
+// Each thread formats into its own buffer: lines written at once from two
+// threads never carry each other's text.
+TEST_F(LogTest, ThreadsFormattingAtOnceKeepTheirOwnText) {
+    constexpr int kLines = 500;
+    constexpr int kWidth = 300;
+    LogEnable("AVRecord", 3);
+    testing::internal::CaptureStderr();
+    auto writer = [](char c) {
+        std::string text(kWidth, c);
+        for (int i = 0; i < kLines; ++i) LogTrace("%s\n", text.c_str());
+    };
+    std::thread a(writer, 'a');
+    std::thread b(writer, 'b');
+    a.join();
+    b.join();
+    std::string out = testing::internal::GetCapturedStderr();
+    int lines = 0;
+    for (size_t at = out.find("[Trace]: "); at != std::string::npos; at = out.find("[Trace]: ", at + 1)) {
+        std::string text = out.substr(at + 9, kWidth);
+        EXPECT_TRUE(text == std::string(kWidth, 'a') || text == std::string(kWidth, 'b')) << text;
+        ++lines;
+    }
+    EXPECT_EQ(lines, 2 * kLines);
+}

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "common/card_time.h"
 #include "common/log.h"
 #include "support/test_helpers.h"
 #include "support/test_support.h"
@@ -198,3 +199,16 @@ TEST(SeekFolderTest, Refusals) {
 }
 
 }  // namespace
+
+// A file named in the card's last seconds ends at its last second, not
+// wrapped to 1970.
+TEST(SeekFolderTest, FileEndStopsAtTheCardsLastSecond) {
+    ScopedZone zone("UTC0");
+    RecordingTree tree;
+    uint32_t named = kCardTimeLast - kFolderFileDuration / 2;
+    tree.Add(named);
+    auto list = std::make_unique<FileListInfo>();
+    ASSERT_EQ(SeekFileEx(tree.root().c_str(), named - 5, kCardTimeLast, list.get()), 0);
+    ASSERT_EQ(list->s32FileNum, 1);
+    EXPECT_EQ(list->stFileList[0].u32EndTime, kCardTimeLast);
+}

@@ -438,10 +438,11 @@ TEST_F(WritePointSweep, EveryWriteOfThreeFilesAndALap) {
     }
     auto ms =
         std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - started);
-    sweep::PrintFigures("write-point-sweep", "states=" + std::to_string(states_) +
-                                                 " writes=" + std::to_string(log_.size() - syncs) + " torn=" +
-                                                 std::to_string(torn) + " flushes=" + std::to_string(syncs) +
-                                                 " ms=" + std::to_string(ms.count()));
+    sweep::PrintFigures(
+        "write-point-sweep",
+        "points=" + std::to_string(states_) + " failures=" + std::to_string(sweep::FailedParts()) +
+            " writes=" + std::to_string(log_.size() - syncs) + " torn_writes=" + std::to_string(torn) +
+            " flushes=" + std::to_string(syncs) + " ms=" + std::to_string(ms.count()));
 }
 
 }  // namespace

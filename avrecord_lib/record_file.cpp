@@ -48,6 +48,10 @@ int AVFileClose(int fd) {
     return FileIo().close(fd);
 }
 
+FileGuard AVFileOpenGuarded(const std::string &path) {
+    return FileGuard(AVFileOpen(path.c_str(), kAVFileModeRead));
+}
+
 int AVFileSeek(int fd, int32_t offset, int whence) {
     if (fd < 0) return -1;
     if (whence != kAVFileSeekSet && whence != kAVFileSeekCur && whence != kAVFileSeekEnd) return -1;

@@ -4,6 +4,9 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
+
+#include "common/file_guard.h"
 
 // Open modes: mode & 3 selects the access.
 inline constexpr int kAVFileModeRead = 1;       // read-only, existing file (0 works too)
@@ -19,6 +22,8 @@ inline constexpr int kAVFileSeekEnd = 2;
 int AVFileOpen(const char *path, int mode);
 // -1 for a negative descriptor, else the close result.
 int AVFileClose(int fd);
+// Opens path read-only (AVFileOpen); the guard closes it.
+FileGuard AVFileOpenGuarded(const std::string &path);
 // The new position (low 32 bits), -1 for a negative descriptor or a whence
 // other than 0, 1, 2.
 int AVFileSeek(int fd, int32_t offset, int whence);

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "avrecord_lib/index_records.h"
+#include "common/file_guard.h"
 #include "common/file_io.h"
 #include "mkfs/fat32_reader.h"
 
@@ -50,17 +51,9 @@ bool IsPicture(const std::string &name) {
            name.compare(name.size() - (sizeof kPictureSuffix - 1), std::string::npos, kPictureSuffix) == 0;
 }
 
-// Closes a descriptor of the image on every way out of the attach.
-struct ImageFd {
-    int fd;
-    ~ImageFd() {
-        if (fd >= 0) PosixFileIo().close(fd);
-    }
-};
-
 int CheckFile(const AttachedImage &image, ImageFile *f, std::string *why) {
-    ImageFd device{PosixFileIo().open(image.path.c_str(), O_RDONLY | O_CLOEXEC, 0)};
-    if (device.fd < 0 || Fat32CheckContiguous(device.fd, image.volume, f->file, why) != 0) return -1;
+    FileGuard device(PosixFileIo().open(image.path.c_str(), O_RDONLY | O_CLOEXEC, 0), &PosixFileIo());
+    if (device.fd() < 0 || Fat32CheckContiguous(device.fd(), image.volume, f->file, why) != 0) return -1;
     f->checked = true;
     return 0;
 }
@@ -206,16 +199,16 @@ const FileIoOps kImageFileIo = {ImageOpen,  ImageClose, ImageSeek,      ImageRea
 // Reads the volume and its directory, and checks the card's files.
 int Inspect(AttachedImage *image, std::string *why) {
     const std::string &path = image->path;
-    ImageFd device{PosixFileIo().open(path.c_str(), O_RDONLY | O_CLOEXEC, 0)};
-    if (device.fd < 0) {
+    FileGuard device(PosixFileIo().open(path.c_str(), O_RDONLY | O_CLOEXEC, 0), &PosixFileIo());
+    if (device.fd() < 0) {
         *why = path + ": " + strerror(errno);
         return -1;
     }
     const std::string notOurs = path + ": not a card of this recorder: ";
     std::vector<Fat32File> files;
     std::string problem;
-    if (Fat32ReadVolume(device.fd, &image->volume, &problem) != 0 ||
-        Fat32ReadRootDirectory(device.fd, image->volume, &files, &problem) != 0) {
+    if (Fat32ReadVolume(device.fd(), &image->volume, &problem) != 0 ||
+        Fat32ReadRootDirectory(device.fd(), image->volume, &files, &problem) != 0) {
         *why = notOurs + problem;
         return -1;
     }
@@ -230,7 +223,7 @@ int Inspect(AttachedImage *image, std::string *why) {
     }
     for (ImageFile &f : image->files) {
         if (IsPicture(f.file.name)) continue;
-        if (Fat32CheckContiguous(device.fd, image->volume, f.file, &problem) != 0) {
+        if (Fat32CheckContiguous(device.fd(), image->volume, f.file, &problem) != 0) {
             *why = path + ": its files are not laid out as the card formatter does: " + problem;
             return -1;
         }

@@ -17,6 +17,7 @@
 #include "avrecord_lib/record_file.h"
 #include "avrecord_lib/record_index.h"
 #include "avrecord_lib/record_section.h"
+#include "common/file_guard.h"
 #include "common/file_io.h"
 
 namespace {
@@ -55,17 +56,6 @@ constexpr AudioTypeMap kAudioTypes[] = {
     {0x91, kSectionAudioG711U}, {0x90, kSectionAudioG711A}, {0x0F, kSectionAudioAac}};
 
 uint16_t Le16(const uint8_t *b) { return static_cast<uint16_t>(b[0] | (b[1] << 8)); }
-
-// Closes a descriptor when it goes out of scope.
-struct Fd {
-    explicit Fd(int value) : fd(value) {}
-    ~Fd() {
-        if (fd >= 0) AVFileClose(fd);
-    }
-    Fd(const Fd &) = delete;
-    Fd &operator=(const Fd &) = delete;
-    int fd;
-};
 
 // Low 32 bits of the time stamp the packetizer gives frame counter n.
 uint32_t CounterStamp(uint32_t n) { return static_cast<uint32_t>(PSTimeStamp(n, kPsTimeStampRate)); }
@@ -647,19 +637,19 @@ void FileScanner::Merge(RecoveredFile *result) {
 void ReadOldIndex(const std::string &cardDir, uint32_t fileSum, CardRecovery *out,
                   std::vector<OldFile> *old) {
     old->assign(fileSum, OldFile{});
-    Fd fd(AVFileOpen((cardDir + kIndexFileName).c_str(), kAVFileModeRead));
-    if (fd.fd < 0) {
+    FileGuard fd = AVFileOpenGuarded(cardDir + kIndexFileName);
+    if (fd.fd() < 0) {
         out->notes.push_back(IndexProblem{-1, 0, "index000.bin cannot be opened"});
         return;
     }
     RecordConfigInfo header;
     out->indexReadable =
-        AV_RecordConfigInfoRead(fd.fd, &header) > 0 && AV_RecordConfigInfoCheck(&header) == 0;
+        AV_RecordConfigInfoRead(fd.fd(), &header) > 0 && AV_RecordConfigInfoCheck(&header) == 0;
     if (out->indexReadable) out->header = header;
     std::vector<SectionInfoHead> sections(kMaxSectionNo);
     for (uint32_t n = 0; n < fileSum; ++n) {
         OldFile &f = (*old)[n];
-        if (AV_RecordFileInfoHeadAccecsFileNoRead(fd.fd, n, &f.record) < 0) continue;
+        if (AV_RecordFileInfoHeadAccecsFileNoRead(fd.fd(), n, &f.record) < 0) continue;
         f.valid = f.record.m_u32HeadFlag == kFileInfoHeadFlag && f.record.m_u32FileNo == n;
         // Without its file record every slot is read: the section records
         // that are this file's and agree with the data still count.
@@ -667,7 +657,7 @@ void ReadOldIndex(const std::string &cardDir, uint32_t fileSum, CardRecovery *ou
         FileInfoHead clamped = f.record;
         clamped.m_u32FileNo = n;
         clamped.m_u32RecordSectionSum = sum;
-        if (sum != 0 && AV_RecordSectionInfoHeadRead(fd.fd, &clamped, sections.data()) == 0)
+        if (sum != 0 && AV_RecordSectionInfoHeadRead(fd.fd(), &clamped, sections.data()) == 0)
             f.sections.assign(sections.begin(), sections.begin() + sum);
     }
 }
@@ -805,9 +795,9 @@ void RecoverEvents(const std::string &cardDir, CardRecovery *r) {
     r->eventSlots.assign(fileSum, AlarmEventInfo{});
     r->events.assign(fileSum, {});
     r->eventSlotDamaged.assign(fileSum, false);
-    Fd fd(AVFileOpen((cardDir + kEventFileName).c_str(), kAVFileModeRead));
-    r->eventsReadable = fd.fd >= 0;
-    if (fd.fd < 0) {
+    FileGuard fd = AVFileOpenGuarded(cardDir + kEventFileName);
+    r->eventsReadable = fd.fd() >= 0;
+    if (fd.fd() < 0) {
         r->notes.push_back(IndexProblem{-1, 0, "event000.bin cannot be read: the alarm event list is gone"});
         return;
     }
@@ -816,7 +806,7 @@ void RecoverEvents(const std::string &cardDir, CardRecovery *r) {
         bool bad = false;
         AlarmEventInfo info;
         std::vector<AlarmEventEntry> entries;
-        if (ReadEventSlot(fd.fd, n, &info, &entries, &bad)) {
+        if (ReadEventSlot(fd.fd(), n, &info, &entries, &bad)) {
             r->eventSlots[n] = info;
             r->events[n] = std::move(entries);
         } else if (bad) {
@@ -889,12 +879,12 @@ int RecoverCard(const std::string &cardDir, CardRecovery *recovery, std::string 
     std::unique_ptr<uint8_t[]> buf(new uint8_t[kFrameBufferSize]);
     r.files.resize(fileSum);
     for (uint32_t n = 0; n < fileSum; ++n) {
-        Fd media(AVFileOpen(CardMediaFilePath(cardDir, n).c_str(), kAVFileModeRead));
-        if (media.fd < 0) {
+        FileGuard media = AVFileOpenGuarded(CardMediaFilePath(cardDir, n));
+        if (media.fd() < 0) {
             r.notes.push_back(IndexProblem{n, 0, "media file cannot be opened"});
             continue;
         }
-        FileScanner scanner(n, media.fd, old[n], defaults, true, buf.get(), &r);
+        FileScanner scanner(n, media.fd(), old[n], defaults, true, buf.get(), &r);
         scanner.Scan(&r.files[n]);
         if (progress != nullptr) progress(n, fileSum);
     }

@@ -11,6 +11,7 @@
 #include "avrecord_lib/ps_packetizer.h"
 #include "avrecord_lib/record_file.h"
 #include "avrecord_lib/record_index.h"
+#include "common/file_guard.h"
 
 namespace {
 
@@ -26,15 +27,6 @@ constexpr uint32_t kRateJudgeSeconds = 10;
 constexpr uint64_t kRateSlack = 4;
 // Room for the largest frame the writer takes.
 constexpr uint32_t kFrameWalkBufferSize = kMaxFrameLength + kPSKeyFrameReadLimit;
-
-// Closes a descriptor of this unit when it goes out of scope.
-struct ScopedFd {
-    explicit ScopedFd(int value) : fd(value) {}
-    ~ScopedFd() { AVFileClose(fd); }
-    ScopedFd(const ScopedFd &) = delete;
-    ScopedFd &operator=(const ScopedFd &) = delete;
-    int fd;
-};
 
 class IndexChecker {
 public:
@@ -139,8 +131,8 @@ void IndexChecker::CheckFile(int indexFd, uint32_t fileNo, const FileInfoHead &f
         return;
     }
     if (file.m_u32KeyFrameSum > kMaxKeyFrameEntries || sectionSum >= kMaxSectionNo) return;
-    ScopedFd media(AVFileOpen(CardMediaFilePath(cardDir_, fileNo).c_str(), kAVFileModeRead));
-    if (media.fd >= 0) CheckKeyFrames(media.fd, file, sections);
+    FileGuard media = AVFileOpenGuarded(CardMediaFilePath(cardDir_, fileNo));
+    if (media.fd() >= 0) CheckKeyFrames(media.fd(), file, sections);
 }
 
 void IndexChecker::CheckSection(const FileInfoHead &file, uint32_t slot, const SectionInfoHead &section,
@@ -246,10 +238,10 @@ void IndexChecker::CheckKeyFrame(int mediaFd, const FileInfoHead &file, const Se
 }
 
 void IndexChecker::CheckEvents(uint32_t fileSum) {
-    ScopedFd event(AVFileOpen((cardDir_ + kEventFileName).c_str(), kAVFileModeRead));
-    if (event.fd < 0) return;  // nothing recorded there yet
+    FileGuard event = AVFileOpenGuarded(cardDir_ + kEventFileName);
+    if (event.fd() < 0) return;  // nothing recorded there yet
     for (uint32_t fileNo = 0; fileNo < fileSum && fileNo < kMaxIndexFileRecords; ++fileNo) {
-        CheckEventSlot(event.fd, fileNo);
+        CheckEventSlot(event.fd(), fileNo);
     }
 }
 
@@ -284,19 +276,19 @@ std::string CardMediaFilePath(const std::string &cardDir, uint32_t fileNo) {
 }
 
 int64_t CardFileSize(const std::string &path) {
-    ScopedFd fd(AVFileOpen(path.c_str(), kAVFileModeRead));
-    if (fd.fd < 0) return -1;
-    return static_cast<uint32_t>(AVFileSeek(fd.fd, 0, kAVFileSeekEnd));
+    FileGuard fd = AVFileOpenGuarded(path);
+    if (fd.fd() < 0) return -1;
+    return static_cast<uint32_t>(AVFileSeek(fd.fd(), 0, kAVFileSeekEnd));
 }
 
 int LoadCardIndex(const std::string &cardDir, CardIndex *index, std::string *reason) {
     std::string path = cardDir + kIndexFileName;
-    ScopedFd fd(AVFileOpen(path.c_str(), kAVFileModeRead));
-    if (fd.fd < 0) {
+    FileGuard fd = AVFileOpenGuarded(path);
+    if (fd.fd() < 0) {
         *reason = "cannot open " + path;
         return -1;
     }
-    if (AV_RecordConfigInfoRead(fd.fd, &index->header) < 0) {
+    if (AV_RecordConfigInfoRead(fd.fd(), &index->header) < 0) {
         *reason = "cannot read the index header of " + path;
         return -1;
     }
@@ -307,7 +299,7 @@ int LoadCardIndex(const std::string &cardDir, CardIndex *index, std::string *rea
     uint32_t sum = index->header.m_u32RecordFileSum;
     index->files.assign(sum < kMaxIndexFileRecords ? sum : kMaxIndexFileRecords, FileInfoHead{});
     for (uint32_t fileNo = 0; fileNo < index->files.size(); ++fileNo) {
-        if (AV_RecordFileInfoHeadAccecsFileNoRead(fd.fd, fileNo, &index->files[fileNo]) < 0) {
+        if (AV_RecordFileInfoHeadAccecsFileNoRead(fd.fd(), fileNo, &index->files[fileNo]) < 0) {
             *reason = "cannot read the file records of " + path;
             return -1;
         }
@@ -324,9 +316,9 @@ int CheckCardIndex(const std::string &cardDir, std::vector<IndexProblem> *proble
     }
     IndexChecker checker(cardDir, problems);
     checker.CheckHeader(index.header);
-    ScopedFd fd(AVFileOpen((cardDir + kIndexFileName).c_str(), kAVFileModeRead));
+    FileGuard fd = AVFileOpenGuarded(cardDir + kIndexFileName);
     for (uint32_t fileNo = 0; fileNo < index.files.size(); ++fileNo)
-        checker.CheckFile(fd.fd, fileNo, index.files[fileNo]);
+        checker.CheckFile(fd.fd(), fileNo, index.files[fileNo]);
     checker.CheckEvents(static_cast<uint32_t>(index.files.size()));
     return 0;
 }
@@ -382,17 +374,17 @@ int ForEachCardSection(const std::string &cardDir,
     CardIndex index;
     std::string reason;
     if (LoadCardIndex(cardDir, &index, &reason) < 0) return -1;
-    ScopedFd indexFd(AVFileOpen((cardDir + kIndexFileName).c_str(), kAVFileModeRead));
+    FileGuard indexFd = AVFileOpenGuarded(cardDir + kIndexFileName);
     std::vector<SectionInfoHead> sections(kMaxSectionNo);
     for (const FileInfoHead &file : index.files) {
         if (file.m_u32HeadFlag != kFileInfoHeadFlag ||
-            AV_RecordSectionInfoHeadRead(indexFd.fd, &file, sections.data()) < 0)
+            AV_RecordSectionInfoHeadRead(indexFd.fd(), &file, sections.data()) < 0)
             continue;
-        ScopedFd media(AVFileOpen(CardMediaFilePath(cardDir, file.m_u32FileNo).c_str(), kAVFileModeRead));
+        FileGuard media = AVFileOpenGuarded(CardMediaFilePath(cardDir, file.m_u32FileNo));
         uint32_t firstEntry = 0;
         for (uint32_t slot = 0; slot < file.m_u32RecordSectionSum && slot < kMaxSectionNo; ++slot) {
             if (sections[slot].m_u32HeadFlag != kSectionInfoHeadFlag) continue;
-            if (media.fd >= 0) fn(media.fd, sections[slot], firstEntry);
+            if (media.fd() >= 0) fn(media.fd(), sections[slot], firstEntry);
             firstEntry += sections[slot].m_u32KeyFrameSum;
         }
     }

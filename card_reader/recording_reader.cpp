@@ -24,21 +24,6 @@ std::string Text(const char *format, uint32_t a, uint32_t b = 0) {
     return text;
 }
 
-// Closes a record file on every way out.
-class RecordFile {
-public:
-    explicit RecordFile(const std::string &path) : fd_(AVFileOpen(path.c_str(), kAVFileModeRead)) {}
-    ~RecordFile() {
-        if (fd_ >= 0) AVFileClose(fd_);
-    }
-    RecordFile(const RecordFile &) = delete;
-    RecordFile &operator=(const RecordFile &) = delete;
-    int fd() const { return fd_; }
-
-private:
-    int fd_;
-};
-
 int Fail(std::string *reason, const std::string &text) {
     if (reason != nullptr) *reason = text;
     return -1;
@@ -80,7 +65,7 @@ bool FindSection(int fd, const FileInfoHead &file, Match match, SectionInfoHead 
 }
 
 int ReadEvent(const char *cardDir, const RecordingSpan &span, AlarmEventEntry *event, std::string *reason) {
-    RecordFile events(CardPath(cardDir, kEventFileName));
+    FileGuard events = AVFileOpenGuarded(CardPath(cardDir, kEventFileName));
     if (events.fd() < 0) return Fail(reason, "cannot open " + CardPath(cardDir, kEventFileName));
     AlarmEventInfo info;
     std::vector<AlarmEventEntry> entries(kMaxAlarmEventSum);
@@ -172,7 +157,7 @@ int RecordingParseName(const char *name, RecordingSpan *span) {
 
 int RecordingLocate(const char *cardDir, RecordingSpan *span, std::string *reason) {
     if (cardDir == nullptr || span == nullptr) return Fail(reason, "no card or recording");
-    RecordFile index(CardPath(cardDir, kIndexFileName));
+    FileGuard index = AVFileOpenGuarded(CardPath(cardDir, kIndexFileName));
     if (index.fd() < 0) return Fail(reason, "cannot open " + CardPath(cardDir, kIndexFileName));
     FileInfoHead file;
     if (ReadFileRecord(index.fd(), *span, &file, reason) != 0) return -1;
@@ -194,7 +179,7 @@ int RecordingLocate(const char *cardDir, RecordingSpan *span, std::string *reaso
             return Fail(reason, Text("media file %u has no section %u", span->u32FileNo, span->u32Number));
         }
     }
-    RecordFile media(MediaPath(cardDir, span->u32FileNo));
+    FileGuard media = AVFileOpenGuarded(MediaPath(cardDir, span->u32FileNo));
     if (media.fd() < 0) return Fail(reason, "cannot open " + MediaPath(cardDir, span->u32FileNo));
     return SetDataRange(media.fd(), span, reason);
 }
@@ -202,7 +187,7 @@ int RecordingLocate(const char *cardDir, RecordingSpan *span, std::string *reaso
 int RecordingReadFrames(const char *cardDir, const RecordingSpan &span,
                         const std::function<bool(const RecordingFrame &)> &visit, std::string *reason) {
     if (cardDir == nullptr) return Fail(reason, "no card");
-    RecordFile media(MediaPath(cardDir, span.u32FileNo));
+    FileGuard media = AVFileOpenGuarded(MediaPath(cardDir, span.u32FileNo));
     if (media.fd() < 0) return Fail(reason, "cannot open " + MediaPath(cardDir, span.u32FileNo));
     std::vector<uint8_t> buffer(kFrameBufferSize);
     uint32_t first = span.u32DataBegin;

@@ -12,6 +12,7 @@
 #include <mutex>
 
 #include "avrecord_lib/record_file.h"
+#include "common/file_guard.h"
 #include "common/file_io.h"
 
 namespace {
@@ -127,17 +128,6 @@ int ViewSetCloseOnExec(int fd) { return g_view->base.setCloseOnExec(fd); }
 const FileIoOps kViewFileIo = {ViewOpen,  ViewClose, ViewSeek,      ViewRead,
                                ViewWrite, ViewFsync, ViewFdatasync, ViewSetCloseOnExec};
 
-// Closes a descriptor of the file layer when it goes out of scope.
-struct Fd {
-    explicit Fd(int value) : fd(value) {}
-    ~Fd() {
-        if (fd >= 0) FileIo().close(fd);
-    }
-    Fd(const Fd &) = delete;
-    Fd &operator=(const Fd &) = delete;
-    int fd;
-};
-
 // Reads into `in`, or writes `out`: all `length` bytes at `at`, through the
 // layer in force.
 bool TransferAt(int fd, int64_t at, uint8_t *in, const uint8_t *out, size_t length) {
@@ -167,22 +157,23 @@ int Fail(std::string *why, const std::string &text) {
 // leaving holes where the source holds zeros (an index is mostly empty).
 // A source shorter than length is copied as far as it goes.
 int CopySparse(const std::string &src, const std::string &dst, int64_t length, std::string *why) {
-    Fd in(FileIo().open(src.c_str(), O_RDONLY | O_CLOEXEC, 0));
-    if (in.fd < 0) return Fail(why, "cannot read " + src);
-    int64_t size = std::min<int64_t>(FileIo().seek(in.fd, 0, SEEK_END), length);
-    Fd out(PosixFileIo().open(dst.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kFileMode));
-    if (out.fd < 0) return Fail(why, "cannot create " + dst);
+    FileGuard in(FileIo().open(src.c_str(), O_RDONLY | O_CLOEXEC, 0));
+    if (in.fd() < 0) return Fail(why, "cannot read " + src);
+    int64_t size = std::min<int64_t>(FileIo().seek(in.fd(), 0, SEEK_END), length);
+    FileGuard out(PosixFileIo().open(dst.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kFileMode),
+                  &PosixFileIo());
+    if (out.fd() < 0) return Fail(why, "cannot create " + dst);
     std::vector<uint8_t> chunk(kCopyChunk);
     for (int64_t at = 0; at < size; at += kCopyChunk) {
         size_t n = static_cast<size_t>(std::min<int64_t>(kCopyChunk, size - at));
-        if (!ReadAt(in.fd, at, chunk.data(), n)) return Fail(why, "cannot read " + src);
+        if (!ReadAt(in.fd(), at, chunk.data(), n)) return Fail(why, "cannot read " + src);
         bool zeros = std::all_of(chunk.begin(), chunk.begin() + n, [](uint8_t b) { return b == 0; });
         if (zeros) continue;
-        if (PosixFileIo().seek(out.fd, at, SEEK_SET) != at ||
-            PosixFileIo().write(out.fd, chunk.data(), n) != static_cast<ssize_t>(n))
+        if (PosixFileIo().seek(out.fd(), at, SEEK_SET) != at ||
+            PosixFileIo().write(out.fd(), chunk.data(), n) != static_cast<ssize_t>(n))
             return Fail(why, "cannot write " + dst);
     }
-    if (ftruncate(out.fd, size) != 0 || PosixFileIo().fsync(out.fd) != 0)
+    if (ftruncate(out.fd(), size) != 0 || PosixFileIo().fsync(out.fd()) != 0)
         return Fail(why, "cannot write " + dst);
     return 0;
 }
@@ -246,34 +237,36 @@ int RecoveryWriteOutput(const std::string &cardDir, const std::vector<CardFilePa
     if (MakeDirectory(dir, false, why) != 0) return -1;
     for (const CardFilePatches &p : patches) {
         std::string source = cardDir + p.name;
-        Fd card(FileIo().open(source.c_str(), O_RDONLY | O_CLOEXEC, 0));
+        FileGuard card(FileIo().open(source.c_str(), O_RDONLY | O_CLOEXEC, 0));
         if (IsCardIndexFile(p)) {
             std::string target = dir + "/" + p.name;
             unlink(target.c_str());
             // The card's bytes as far as the records reach, then the records.
-            if (card.fd >= 0
+            if (card.fd() >= 0
                     ? CopySparse(source, target, PatchEnd(p), why) != 0
-                    : Fd(PosixFileIo().open(target.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kFileMode)).fd <
-                          0)
-                return card.fd >= 0 ? -1 : Fail(why, "cannot create " + target);
-            Fd out(PosixFileIo().open(target.c_str(), O_WRONLY | O_CLOEXEC, 0));
+                    : FileGuard(PosixFileIo().open(target.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kFileMode),
+                                &PosixFileIo())
+                              .fd() < 0)
+                return card.fd() >= 0 ? -1 : Fail(why, "cannot create " + target);
+            FileGuard out(PosixFileIo().open(target.c_str(), O_WRONLY | O_CLOEXEC, 0), &PosixFileIo());
             for (const FilePatch &patch : p.patches) {
-                if (PosixFileIo().seek(out.fd, patch.offset, SEEK_SET) != patch.offset ||
-                    PosixFileIo().write(out.fd, patch.bytes.data(), patch.bytes.size()) !=
+                if (PosixFileIo().seek(out.fd(), patch.offset, SEEK_SET) != patch.offset ||
+                    PosixFileIo().write(out.fd(), patch.bytes.data(), patch.bytes.size()) !=
                         static_cast<ssize_t>(patch.bytes.size()))
                     return Fail(why, "cannot write " + target);
             }
-            if (ftruncate(out.fd, p.size) != 0 || PosixFileIo().fsync(out.fd) != 0)
+            if (ftruncate(out.fd(), p.size) != 0 || PosixFileIo().fsync(out.fd()) != 0)
                 return Fail(why, "cannot write " + target);
             written->push_back(target);
             continue;
         }
-        if (card.fd >= 0 && DifferingPatches(card.fd, p).empty()) continue;
+        if (card.fd() >= 0 && DifferingPatches(card.fd(), p).empty()) continue;
         std::string target = dir + "/" + p.name + kKeyTableSuffix;
-        Fd out(PosixFileIo().open(target.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kFileMode));
+        FileGuard out(PosixFileIo().open(target.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kFileMode),
+                      &PosixFileIo());
         for (const FilePatch &patch : p.patches) {
-            if (out.fd < 0 || PosixFileIo().write(out.fd, patch.bytes.data(), patch.bytes.size()) !=
-                                  static_cast<ssize_t>(patch.bytes.size()))
+            if (out.fd() < 0 || PosixFileIo().write(out.fd(), patch.bytes.data(), patch.bytes.size()) !=
+                                    static_cast<ssize_t>(patch.bytes.size()))
                 return Fail(why, "cannot write " + target);
         }
         written->push_back(target);
@@ -312,15 +305,15 @@ int64_t RecoveryWriteInPlace(const std::string &cardDir, const std::vector<CardF
     int64_t total = 0;
     for (const CardFilePatches *p : order) {
         std::string path = cardDir + p->name;
-        Fd fd(FileIo().open(path.c_str(), O_RDWR | O_CLOEXEC, 0));
-        if (fd.fd < 0) return Fail(why, "cannot open " + path + " for writing");
-        std::vector<const FilePatch *> differing = DifferingPatches(fd.fd, *p);
+        FileGuard fd(FileIo().open(path.c_str(), O_RDWR | O_CLOEXEC, 0));
+        if (fd.fd() < 0) return Fail(why, "cannot open " + path + " for writing");
+        std::vector<const FilePatch *> differing = DifferingPatches(fd.fd(), *p);
         for (auto it = differing.rbegin(); it != differing.rend(); ++it) {
-            if (!WriteAt(fd.fd, (*it)->offset, (*it)->bytes.data(), (*it)->bytes.size()))
+            if (!WriteAt(fd.fd(), (*it)->offset, (*it)->bytes.data(), (*it)->bytes.size()))
                 return Fail(why, "cannot write " + path);
             total += static_cast<int64_t>((*it)->bytes.size());
         }
-        if (!differing.empty() && FileIo().fsync(fd.fd) != 0) return Fail(why, "cannot flush " + path);
+        if (!differing.empty() && FileIo().fsync(fd.fd()) != 0) return Fail(why, "cannot flush " + path);
     }
     return total;
 }

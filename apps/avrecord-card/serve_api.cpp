@@ -21,15 +21,6 @@ namespace {
 constexpr size_t kMaxParamLength = 64;   // longer than any time or name we take
 constexpr int kMaxDaysPerRecording = 2;  // sections end at midnight; a longer span is damage
 
-// A descriptor from AVFileOpen, closed on leaving.
-struct CardFile {
-    int fd;
-    explicit CardFile(const std::string &path) : fd(AVFileOpen(path.c_str(), kAVFileModeRead)) {}
-    ~CardFile() {
-        if (fd >= 0) AVFileClose(fd);
-    }
-};
-
 std::string RecordName(const char *format, uint32_t fileNo, uint32_t number) {
     char name[kFileListNameSize];
     snprintf(name, sizeof name, format, fileNo, number);
@@ -59,14 +50,14 @@ void LoadSections(int indexFd, const std::vector<FileInfoHead> &files, CardCatal
 
 // A card without a readable event file still shows its sections.
 void LoadEvents(const std::string &cardDir, uint32_t fileSum, CardCatalog *catalog) {
-    CardFile events(cardDir + kEventFileName);
-    if (events.fd < 0) return;
+    FileGuard events = AVFileOpenGuarded(cardDir + kEventFileName);
+    if (events.fd() < 0) return;
     std::unique_ptr<AlarmEventEntry[]> entries(new AlarmEventEntry[kMaxAlarmEventSum]);
     for (uint32_t n = 0; n < fileSum; ++n) {
         AlarmEventInfo info;
-        if (AV_AlarmEventFileInfoRead(events.fd, n, &info) != 0 ||
+        if (AV_AlarmEventFileInfoRead(events.fd(), n, &info) != 0 ||
             info.m_u32HeadFlag != kAlarmEventInfoFlag || info.m_u32AlarmEventSum == 0 ||
-            AV_AlarmEventEntryListRead(events.fd, &info, entries.get()) != 0) {
+            AV_AlarmEventEntryListRead(events.fd(), &info, entries.get()) != 0) {
             continue;
         }
         for (uint32_t i = 0; i < info.m_u32AlarmEventSum; ++i) {
@@ -213,14 +204,15 @@ std::string SectionDetails(const std::string &cardDir, const CardCatalog &catalo
 
 int CatalogKeyFrame(const std::string &cardDir, const CatalogSection &section, uint32_t at,
                     KeyFrameEntry *key) {
-    CardFile media(CardMediaFilePath(cardDir, section.head.m_u32FileNo));
-    if (media.fd < 0) return -1;
+    FileGuard media = AVFileOpenGuarded(CardMediaFilePath(cardDir, section.head.m_u32FileNo));
+    if (media.fd() < 0) return -1;
     bool found = false;
     uint32_t count = std::min(section.head.m_u32KeyFrameSum,
                               kMaxKeyFrameEntries - std::min(section.firstKeyEntry, kMaxKeyFrameEntries));
     for (uint32_t k = 0; k < count; ++k) {
         KeyFrameEntry entry;
-        if (AV_RecordKeyFrameEntryRead(media.fd, KeyFrameEntryOffset(section.firstKeyEntry + k), &entry) < 0)
+        if (AV_RecordKeyFrameEntryRead(media.fd(), KeyFrameEntryOffset(section.firstKeyEntry + k), &entry) <
+            0)
             return -1;
         if (entry.m_u32HeadFlag != kKeyFrameEntryFlag) continue;
         if (found && entry.m_u32Time > at) break;
@@ -312,12 +304,12 @@ int LoadCardCatalog(const std::string &cardDir, CardCatalog *catalog, std::strin
     catalog->events.clear();
     CardIndex index;
     if (LoadCardIndex(cardDir, &index, reason) != 0) return -1;
-    CardFile indexFile(cardDir + kIndexFileName);
-    if (indexFile.fd < 0) {
+    FileGuard indexFile = AVFileOpenGuarded(cardDir + kIndexFileName);
+    if (indexFile.fd() < 0) {
         *reason = "cannot open " + cardDir + kIndexFileName;
         return -1;
     }
-    LoadSections(indexFile.fd, index.files, catalog);
+    LoadSections(indexFile.fd(), index.files, catalog);
     LoadEvents(cardDir, static_cast<uint32_t>(index.files.size()), catalog);
     auto byStart = [](const auto &a, const auto &b) { return a.head.m_u32StartTime < b.head.m_u32StartTime; };
     std::stable_sort(catalog->sections.begin(), catalog->sections.end(), byStart);

@@ -17,6 +17,7 @@
 #include "avrecord_lib/record_file.h"
 #include "avrecord_lib/record_index.h"
 #include "avrecord_lib/record_section.h"
+#include "card_reader/event_slot.h"
 #include "common/file_guard.h"
 #include "common/file_io.h"
 
@@ -766,30 +767,6 @@ void RebuildHeader(CardRecovery *r, uint32_t fileSum, uint32_t configValue) {
     }
 }
 
-// An event slot and its list, when they are whole and this file's.
-bool ReadEventSlot(int fd, uint32_t fileNo, AlarmEventInfo *info, std::vector<AlarmEventEntry> *entries,
-                   bool *damaged) {
-    *damaged = false;
-    if (AV_AlarmEventFileInfoRead(fd, fileNo, info) < 0 || info->m_u32HeadFlag != kAlarmEventInfoFlag)
-        return false;
-    *damaged = true;
-    if (info->m_u32AlarmFileNo != fileNo || info->m_u32AlarmEventSum == 0 ||
-        info->m_u32AlarmEventSum > kMaxAlarmEventSum)
-        return false;
-    AlarmEventInfo copy = *info;
-    entries->assign(kMaxAlarmEventListRead, AlarmEventEntry{});
-    if (AV_AlarmEventEntryListRead(fd, &copy, entries->data()) < 0) return false;
-    entries->resize(copy.m_u32AlarmEventSum);
-    for (uint32_t i = 0; i < entries->size(); ++i) {
-        const AlarmEventEntry &e = (*entries)[i];
-        if (e.m_u32HeadFlag != kAlarmEventEntryFlag || e.m_u16EventNo != i ||
-            e.m_u16FileNo != static_cast<uint16_t>(fileNo))
-            return false;
-    }
-    *damaged = false;
-    return true;
-}
-
 void RecoverEvents(const std::string &cardDir, CardRecovery *r) {
     uint32_t fileSum = static_cast<uint32_t>(r->files.size());
     r->eventSlots.assign(fileSum, AlarmEventInfo{});
@@ -803,17 +780,15 @@ void RecoverEvents(const std::string &cardDir, CardRecovery *r) {
     }
     uint32_t damaged = 0;
     for (uint32_t n = 0; n < fileSum && n < kMaxEventLists; ++n) {
-        bool bad = false;
-        AlarmEventInfo info;
-        std::vector<AlarmEventEntry> entries;
-        if (ReadEventSlot(fd.fd(), n, &info, &entries, &bad)) {
-            r->eventSlots[n] = info;
-            r->events[n] = std::move(entries);
-        } else if (bad) {
+        EventSlot slot = ReadEventSlot(fd.fd(), n);
+        if (slot.used && slot.damage.empty()) {
+            r->eventSlots[n] = slot.info;
+            r->events[n] = std::move(slot.entries);
+        } else if (slot.used) {
             r->eventSlotDamaged[n] = true;
             ++damaged;
-            r->changes.push_back(
-                IndexProblem{n, 0, "alarm event slot damaged: cleared (its events are gone)"});
+            r->changes.push_back(IndexProblem{
+                n, 0, "alarm event slot damaged (" + slot.damage + "): cleared (its events are gone)"});
         }
     }
     if (damaged != 0 && damaged == fileSum)

@@ -11,6 +11,7 @@
 #include "avrecord_lib/ps_packetizer.h"
 #include "avrecord_lib/record_file.h"
 #include "avrecord_lib/record_index.h"
+#include "card_reader/event_slot.h"
 #include "common/file_guard.h"
 
 namespace {
@@ -240,31 +241,14 @@ void IndexChecker::CheckKeyFrame(int mediaFd, const FileInfoHead &file, const Se
 void IndexChecker::CheckEvents(uint32_t fileSum) {
     FileGuard event = AVFileOpenGuarded(cardDir_ + kEventFileName);
     if (event.fd() < 0) return;  // nothing recorded there yet
-    for (uint32_t fileNo = 0; fileNo < fileSum && fileNo < kMaxIndexFileRecords; ++fileNo) {
+    for (uint32_t fileNo = 0; fileNo < fileSum && fileNo < kMaxEventLists; ++fileNo) {
         CheckEventSlot(event.fd(), fileNo);
     }
 }
 
 void IndexChecker::CheckEventSlot(int eventFd, uint32_t fileNo) {
-    AlarmEventInfo info;
-    if (AV_AlarmEventFileInfoRead(eventFd, fileNo, &info) < 0 || info.m_u32HeadFlag != kAlarmEventInfoFlag)
-        return;
-    if (info.m_u32AlarmFileNo != fileNo) Add(fileNo, 0, "event slot names file %u", info.m_u32AlarmFileNo);
-    if (info.m_u32AlarmEventSum > kMaxAlarmEventSum)
-        Add(fileNo, 0, "%u alarm events", info.m_u32AlarmEventSum);
-    if (info.m_u32AlarmEventSum == 0 || info.m_u32AlarmFileNo != fileNo) return;
-    std::vector<AlarmEventEntry> entries(kMaxAlarmEventListRead);
-    if (AV_AlarmEventEntryListRead(eventFd, &info, entries.data()) < 0) {
-        Add(fileNo, 0, "alarm event list unreadable");
-        return;
-    }
-    for (uint32_t i = 0; i < info.m_u32AlarmEventSum; ++i) {
-        const AlarmEventEntry &entry = entries[i];
-        if (entry.m_u32HeadFlag != kAlarmEventEntryFlag || entry.m_u16EventNo != i ||
-            entry.m_u16FileNo != static_cast<uint16_t>(fileNo)) {
-            Add(fileNo, 0, "alarm event %u is not an entry of this file", i);
-        }
-    }
+    EventSlot slot = ReadEventSlot(eventFd, fileNo);
+    if (!slot.damage.empty()) Add(fileNo, 0, "%s", slot.damage.c_str());
 }
 
 }  // namespace

@@ -385,6 +385,51 @@ TEST_F(CardRecoveryTest, EventSlotsAreKeptOrClearedAndAMissingFileIsNamed) {
     EXPECT_TRUE(Mentions(recovery.notes, "event list is gone"));
 }
 
+// The check reports exactly the event slots the recovery clears, with the
+// same reason: a slot counting no event, naming another file, counting more
+// than the list holds, or listing a foreign entry.
+TEST_F(CardRecoveryTest, CheckAndRecoveryJudgeEventSlotsAlike) {
+    RecordThreeSections();
+    struct Case {
+        const char *what;
+        std::function<void(AlarmEventInfo *, AlarmEventEntry *)> damage;
+        bool damaged;
+    };
+    const Case cases[] = {
+        {"whole", [](AlarmEventInfo *, AlarmEventEntry *) {}, false},
+        {"no event", [](AlarmEventInfo *i, AlarmEventEntry *) { i->m_u32AlarmEventSum = 0; }, true},
+        {"other file", [](AlarmEventInfo *i, AlarmEventEntry *) { i->m_u32AlarmFileNo = 0; }, true},
+        {"too many", [](AlarmEventInfo *i, AlarmEventEntry *) { i->m_u32AlarmEventSum = 1025; }, true},
+        {"foreign entry", [](AlarmEventInfo *, AlarmEventEntry *e) { e->m_u16FileNo = 0; }, true},
+    };
+    std::string events = card_ + kEventFileName;
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        AlarmEventInfo info;
+        AV_AlarmEventFileInfoInit(&info, 1, kStart + 1, 1);
+        AlarmEventEntry entry;
+        AV_AlarmEventEntryInit(&info, &entry, kStart + 1, 1);
+        AV_AlarmEventFileInfoNextEvent(&info);
+        c.damage(&info, &entry);
+        WriteFileAt(events, AlarmEventInfoPosition(1), RecordBytes(info));
+        WriteFileAt(events, AlarmEventEntryPosition(1, 0), RecordBytes(entry));
+        std::vector<IndexProblem> problems;
+        CheckCardIndex(card_, &problems);
+        CardRecovery recovery;
+        std::string why;
+        ASSERT_EQ(RecoverCard(card_, &recovery, &why), 0) << why;
+        EXPECT_EQ(recovery.eventSlotDamaged[1], c.damaged);
+        const IndexProblem *reported = nullptr;
+        for (const IndexProblem &p : problems) {
+            if (p.fileNo == 1 && p.sectionNo == 0) reported = &p;
+        }
+        ASSERT_EQ(reported != nullptr, c.damaged);
+        if (reported != nullptr) {
+            EXPECT_TRUE(Mentions(recovery.changes, reported->text)) << reported->text;
+        }
+    }
+}
+
 // Error paths: no media files; a backup and an in-place write that cannot
 // be made leave the card as it was.
 TEST_F(CardRecoveryTest, ErrorPathsLeaveTheCardAlone) {

@@ -12,7 +12,8 @@ the older lap's remnant is drawn and named as one and plays. Screenshots
 go to the artefact folder; the downloaded clip's path and the measured
 figures are printed as JSON. Exits 1 on the first failed expectation.
 
-usage: card_serve_page.py URL DAY SECTION START CLICK_OFFSET ARTEFACTS DOWNLOADS REMNANT_URL REMNANT_SECTION"""
+usage: card_serve_page.py URL DAY SECTION START CLICK_OFFSET ARTEFACTS DOWNLOADS REMNANT_URL REMNANT_SECTION
+       card_serve_page.py --timed URL DAY SECTION START   (the timed clicks alone)"""
 import base64
 import json
 import os
@@ -35,6 +36,7 @@ BROKEN_AFTER = 1.4        # seconds shown of a stream broken off (a second at le
 TOO_SHORT = 0.3           # and of one broken off too soon to be asked for again
 PLAY_ON = 0.5             # seconds of playback that show it went on
 KEY_INTERVAL = 2          # seconds between the test card's key frames
+KEYS_KNOWN = True         # the test card's key frames: see check_first_picture
 BOX_HEAD = 8              # an MP4 box's size and type
 REMNANT_CLICK = 12        # seconds into the 25 s remnant: its middle, a few pixels into its bar
 VIDEO = "document.getElementById('video')"
@@ -76,10 +78,28 @@ def click_moment(b, section, start, offset):
                TIMEOUT, f"the first frame after a click at {offset} s")
     stats = b.evaluate("window.avrecordStats")
     # Playback starts on the key frame before the moment, but the first
-    # frame shown is the moment's own.
+    # frame the video shows is the moment's own.
     check(stats["firstFrameMediaTime"] is not None and abs(stats["firstFrameMediaTime"]) <= FRAME,
           f"click at {offset} s: the first frame shown is at {stats['firstFrameMediaTime']} s of the video")
-    return stats["clickToFirstFrameMs"]
+    check_first_picture(start, offset, stats)
+    return stats["clickToFirstPictureMs"], stats["clickToFirstFrameMs"]
+
+
+def check_first_picture(start, offset, stats):
+    """The first picture is the moment's frame or the key frame the stream
+    starts on, and the clock gave it its own time, never the moment's. On
+    the test card every key frame is the first of its second, one every
+    KEY_INTERVAL seconds from the start; on another card (KEYS_KNOWN unset)
+    it lies within a key interval before the moment."""
+    shown, moment = stats["firstPictureTime"], start + offset
+    check(shown is not None and stats["clickToFirstPictureMs"] <= stats["clickToFirstFrameMs"],
+          f"click at {moment}: no first picture before the first frame ({stats})")
+    key = start + offset // KEY_INTERVAL * KEY_INTERVAL
+    if KEYS_KNOWN:
+        right = abs(shown - moment) <= FRAME or abs(shown - key) <= FRAME
+    else:
+        right = abs(shown - moment) <= FRAME or moment - KEY_INTERVAL - FRAME <= shown < moment
+    check(right, f"click at {moment}: the first picture was given the time {shown}")
 
 
 def watch(b, start, offset):
@@ -136,11 +156,12 @@ def check_recordings_shown(b, bar):
 
 
 def timed_clicks(b, section, start):
-    """Clicks at 20 moments of the section; the click-to-first-frame times."""
-    times = []
-    for n in range(TIMED_CLICKS):
-        times.append(click_moment(b, section, start, 1 + n))
-    return sorted(times)
+    """Clicks at 20 moments of the section; the figures of the times from
+    click to the first picture and to the moment's own frame."""
+    pictures, frames = zip(*(click_moment(b, section, start, 1 + n) for n in range(TIMED_CLICKS)))
+    figures = lambda times: {"median": sorted(times)[len(times) // 2], "min": min(times), "max": max(times)}
+    return {"clicks": TIMED_CLICKS, "first_picture_ms": figures(pictures), "moment_frame_ms": figures(frames),
+            "key_frames_shown": b.evaluate("window.avrecordStats.keyFramesShown")}
 
 
 def seek_bar_and_pause(b):
@@ -182,8 +203,9 @@ def resume_after_long_pause(b):
 
 
 def media_data(stream):
-    """Where each fragment's media data (one key-frame interval of the test
-    card's) starts in the stream, and its size."""
+    """Where the media data of each key-frame interval of the test card's
+    starts in the stream, and its size. The first interval comes in two
+    fragments (the first ends after the first sample of each track)."""
     boxes, offset = [], 0
     while offset + BOX_HEAD <= len(stream):
         size, kind = int.from_bytes(stream[offset:offset + 4], "big"), stream[offset + 4:offset + BOX_HEAD]
@@ -192,6 +214,8 @@ def media_data(stream):
         if kind == b"mdat":
             boxes.append((offset, size))
         offset += size
+    if len(boxes) > 1:
+        boxes[:2] = [(boxes[0][0], sum(boxes[1]) - boxes[0][0])]
     return boxes
 
 
@@ -223,7 +247,9 @@ def resume_after_cut(b, section, start):
     for on and on), the page says the video cannot be played. Only the
     streams' first bytes reach the page: the browser's own request
     interception hands them over."""
-    b.send("Fetch.enable", {"patterns": [{"urlPattern": "*/api/video*", "requestStage": "Response"}]}, session=True)
+    # The video's requests only: the page's own read of a stream's key frame passes.
+    b.send("Fetch.enable", {"patterns": [{"urlPattern": "*/api/video*", "resourceType": "Media",
+                                          "requestStage": "Response"}]}, session=True)
     try:
         resumes = b.evaluate("window.avrecordStats.resumes")
         clicked = start + 2 * KEY_INTERVAL
@@ -345,14 +371,31 @@ def main(url, day, section, start, offset, artefacts, downloads, remnant_url, re
         resume_after_long_pause(b)
         clip = make_clip(b, downloads, start, offset)
         resume_after_cut(b, section, start)
-        times = timed_clicks(b, section, start)
+        timed = timed_clicks(b, section, start)
+        check(timed["key_frames_shown"] > 0, "no click showed the key frame before the moment's frame")
         b.evaluate("drawTimeline()")
         b.screenshot(os.path.join(artefacts, "page.png"), "body")
         phone(b, section, start, artefacts)
         remnant(b, remnant_url, remnant_section, artefacts)
         print(json.dumps({"clip": clip, "clock": state["clock"], "details": state["details"],
-                          "click_to_first_frame_ms": {"median": times[len(times) // 2], "min": times[0],
-                                                      "max": times[-1], "clicks": len(times)}}))
+                          "click_to_picture": timed}))
+    finally:
+        b.close()
+        profile.cleanup()
+
+
+def timed_only(url, day, section, start):
+    """The 20 timed clicks alone, on any card (bench/first-frame)."""
+    global KEYS_KNOWN
+    KEYS_KNOWN = False
+    profile = tempfile.TemporaryDirectory()
+    b = Browser(profile.name)
+    try:
+        b.navigate(url)
+        b.wait_for(f"!!document.querySelector('#timeline rect.section[data-name=\"{section}\"]')", TIMEOUT,
+                   f"section {section} on the timeline")
+        b.click_element("#go-recordings")
+        print(json.dumps(timed_clicks(b, section, int(start))))
     finally:
         b.close()
         profile.cleanup()
@@ -360,7 +403,7 @@ def main(url, day, section, start, offset, artefacts, downloads, remnant_url, re
 
 if __name__ == "__main__":
     try:
-        main(*sys.argv[1:])
+        timed_only(*sys.argv[2:]) if sys.argv[1:2] == ["--timed"] else main(*sys.argv[1:])
     except BrowserError as error:
         print(f"FAIL: page: {error}")
         sys.exit(1)

@@ -125,6 +125,7 @@ bool Mp4Output::OpenFile(const std::string &path, const Mp4Tracks &tracks, std::
 
 bool Mp4Output::OpenStream(const Sink &sink, const Mp4Tracks &tracks, std::string *reason) {
     sink_ = sink;
+    firstFragmentDue_ = true;
     if (avformat_alloc_output_context2(&format_, nullptr, "mp4", nullptr) < 0) {
         *reason = "this FFmpeg has no MP4 muxer";
         return false;
@@ -249,7 +250,26 @@ bool Mp4Output::WritePacket(AVPacket *packet, AVStream *stream, int64_t pts, int
     if (key) packet->flags |= AV_PKT_FLAG_KEY;
     av_packet_rescale_ts(packet, from, stream->time_base);
     int error = av_interleaved_write_frame(format_, packet);
-    return error >= 0 || Fail("writing the MP4", error);
+    if (error < 0) return Fail("writing the MP4", error);
+    (stream == video_ ? videoStarted_ : audioStarted_) = true;
+    if (firstFragmentDue_ && videoStarted_ && (audio_ == nullptr || audioStarted_))
+        return FlushFirstFragment();
+    return true;
+}
+
+// A stream's first fragment ends after the first sample of each track
+// rather than at the next key frame, so the key frame a stream starts on
+// reaches the viewer before the rest of its group is read and remuxed.
+// Waiting for the audio's first sample keeps the header's edit lists whole.
+// The muxer's first flush writes only the delayed header, the second the
+// fragment.
+bool Mp4Output::FlushFirstFragment() {
+    firstFragmentDue_ = false;
+    int error = av_interleaved_write_frame(format_, nullptr);
+    for (int flush = 0; flush < 2 && error >= 0; ++flush) error = av_write_frame(format_, nullptr);
+    if (error < 0) return Fail("writing the MP4", error);
+    avio_flush(format_->pb);
+    return true;
 }
 
 bool Mp4Output::WriteVideo(const uint8_t *data, uint32_t length, bool key, int64_t pts, int64_t duration) {

@@ -72,6 +72,7 @@ private:
     bool AddAudio(const Mp4Tracks &tracks, std::string *reason);
     bool WritePacket(AVPacket *packet, AVStream *stream, int64_t pts, int64_t duration, bool key);
     bool WriteAacPacket(AVPacket *packet);
+    bool FlushFirstFragment();
     bool Fail(const char *what, int error);
 
     AVFormatContext *format_ = nullptr;
@@ -84,6 +85,10 @@ private:
     bool ownsIo_ = false;
     bool headerWritten_ = false;
     bool sinkStopped_ = false;
+    // A stream's first fragment goes out once every track has a sample.
+    bool firstFragmentDue_ = false;
+    bool videoStarted_ = false;
+    bool audioStarted_ = false;
     int audioRate_ = 0;
     int64_t audioNext_ = 0;  // sample position after the last audio frame
     uint64_t bytes_ = 0;

@@ -44,10 +44,16 @@ const state = {
   paused: null,       // {moment, since, cut}: where and when the video was paused, and whether its stream ended since
 };
 // Figures the tests read: the time from a click to the first frame shown,
-// and that frame's place in the video (0: the clicked moment itself).
+// and that frame's place in the video (0: the clicked moment itself); the
+// time to the first picture of any kind (the key frame before the moment,
+// or the moment's frame when it comes first) and the recording's time of
+// that picture, as the clock showed it.
 // resumes counts the streams asked for anew to play on from where the video
 // stood (after a long pause, or a stream that ended early).
-window.avrecordStats = { clicks: 0, clickToFirstFrameMs: null, firstFrameMediaTime: null, lastError: null, resumes: 0 };
+window.avrecordStats = {
+  clicks: 0, clickToFirstFrameMs: null, firstFrameMediaTime: null, clickToFirstPictureMs: null,
+  firstPictureTime: null, keyFramesShown: 0, lastError: null, resumes: 0,
+};
 
 async function getJson(url, options) {
   const res = await fetch(url, options);
@@ -486,21 +492,56 @@ async function play(at) {
 
 // Plays the section from the moment at. The stream starts on the key frame
 // before the moment, but its first frame shown is the moment's own: the
-// video's time 0 is the moment.
+// video's time 0 is the moment. Until the video has decoded its way there,
+// the key frame is shown, with its own time on the clock.
 function streamFrom(section, at) {
   const asked = performance.now();
   const video = $('video');
-  const playing = { section, at };
+  const playing = { section, at, keyTime: null, shown: false };
   state.playing = playing;
   state.paused = null;
-  window.avrecordStats.clickToFirstFrameMs = null;
+  $('key-frame').hidden = true;
+  Object.assign(window.avrecordStats, { clickToFirstFrameMs: null, clickToFirstPictureMs: null, firstPictureTime: null });
   video.src = `/api/video?at=${at}`;
   video.requestVideoFrameCallback((now, frame) => {
     if (state.playing !== playing) return;  // a later stream's frame
-    window.avrecordStats.clickToFirstFrameMs = performance.now() - asked;
+    playing.shown = true;
+    $('key-frame').hidden = true;
+    const ms = performance.now() - asked;
+    window.avrecordStats.clickToFirstFrameMs = ms;
     window.avrecordStats.firstFrameMediaTime = frame.mediaTime;
+    firstPicture(ms, at + frame.mediaTime);
   });
+  showKeyFrame(playing, asked);
   return video.play().catch(() => {});
+}
+
+function firstPicture(ms, time) {
+  const stats = window.avrecordStats;
+  if (stats.clickToFirstPictureMs !== null) return;
+  stats.clickToFirstPictureMs = ms;
+  stats.firstPictureTime = time;
+}
+
+// The key frame the stream starts on, decoded by the page, over the video
+// until the video shows its first frame.
+async function showKeyFrame(playing, asked) {
+  const unwanted = () => state.playing !== playing || playing.shown;
+  const key = await fetchKeyFrame(`/api/video?at=${playing.at}`, unwanted);
+  const picture = key && (await decodeKeyFrame(key));
+  if (!picture) return;
+  if (!unwanted()) {
+    const canvas = $('key-frame');
+    canvas.width = picture.displayWidth;
+    canvas.height = picture.displayHeight;
+    canvas.getContext('2d').drawImage(picture, 0, 0);
+    playing.keyTime = playing.at - key.before;
+    showClockNow();
+    canvas.hidden = false;
+    window.avrecordStats.keyFramesShown += 1;
+    firstPicture(performance.now() - asked, playing.keyTime);
+  }
+  picture.close();
 }
 
 // The moment of the recording the video shows.
@@ -540,15 +581,26 @@ function streamCut() {
   return true;
 }
 
-function showClock() {
-  const video = $('video');
+// The recording's time of the picture on the screen: the key frame's while
+// it stands in for the video.
+function pictureTime() {
+  const playing = state.playing;
+  if (playing.keyTime !== null && !playing.shown) return playing.keyTime;
+  return playing.at + $('video').currentTime;
+}
+
+function showClockNow() {
   if (state.playing && state.day) {
-    const t = state.playing.at + video.currentTime;
+    const t = pictureTime();
     $('clock').textContent = `${state.day.day} ${clockText(t)}`;
     $('clock').dataset.time = t.toFixed(3);
     state.moment = t;
     movePlayhead();
   }
+}
+
+function showClock() {
+  showClockNow();
   requestAnimationFrame(showClock);
 }
 

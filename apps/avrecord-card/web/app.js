@@ -531,10 +531,11 @@ async function showKeyFrame(playing, asked) {
   const picture = key && (await decodeKeyFrame(key));
   if (!picture) return;
   if (!unwanted()) {
+    // Drawn at the size it is shown, not the recorded one.
     const canvas = $('key-frame');
-    canvas.width = picture.displayWidth;
-    canvas.height = picture.displayHeight;
-    canvas.getContext('2d').drawImage(picture, 0, 0);
+    canvas.width = Math.round($('video').clientWidth * window.devicePixelRatio);
+    canvas.height = Math.round((canvas.width * picture.displayHeight) / picture.displayWidth);
+    canvas.getContext('2d').drawImage(picture, 0, 0, canvas.width, canvas.height);
     playing.keyTime = playing.at - key.before;
     showClockNow();
     canvas.hidden = false;

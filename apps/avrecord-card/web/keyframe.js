@@ -124,24 +124,45 @@ function keyFrameOf(bytes) {
   };
 }
 
+// One decoder for the key frames, kept configured between clicks (a stream
+// of the same section needs no new one); decodes run one at a time.
+const keyDecoding = { decoder: null, id: '', picture: null, queue: Promise.resolve(null) };
+
+async function keyDecoderFor(config) {
+  const id = `${config.codec} ${config.codedWidth}x${config.codedHeight} ${config.description.join(',')}`;
+  const kept = keyDecoding.decoder;
+  if (kept && kept.state === 'configured' && keyDecoding.id === id) return kept;
+  if (kept && kept.state !== 'closed') kept.close();
+  keyDecoding.decoder = null;
+  if (typeof VideoDecoder === 'undefined' || !(await VideoDecoder.isConfigSupported(config)).supported) return null;
+  const decoder = new VideoDecoder({
+    output: (frame) => {
+      if (keyDecoding.picture) keyDecoding.picture.close();
+      keyDecoding.picture = frame;
+    },
+    error: () => {},
+  });
+  decoder.configure(config);
+  Object.assign(keyDecoding, { decoder, id });
+  return decoder;
+}
+
+async function decodeOne(key) {
+  const decoder = await keyDecoderFor(key.config);
+  if (!decoder) return null;
+  decoder.decode(new EncodedVideoChunk({ type: 'key', timestamp: 0, data: key.data }));
+  await decoder.flush();
+  const picture = keyDecoding.picture;
+  keyDecoding.picture = null;
+  return picture;
+}
+
 // Decodes the key frame alone; resolves to a VideoFrame (the caller closes
 // it), or null where this browser cannot decode it.
-async function decodeKeyFrame(key) {
-  if (typeof VideoDecoder === 'undefined' || !(await VideoDecoder.isConfigSupported(key.config)).supported) {
-    return null;
-  }
-  let picture = null;
-  const decoder = new VideoDecoder({ output: (frame) => { picture = frame; }, error: () => {} });
-  try {
-    decoder.configure(key.config);
-    decoder.decode(new EncodedVideoChunk({ type: 'key', timestamp: 0, data: key.data }));
-    await decoder.flush();
-  } catch {
-    return null;
-  } finally {
-    if (decoder.state !== 'closed') decoder.close();
-  }
-  return picture;
+function decodeKeyFrame(key) {
+  const decoded = keyDecoding.queue.then(() => decodeOne(key)).catch(() => null);
+  keyDecoding.queue = decoded;
+  return decoded;
 }
 
 // Reads the stream at url until its first key frame is there; null when it

@@ -15,6 +15,7 @@ figures are printed as JSON. Exits 1 on the first failed expectation.
 usage: card_serve_page.py URL DAY SECTION START CLICK_OFFSET ARTEFACTS DOWNLOADS REMNANT_URL REMNANT_SECTION
        card_serve_page.py --timed URL DAY SECTION START   (the timed clicks alone)"""
 import base64
+import contextlib
 import json
 import os
 import sys
@@ -349,8 +350,9 @@ def phone(b, section, start, artefacts):
     b.screenshot(os.path.join(artefacts, "phone.png"))
 
 
-def main(url, day, section, start, offset, artefacts, downloads, remnant_url, remnant_section):
-    start, offset = int(start), int(offset)
+@contextlib.contextmanager
+def page_of(url, day, section):
+    """A browser on the page, the day chosen and the section on its timeline."""
     profile = tempfile.TemporaryDirectory()
     b = Browser(profile.name)
     try:
@@ -359,6 +361,15 @@ def main(url, day, section, start, offset, artefacts, downloads, remnant_url, re
                    f"day {day} in the calendar")
         b.wait_for(f"!!document.querySelector('#timeline rect.section[data-name=\"{section}\"]')", TIMEOUT,
                    f"section {section} on the timeline")
+        yield b
+    finally:
+        b.close()
+        profile.cleanup()
+
+
+def main(url, day, section, start, offset, artefacts, downloads, remnant_url, remnant_section):
+    start, offset = int(start), int(offset)
+    with page_of(url, day, section) as b:
         lanes_and_alarms(b)
         find_recordings(b, section)
         b.click_element('#zoom button[data-span="86400"]')
@@ -379,26 +390,15 @@ def main(url, day, section, start, offset, artefacts, downloads, remnant_url, re
         remnant(b, remnant_url, remnant_section, artefacts)
         print(json.dumps({"clip": clip, "clock": state["clock"], "details": state["details"],
                           "click_to_picture": timed}))
-    finally:
-        b.close()
-        profile.cleanup()
 
 
 def timed_only(url, day, section, start):
     """The 20 timed clicks alone, on any card (bench/first-frame)."""
     global KEYS_KNOWN
     KEYS_KNOWN = False
-    profile = tempfile.TemporaryDirectory()
-    b = Browser(profile.name)
-    try:
-        b.navigate(url)
-        b.wait_for(f"!!document.querySelector('#timeline rect.section[data-name=\"{section}\"]')", TIMEOUT,
-                   f"section {section} on the timeline")
+    with page_of(url, day, section) as b:
         b.click_element("#go-recordings")
         print(json.dumps(timed_clicks(b, section, int(start))))
-    finally:
-        b.close()
-        profile.cleanup()
 
 
 if __name__ == "__main__":

@@ -6,8 +6,9 @@ folder laid out like the project root (build/ is the test build; card.img
 and demo/card.img a card formatted there): the card tool must not refuse
 its words (exit 2), and each curl call must reach a call of a server of
 that card. The rest is proven without running it: a make target, preset,
-script, test name, subcommand or option each must exist, and a script's
-variables must be read by it. A command no rule below knows fails, so a
+script, test name, camera start script, program, subcommand or option each
+must exist (a program's --help names its commands and options), and a
+script's variables must be read by it. A command no rule below knows fails, so a
 new kind of command comes with a way to prove it.
 
 usage: docs_commands.py SOURCE_DIR BUILD_DIR"""
@@ -25,7 +26,6 @@ import urllib.request
 
 SOURCE, BUILD = sys.argv[1], sys.argv[2]
 CARD_TOOL = os.path.join(BUILD, "apps/avrecord-card/avrecord-card")
-SIM = os.path.join(BUILD, "apps/avcam-sim/avcam-sim")
 SEPARATORS = {"&&", "||", ";", "|", "&"}
 REDIRECTS = {">", ">>", "<"}
 RUNNABLE = {"avrecord-card", "truncate", "echo", "curl"}
@@ -119,11 +119,39 @@ def check_card_tool(where, words):
     check_options(where, words[1:], usage, f"avrecord-card {words[0]}")
 
 
-def check_sim(where, words):
-    usage = subprocess.run([SIM, "--help"], capture_output=True, text=True).stdout
-    if not words or not re.search(rf"^\s*{re.escape(words[0])}\b", usage, re.M):
-        return fail(where, f"avcam-sim has no command {words[:1]}")
-    check_options(where, words[1:], usage, f"avcam-sim {words[0]}")
+def built_program(name):
+    """The project's program of that name in the build, or None."""
+    for folder, _, files in os.walk(os.path.join(BUILD, "apps")):
+        if name in files and os.access(os.path.join(folder, name), os.X_OK):
+            return os.path.join(folder, name)
+    return None
+
+
+def check_program(where, program, words):
+    """A program of the project: its --help names the command and options."""
+    try:
+        done = subprocess.run([program, "--help"], capture_output=True, text=True, timeout=5,
+                              stdin=subprocess.DEVNULL)
+    except subprocess.TimeoutExpired:
+        return fail(where, f"{os.path.basename(program)} --help did not return")
+    usage = done.stdout + done.stderr
+    if done.returncode != 0:
+        return fail(where, f"{os.path.basename(program)} --help exited {done.returncode}")
+    if words and not words[0].startswith("-") and not re.search(rf"^\s*{re.escape(words[0])}\b", usage, re.M):
+        return fail(where, f"{os.path.basename(program)} has no command {words[0]}")
+    check_options(where, words, usage, os.path.basename(program))
+    return None
+
+
+def check_init_script(where, words):
+    """A start script of the camera bundle, by its command."""
+    path = os.path.join(SOURCE, "camera", os.path.basename(words[0]))
+    if not os.path.isfile(path):
+        return fail(where, f"the camera bundle has no {words[0]}")
+    for word in words[1:]:
+        if not re.search(rf"^\s*(\w+\|)*{re.escape(word)}(\|\w+)*\)", read(path), re.M):
+            fail(where, f"{words[0]} has no command {word}")
+    return None
 
 
 def presets(kind):
@@ -202,11 +230,12 @@ def check_words(where, words, variables=()):
         return None
     if program == "bash":
         return check_script(where, rest, variables)
-    if words[0].startswith("scripts/"):
+    if words[0].startswith(("scripts/", "bench/")):
         return check_script(where, words, variables)
+    if words[0].startswith("/etc/init.d/"):
+        return check_init_script(where, words)
     checks = {
         "avrecord-card": lambda: check_card_tool(where, rest),
-        "avcam-sim": lambda: check_sim(where, rest),
         "AVRecord": lambda: rest and fail(where, "the daemon takes no arguments"),
         "make": lambda: check_make(where, rest),
         "cmake": lambda: check_preset(where, rest, "buildPresets" if "--build" in rest else "configurePresets"),
@@ -218,6 +247,8 @@ def check_words(where, words, variables=()):
     }
     if program in checks:
         return checks[program]()
+    if built_program(program):
+        return check_program(where, built_program(program), rest)
     if program not in HARMLESS:
         fail(where, f"no rule proves {program}")
     return None

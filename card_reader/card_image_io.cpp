@@ -193,8 +193,10 @@ int ImageFdatasync(int fd) {
 
 int ImageSetCloseOnExec(int fd) { return PosixFileIo().setCloseOnExec(fd); }
 
-const FileIoOps kImageFileIo = {ImageOpen,  ImageClose, ImageSeek,      ImageRead,
-                                ImageWrite, ImageFsync, ImageFdatasync, ImageSetCloseOnExec};
+int ImageRename(const char *from, const char *to) { return PosixFileIo().rename(from, to); }
+
+const FileIoOps kImageFileIo = {ImageOpen,  ImageClose,     ImageSeek,           ImageRead,  ImageWrite,
+                                ImageFsync, ImageFdatasync, ImageSetCloseOnExec, ImageRename};
 
 // Reads the volume and its directory, and checks the card's files.
 int Inspect(AttachedImage *image, std::string *why) {

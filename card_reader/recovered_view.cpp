@@ -125,8 +125,10 @@ int ViewFsync(int fd) { return g_view->base.fsync(fd); }
 int ViewFdatasync(int fd) { return g_view->base.fdatasync(fd); }
 int ViewSetCloseOnExec(int fd) { return g_view->base.setCloseOnExec(fd); }
 
-const FileIoOps kViewFileIo = {ViewOpen,  ViewClose, ViewSeek,      ViewRead,
-                               ViewWrite, ViewFsync, ViewFdatasync, ViewSetCloseOnExec};
+int ViewRename(const char *from, const char *to) { return g_view->base.rename(from, to); }
+
+const FileIoOps kViewFileIo = {ViewOpen,  ViewClose,     ViewSeek,           ViewRead,  ViewWrite,
+                               ViewFsync, ViewFdatasync, ViewSetCloseOnExec, ViewRename};
 
 // Reads into `in`, or writes `out`: all `length` bytes at `at`, through the
 // layer in force.

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 
 namespace {
 
@@ -22,8 +23,10 @@ int PosixSetCloseOnExec(int fd) {
     return ::fcntl(fd, F_SETFD, flags | FD_CLOEXEC);
 }
 
-const FileIoOps kPosixFileIo = {PosixOpen,  PosixClose, PosixSeek,      PosixRead,
-                                PosixWrite, PosixFsync, PosixFdatasync, PosixSetCloseOnExec};
+int PosixRename(const char *from, const char *to) { return ::rename(from, to); }
+
+const FileIoOps kPosixFileIo = {PosixOpen,  PosixClose,     PosixSeek,           PosixRead,  PosixWrite,
+                                PosixFsync, PosixFdatasync, PosixSetCloseOnExec, PosixRename};
 const FileIoOps *g_fileIo = &kPosixFileIo;
 
 }  // namespace

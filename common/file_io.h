@@ -17,6 +17,7 @@ struct FileIoOps {
     int (*fsync)(int fd);
     int (*fdatasync)(int fd);
     int (*setCloseOnExec)(int fd);
+    int (*rename)(const char *from, const char *to);
 };
 
 // The table in force.

@@ -12,10 +12,15 @@
 FaultyFileIo *FaultyFileIo::active_ = nullptr;
 
 const FileIoOps FaultyFileIo::kOps = {
-    FaultyFileIo::Open,     FaultyFileIo::Close,
-    FaultyFileIo::Seek,     FaultyFileIo::Read,
-    FaultyFileIo::Write,    [](int fd) { return PosixFileIo().fsync(fd); },
-    FaultyFileIo::DataSync, [](int fd) { return PosixFileIo().setCloseOnExec(fd); }};
+    FaultyFileIo::Open,
+    FaultyFileIo::Close,
+    FaultyFileIo::Seek,
+    FaultyFileIo::Read,
+    FaultyFileIo::Write,
+    [](int fd) { return PosixFileIo().fsync(fd); },
+    FaultyFileIo::DataSync,
+    [](int fd) { return PosixFileIo().setCloseOnExec(fd); },
+    [](const char *from, const char *to) { return PosixFileIo().rename(from, to); }};
 
 FaultyFileIo::FaultyFileIo() {
     active_ = this;

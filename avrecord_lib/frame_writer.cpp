@@ -45,6 +45,26 @@ constexpr AudioCodecMap kAudioCodecs[] = {
 
 const char kRuleLine[] = "%s %d : ####################################################### \n";
 
+// The records as they stood at the last point whose data are known to be
+// on the card: the open, then the last good flush (or, without flushes,
+// the last frame whose writes all succeeded).
+struct KnownWritten {
+    RecordConfigInfo info{};
+    FileInfoHead file{};
+    SectionInfoHead section{};
+    uint32_t offset = 0;      // g_u32Offset then
+    uint32_t videoSince = 0;  // video frames accounted after it
+};
+
+// Totals since the process started; other threads read them.
+struct WriterTotals {
+    uint32_t framesWritten = 0;  // video frames the index holds (less those rolled back)
+    uint32_t framesLost = 0;     // video frames a failed write cost
+    uint32_t writeErrors = 0;    // failed writes and flushes
+    uint32_t bytesWritten = 0;   // PS bytes written, modulo 2^32
+    uint32_t lastFrameTime = 0;  // time of the newest frame known written
+};
+
 // Writer state (one recording at a time).
 struct WriterState {
     std::atomic<uint32_t> recordingOn{0};     // frames ignored while clear
@@ -65,6 +85,10 @@ struct WriterState {
     RecordEncodingInfo encoding{};            // channel settings, re-read per frame
     std::mutex gate;                          // held by a frame in flight, the open and the close
     uint32_t videoTally[kMaxChannels] = {};   // video frames per channel
+    KnownWritten known;                       // where a failed write rolls the records back to
+    std::atomic<int32_t> cardError{0};        // errno of the failure; 0 while the card takes writes
+    std::atomic<int32_t> failedChannel{-1};   // channel whose frames count as lost meanwhile
+    WriterTotals totals;                      // read through std::atomic_ref
 };
 WriterState g_writer;
 
@@ -113,6 +137,61 @@ constexpr const char kWriterFunction[] = "libAVRecordWriteFrame";
 
 void Step(WriterStep step) {
     if (g_stepHook != nullptr) g_stepHook(step);
+}
+
+void AddTotal(uint32_t &total, uint32_t amount) {
+    std::atomic_ref<uint32_t>(total).fetch_add(amount, std::memory_order_relaxed);
+}
+
+void TakeKnownWritten(WriterState &w) {
+    KnownWritten &k = w.known;
+    k.info = *GetRecordConfigInfo();
+    k.file = *GetFileInfoHead();
+    k.section = *GetSectionInfoHead();
+    k.offset = g_u32Offset;
+    k.videoSince = 0;
+    if (k.section.m_u32EndTime != 0)
+        std::atomic_ref<uint32_t>(w.totals.lastFrameTime)
+            .store(k.section.m_u32EndTime, std::memory_order_relaxed);
+}
+
+// Writes the three records; 0, or -1 when one of them did not reach the
+// card. A section without a frame is written too: its slot must not claim
+// what an earlier write put there.
+int WriteRecords(int fd) {
+    const FileInfoHead *file = GetFileInfoHead();
+    const SectionInfoHead *section = GetSectionInfoHead();
+    int result = 0;
+    if (AV_RecordSectionInfoHeadWrite(fd, file, section) < 0) result = -1;
+    if (AV_RecordFileInfoHeadWrite(fd, GetRecordConfigInfo(), file) < 0) result = -1;
+    if (AV_RecordConfigInfoWrite(fd, GetRecordConfigInfo()) < 0) result = -1;
+    return result;
+}
+
+// A write or flush failed: the section ends where its data are known to be
+// on the card, the frames accounted since are counted lost, and the writer
+// takes no frame until the run has ended the section. The records are
+// written back now (the card may take them) and again by
+// LS_RecordIndexRewrite once it takes writes.
+void FailWrite(WriterState &w, int error, bool videoFrameInFlight) {
+    KnownWritten &k = w.known;
+    uint32_t lost = k.videoSince + (videoFrameInFlight ? 1 : 0);
+    AddTotal(w.totals.writeErrors, 1);
+    AddTotal(w.totals.framesLost, lost);
+    std::atomic_ref<uint32_t>(w.totals.framesWritten).fetch_sub(k.videoSince, std::memory_order_relaxed);
+    *GetRecordConfigInfo() = k.info;
+    *GetFileInfoHead() = k.file;
+    *GetSectionInfoHead() = k.section;
+    g_u32Offset = k.offset;
+    k.videoSince = 0;
+    WriteRecords(w.indexFd);
+    w.writingEnabled.store(0, std::memory_order_relaxed);
+    w.failedChannel.store(w.channel.load(std::memory_order_relaxed), std::memory_order_relaxed);
+    w.cardError.store(error != 0 ? error : EIO, std::memory_order_relaxed);
+    LogError(
+        "%s %d: card write failed, errno %d: the section ends at its last frame known written, %u frames "
+        "lost\n",
+        kWriterFunction, __LINE__, error, lost);
 }
 
 void LogPlayTime(const char *func, int line, time_t seconds) {
@@ -201,19 +280,22 @@ int BuildFrame(WriterState &w, int kind, bool keyForm, const uint8_t *data, uint
     return psLength + kRecordFileHeaderSize;
 }
 
-void WriteKeyFrameEntry(WriterState &w, uint32_t time, uint32_t length, uint8_t keyType) {
+int WriteKeyFrameEntry(WriterState &w, uint32_t time, uint32_t length, uint8_t keyType) {
     KeyFrameEntry entry;
     AV_RecordKeyFrameEntryInit(&entry, time, length, GetSectionInfoHead()->m_u32SectionSize, keyType);
-    AV_RecordKeyFrameEntryWrite(w.mediaFd, KeyFrameEntryOffset(GetFileInfoHead()->m_u32KeyFrameSum), &entry);
+    int result = AV_RecordKeyFrameEntryWrite(
+        w.mediaFd, KeyFrameEntryOffset(GetFileInfoHead()->m_u32KeyFrameSum), &entry);
     struct tm tmv {};
     CardTimeLocal(time, &tmv);
     LogTrace("%s %d: ##keyType = %d  KeyFrameTime. %04d-%02d-%02d %02d:%02d:%02d ##\n", kWriterFunction,
              __LINE__, keyType, tmv.tm_year + 1900, tmv.tm_mon + 1, tmv.tm_mday, tmv.tm_hour, tmv.tm_min,
              tmv.tm_sec);
+    return result < 0 ? -1 : 0;
 }
 
-// Updates the three records for a frame and writes them in their order.
-void UpdateIndex(WriterState &w, uint32_t time, uint32_t length, bool entryWritten, bool audio) {
+// Updates the three records for a frame and writes them in their order; 0,
+// or -1 when one of the writes failed.
+int UpdateIndex(WriterState &w, uint32_t time, uint32_t length, bool entryWritten, bool audio) {
     SectionInfoHead *section = GetSectionInfoHead();
     FileInfoHead *file = GetFileInfoHead();
     RecordConfigInfo *info = GetRecordConfigInfo();
@@ -224,22 +306,31 @@ void UpdateIndex(WriterState &w, uint32_t time, uint32_t length, bool entryWritt
     if (time >= file->m_u32EndTime) AV_RecordFileInfoHeadSetEndTime(file, time);
     AV_RecordFileInfoHeadCountKeyFrame(file, entryWritten);
     Step(WriterStep::kRecordsUpdated);
-    AV_RecordSectionInfoHeadWrite(w.indexFd, file, section);
-    AV_RecordFileInfoHeadWrite(w.indexFd, info, file);
-    AV_RecordConfigInfoWrite(w.indexFd, info);
+    int result = AV_RecordSectionInfoHeadWrite(w.indexFd, file, section) < 0 ? -1 : 0;
+    if (AV_RecordFileInfoHeadWrite(w.indexFd, info, file) < 0) result = -1;
+    if (AV_RecordConfigInfoWrite(w.indexFd, info) < 0) result = -1;
+    return result;
 }
 
 // Media data first, then the index that describes it (not the index when
 // the data could not be flushed): a flushed index never points at data that
-// a power cut could still take.
-void SyncIfDue(WriterState &w) {
+// a power cut could still take. Without flushes every frame whose writes
+// succeeded counts as written. 0, or -1 when a flush failed.
+int SyncIfDue(WriterState &w) {
     uint32_t interval = g_syncSeconds.load(std::memory_order_relaxed);
-    if (interval == 0) return;
+    if (interval == 0) {
+        TakeKnownWritten(w);
+        return 0;
+    }
     uint32_t now = g_uptimeClock();
-    if (now - w.lastSync < interval) return;
+    if (now - w.lastSync < interval) return 0;
     w.lastSync = now;
-    if (AVFileDataSync(w.mediaFd) != 0 || AVFileDataSync(w.indexFd) != 0)
+    if (AVFileDataSync(w.mediaFd) != 0 || AVFileDataSync(w.indexFd) != 0) {
         LogTrace("%s %d: fdatasync failed, errno %d\n", kWriterFunction, __LINE__, errno);
+        return -1;
+    }
+    TakeKnownWritten(w);
+    return 0;
 }
 
 bool Recording(const WriterState &w, int channel) {
@@ -248,8 +339,9 @@ bool Recording(const WriterState &w, int channel) {
 }
 
 // A frame whose bytes are in the media file: the offsets, its key-frame
-// entry and the records; then a flush when one is due.
-void AccountFrame(WriterState &w, uint32_t time, uint32_t written, bool video, bool key, bool marked) {
+// entry and the records; then a flush when one is due. 0, or -1 (errno
+// set) when a write or the flush failed.
+int AccountFrame(WriterState &w, uint32_t time, uint32_t written, bool video, bool key, bool marked) {
     if (w.firstKeyPending) {
         w.sectionStarted = true;
         w.firstKeyPending = false;
@@ -260,12 +352,19 @@ void AccountFrame(WriterState &w, uint32_t time, uint32_t written, bool video, b
 
     uint32_t pixels = uint32_t{w.param.u16Width} * w.param.u16Height;
     bool entry = video && (key || (marked && pixels >= kKeyEntryMinPixels));
+    int result = 0;
     if (entry) {
-        WriteKeyFrameEntry(w, time, written, marked ? kKeyTypeEncoderMark : kKeyTypeParameterSet);
+        result = WriteKeyFrameEntry(w, time, written, marked ? kKeyTypeEncoderMark : kKeyTypeParameterSet);
         Step(WriterStep::kKeyEntryWritten);
     }
-    UpdateIndex(w, time, written, entry, !video);
-    SyncIfDue(w);
+    if (UpdateIndex(w, time, written, entry, !video) != 0) result = -1;
+    AddTotal(w.totals.bytesWritten, written);
+    if (video) {
+        AddTotal(w.totals.framesWritten, 1);
+        ++w.known.videoSince;
+    }
+    if (result != 0) return -1;
+    return SyncIfDue(w);
 }
 
 // A frame that is not written. When it was to open the section, the section
@@ -302,10 +401,18 @@ int WriteAdmittedFrame(WriterState &w, int channel, int kind, const uint8_t *dat
     const uint8_t *start = nullptr;
     int psLength = BuildFrame(w, kind, cls.key || marked, data, length, time, &start);
     if (psLength < 0) return RefuseFrame(w);
-    if (AV_RecordStreamInfoWrite(w.mediaFd, g_u32Offset, start, static_cast<uint32_t>(psLength)) == 0)
-        return 0;
+    errno = 0;
+    if (AV_RecordStreamInfoWrite(w.mediaFd, g_u32Offset, start, static_cast<uint32_t>(psLength)) !=
+        psLength) {
+        FailWrite(w, errno, video);
+        return -1;
+    }
     Step(WriterStep::kMediaWritten);
-    AccountFrame(w, time, static_cast<uint32_t>(psLength), video, cls.key, marked);
+    errno = 0;
+    if (AccountFrame(w, time, static_cast<uint32_t>(psLength), video, cls.key, marked) != 0) {
+        FailWrite(w, errno, false);
+        return -1;
+    }
     return 0;
 }
 
@@ -385,6 +492,7 @@ int LS_RecordInit(const FileInfoHead *file, int channel) {
     w.lastSync = g_uptimeClock();
     w.channel.store(channel, std::memory_order_relaxed);
     g_u32Offset = file->m_u32DataSize;
+    TakeKnownWritten(w);
     LogTrace("%s %d : g_u32Offset = %d \n", __func__, __LINE__, static_cast<int>(g_u32Offset));
     LogTrace("%s %d:  m_u32FileSize = %d \n", __func__, __LINE__, static_cast<int>(w.fileSize));
     w.writingEnabled.store(1, std::memory_order_relaxed);
@@ -394,6 +502,11 @@ int LS_RecordInit(const FileInfoHead *file, int channel) {
 
 int libAVRecordWriteFrame(int channel, int kind, const uint8_t *data, const AVDataInfo *info) {
     WriterState &w = g_writer;
+    if (kind == kFrameKindVideo && w.cardError.load(std::memory_order_relaxed) != 0 &&
+        channel == w.failedChannel.load(std::memory_order_relaxed)) {
+        AddTotal(w.totals.framesLost, 1);
+        return 0;
+    }
     if (!Recording(w, channel)) return 0;
     if (data == nullptr || info == nullptr || info->AVDataLen < 0 ||
         static_cast<uint32_t>(info->AVDataLen) > kMaxFrameLength) {
@@ -434,4 +547,34 @@ int LS_RecordClose() {
     w.fileSize = 0;
     w.frameCounter = 0;
     return 0;
+}
+
+int LS_RecordCardError() { return g_writer.cardError.load(std::memory_order_relaxed); }
+
+int LS_RecordIndexRewrite() {
+    WriterState &w = g_writer;
+    std::lock_guard<std::mutex> gate(w.gate);
+    char path[256];
+    std::string card = g_cardDir.empty() ? PlatformPath(kCardMountPoint) : g_cardDir;
+    snprintf(path, sizeof path, "%s%s", card.c_str(), kIndexFileName);
+    errno = 0;
+    int fd = AVFileOpen(path, kAVFileModeReadWrite);
+    if (fd < 0) return errno != 0 ? errno : EIO;
+    errno = 0;
+    int result = WriteRecords(fd) == 0 && AVFileDataSync(fd) == 0 ? 0 : (errno != 0 ? errno : EIO);
+    AVFileClose(fd);
+    if (result == 0) {
+        w.cardError.store(0, std::memory_order_relaxed);
+        w.failedChannel.store(-1, std::memory_order_relaxed);
+    }
+    return result;
+}
+
+WriterCounters LS_RecordCounters() {
+    const WriterTotals &t = g_writer.totals;
+    auto load = [](const uint32_t &v) {
+        return std::atomic_ref<uint32_t>(const_cast<uint32_t &>(v)).load(std::memory_order_relaxed);
+    };
+    return WriterCounters{load(t.framesWritten), load(t.framesLost), load(t.writeErrors),
+                          load(t.bytesWritten), load(t.lastFrameTime)};
 }

@@ -86,7 +86,8 @@ void LS_RecordSetCardDir(const char *dir);
 int LS_RecordInit(const FileInfoHead *file, int channel);
 
 // One frame of kind 0 (video) or 1 (audio). 0 when handled or ignored, -1
-// when refused (before the first key frame, bad frame).
+// when refused (before the first key frame, bad frame) or when a write or
+// flush failed (see LS_RecordCardError).
 // A frame is ignored once its file is full: the section could not account
 // for it.
 int libAVRecordWriteFrame(int channel, int kind, const uint8_t *data, const AVDataInfo *info);
@@ -100,6 +101,28 @@ void LS_RecordStop();
 // Stops taking frames as LS_RecordStop does, closes both descriptors and
 // disarms the writer; 0.
 int LS_RecordClose();
+
+// The card refused a write or a flush: the errno, 0 while writes succeed.
+// Set by the frame that met the failure (the section then ends at its last
+// frame known written: the last good flush, or without flushes the last
+// frame whose writes all succeeded); it outlasts the close, and video
+// frames of the failed channel are counted lost meanwhile.
+int LS_RecordCardError();
+
+// Writes the current section record, file record
+// and header to the index and flushes it; clears the card error when all
+// of it reached the card. 0, or the errno of the failure.
+int LS_RecordIndexRewrite();
+
+// What the writer did since the process started.
+struct WriterCounters {
+    uint32_t framesWritten;  // video frames the index holds
+    uint32_t framesLost;     // video frames a failed write cost
+    uint32_t writeErrors;    // failed writes and flushes
+    uint32_t bytesWritten;   // PS bytes, modulo 2^32
+    uint32_t lastFrameTime;  // card time of the newest frame known written, 0 for none
+};
+WriterCounters LS_RecordCounters();
 
 // Video frames seen per channel while recording (also those refused).
 uint32_t LS_RecordVideoFrameTally(int channel);

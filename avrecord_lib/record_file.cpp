@@ -94,7 +94,8 @@ int AV_RecordStreamInfoRead(int fd, uint32_t offset, void *buf, uint32_t length)
 
 int AV_RecordStreamInfoWrite(int fd, uint32_t offset, const void *buf, uint32_t length) {
     if (buf == nullptr || fd < 0) return -1;
-    AVFileSeek(fd, static_cast<int32_t>(offset), kAVFileSeekSet);
+    // A write whose seek failed would land elsewhere: it is not made.
+    if (AVFileSeek(fd, static_cast<int32_t>(offset), kAVFileSeekSet) < 0) return -1;
     return AVFileWrite(fd, buf, length);
 }
 

@@ -42,7 +42,7 @@ int AV_RecordFileClose(int fd);
 // Seeks to offset, reads exactly length bytes; returns the offset (the seek
 // result), -1 on a failed seek or a short read.
 int AV_RecordStreamInfoRead(int fd, uint32_t offset, void *buf, uint32_t length);
-// Seeks to offset (result not checked) and writes; the AVFileWrite result.
+// Seeks to offset and writes; the AVFileWrite result, -1 when the seek failed.
 int AV_RecordStreamInfoWrite(int fd, uint32_t offset, const void *buf, uint32_t length);
 // The same at the key-frame table of a media file (0xFC00000 + offset).
 int AV_RecordKeyFrameInfoWrite(int fd, uint32_t offset, const void *buf, uint32_t length);

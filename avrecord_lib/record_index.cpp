@@ -13,9 +13,10 @@ int ReadRecordAt(int fd, uint32_t position, void *record, uint32_t size) {
     return AVFileRead(fd, record, size) < 0 ? -1 : 0;
 }
 
+// A write whose seek failed would land elsewhere: it is not made.
 int WriteRecordAt(int fd, uint32_t position, const void *record, uint32_t size) {
     if (fd < 0 || record == nullptr) return -1;
-    AVFileSeek(fd, static_cast<int32_t>(position), kAVFileSeekSet);
+    if (AVFileSeek(fd, static_cast<int32_t>(position), kAVFileSeekSet) < 0) return -1;
     return AVFileWrite(fd, record, size) < 0 ? -1 : 0;
 }
 

@@ -1,7 +1,8 @@
 // Reads, writes and checks of the index records at their fixed places in
 // index000.bin, event000.bin and the media files' key-frame tables. Every
 // transfer is a seek to the record's place and one exact-length read or
-// write (the seek result is not checked). Results: 0 (or the byte count
+// write (a write whose seek failed is not made; a read's seek result is
+// not checked). Results: 0 (or the byte count
 // where stated) on success, -1 on a null argument, a negative descriptor or
 // a short transfer.
 #pragma once

@@ -11,6 +11,7 @@
 #include "common/log.h"
 #include "common/platform_paths.h"
 #include "record/record_flags.h"
+#include "record/record_status.h"
 
 namespace {
 
@@ -79,10 +80,16 @@ int SDCardMountCheck() {
 }
 
 int AVRecordParamInit(uint8_t ucCoverType) {
-    if (FlagGet(g_bIndexLoaded) == 0 && LoadIndex(__func__) != 0) return -1;
+    if (FlagGet(g_bIndexLoaded) == 0 && LoadIndex(__func__) != 0) {
+        RecordStatusSet(RecordState::kIndexInvalid, "the card's index cannot be read or is not valid");
+        return -1;
+    }
     LogTrace("%s %d: ucCoverType = %d  \n", __func__, __LINE__, ucCoverType);
     int cover = AV_RecordFileCoverCheck(GetRecordConfigInfo(), GetFileInfoHead(), ucCoverType);
-    if (cover < 0) return -1;
+    if (cover < 0) {
+        RecordStatusSet(RecordState::kCardFull, "every file is used and overwriting is off");
+        return -1;
+    }
     if (cover > 0) FlagSet(g_bNewFileInfo, 1);
     return 0;
 }

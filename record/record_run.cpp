@@ -18,6 +18,7 @@
 #include "record/record_clock.h"
 #include "record/record_flags.h"
 #include "record/record_run_checks.h"
+#include "record/record_status.h"
 #include "record/storage_status.h"
 #include "sysconfig/camera_access.h"
 #include "sysconfig/sys_info.h"
@@ -114,6 +115,7 @@ RunTurn ObserveTurn(const RunProperties &props, const SysInfo &sys, const RunPar
     turn.clockInCardRange = CardTimeInRange(wall);
     turn.fileDataSize = GetFileInfoHead()->m_u32DataSize;
     turn.stopRequested = FlagGet(g_bRecordStop);
+    turn.cardError = LS_RecordCardError();
     return turn;
 }
 
@@ -185,6 +187,10 @@ void LogRunEnd(const char *func, RunEnd reason, const RunParams &start, const Ru
         case RunEnd::kStop:
             LogTrace("%s %d Stop Record\n", func, __LINE__);
             break;
+        case RunEnd::kCardFailing:
+            LogTrace("%s %d the card refused a write (errno %d): Stop Record\n", func, __LINE__,
+                     turn.cardError);
+            break;
         case RunEnd::kNone:
             break;
     }
@@ -244,6 +250,8 @@ int WatchRun(const char *func, const RunParams &start, uint32_t stream, const Ru
         if (reason != RunEnd::kNone) {
             LogRunEnd(func, reason, start, turn, *sys, stream, initResult);
             if (reason == RunEnd::kDayEnd) FlagSet(g_bDayEnd, 1);
+            if (reason == RunEnd::kStop && FileUtilsGetStorageStatus(kCardMountPoint) != 0)
+                RecordStatusSet(RecordState::kNoCard, "the card's device is gone");
             EndRun(func, clock, fileBefore);
             return 0;
         }
@@ -273,6 +281,7 @@ int StartRecord(int nStreamType, int /*nDuration*/) {
 
     if (props.video[stream].iEncoding == kEncodingMjpeg) {
         FlagSet(g_bRecording, 0);
+        RecordStatusSet(RecordState::kWaiting, "the stream is MJPEG, which is not recorded");
         sleep(kMjpegRefusalSeconds);
         LogTrace("%s %d This is Mjpeg Stream, not support\n", __func__, __LINE__);
         return 0;
@@ -295,6 +304,8 @@ int StartRecord(int nStreamType, int /*nDuration*/) {
 
     int initResult = LS_RecordInit(file, static_cast<int>(stream));
     if (initResult < 0) return -1;
+    RecordStatusReadSpan();
+    RecordStatusSet(RecordState::kRecording, "recording");
 
     FlagSet(g_bRecording, 1);
     pthread_t alarmThread;

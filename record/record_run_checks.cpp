@@ -32,6 +32,8 @@ bool ClockJumped(uint32_t sinceBootDuration, int32_t currentDuration) {
 
 RunEnd RecordRunCheck(const RunParams &start, uint32_t stream, const RunTurn &turn) {
     const RunParams &now = turn.now;
+    // The section already ended at its last frame known written.
+    if (turn.cardError != 0) return RunEnd::kCardFailing;
     if (!turn.clockInCardRange) return RunEnd::kClockOutOfRange;
     if (now.encoding == kEncodingMjpeg) return RunEnd::kMjpeg;
     if (now.audioEnable != start.audioEnable) return RunEnd::kAudioEnable;

@@ -43,6 +43,7 @@ struct RunTurn {
     uint32_t fileDataSize;       // current file record m_u32DataSize
     uint32_t stopRequested;      // g_bRecordStop
     bool clockInCardRange;       // the wall clock reads a time the card can hold
+    int cardError;               // errno of a write the card refused, 0 for none
 };
 
 enum class RunEnd {
@@ -63,6 +64,7 @@ enum class RunEnd {
     kClockJump,
     kFileFull,
     kStop,
+    kCardFailing,
 };
 
 // The first end condition that holds for the stream recorded since start.

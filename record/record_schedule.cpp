@@ -1,13 +1,16 @@
 #include "record/record_schedule.h"
 
+#include <cerrno>
 #include <cstring>
 #include <ctime>
 
+#include "avrecord_lib/frame_writer.h"
 #include "common/log.h"
 #include "common/platform_paths.h"
 #include "record/record_clock.h"
 #include "record/record_flags.h"
 #include "record/record_param_init.h"
+#include "record/record_status.h"
 #include "record/storage_status.h"
 #include "sysconfig/camera_access.h"
 #include "sysconfig/sys_info.h"
@@ -33,6 +36,24 @@ bool DiffDayIsRecordTime(const char *func, const RegularRecordProperty &property
     return recordTime;
 }
 
+// After a write the card refused, no run starts until the records that
+// ended the section are on the card: a new section then starts behind data
+// the card holds, whether the card came back by itself, was remounted
+// read-write or was put back. 0 when recording may start.
+int CardTakesWrites() {
+    if (LS_RecordCardError() == 0) return 0;
+    int error = LS_RecordIndexRewrite();
+    if (error == 0) {
+        LogTrace("%s %d: the card takes writes again\n", __func__, __LINE__);
+        return 0;
+    }
+    if (error == EROFS)
+        RecordStatusSet(RecordState::kCardReadOnly, "the card's file system is read-only");
+    else
+        RecordStatusSet(RecordState::kCardFailing, "the card refuses writes");
+    return -1;
+}
+
 }  // namespace
 
 bool ScheduleSegmentHolds(int nowSec, int startSec, int endSec) {
@@ -48,10 +69,14 @@ int CheckRecordStart() {
     if (SDCardMountCheck() == 0) {
         FlagSet(g_bIndexLoaded, 0);
         LogTrace("%s %d NO SDCARD MOUNT %s \n", __func__, __LINE__, kCardMountPoint);
+        RecordStatusSet(RecordState::kNoCard, "no card mounted");
         return -1;
     }
     int storage = FileUtilsGetStorageStatus(kCardMountPoint);
-    if (storage != 0) return storage;
+    if (storage != 0) {
+        RecordStatusSet(RecordState::kNoCard, "the card's device is gone");
+        return storage;
+    }
 
     RegularRecordProperty property;
     memset(&property, 0, sizeof property);
@@ -71,6 +96,7 @@ int CheckRecordStart() {
     int nowSec = ScheduleSecondsOfDay(now.tm_hour, now.tm_min);
     if (property.videoRecord.ucEnable != 1) {
         LogTrace("%s %d VideoRecord not enable \n", __func__, __LINE__);
+        RecordStatusSet(RecordState::kWaiting, "recording is switched off");
         return -1;
     }
 
@@ -89,10 +115,14 @@ int CheckRecordStart() {
             break;
         case TIME_SCOPE_NULL:
             LogTrace("%s %d VideoRecord TIME_SCOPE_NULL\n", __func__, __LINE__);
-            return -1;
+            break;
         default:
             break;
     }
-    if (!recordTime) return -1;
-    return AVRecordParamInit(sysInfo->videoRecord.ucLackSpaceModel) != 0 ? -1 : 0;
+    if (!recordTime) {
+        RecordStatusSet(RecordState::kWaiting, "nothing due by the schedule");
+        return -1;
+    }
+    if (AVRecordParamInit(sysInfo->videoRecord.ucLackSpaceModel) != 0) return -1;
+    return CardTakesWrites();
 }

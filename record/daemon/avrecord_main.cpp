@@ -20,6 +20,7 @@
 #include "record/record_run.h"
 #include "record/record_schedule.h"
 #include "record/record_settings.h"
+#include "record/record_status.h"
 #include "sysconfig/camera_access.h"
 #include "sysconfig/sys_info.h"
 
@@ -53,6 +54,7 @@ int main(int /*argc*/, char ** /*argv*/) {
 
     InstallSignalHandlers();
     CameraAccessInit(kRecordCameraType, kRecordProcessArgument);
+    RecordStatusStart();
     GetAVStreamInit(kRecordMsgAVType, RecordFrameCallback, RecordStatusCallback);
     for (uint32_t channel = 0; channel < kRecordedChannels; ++channel)
         AVStreamStart(kRecordMsgAVType, channel);
@@ -72,12 +74,14 @@ int main(int /*argc*/, char ** /*argv*/) {
             continue;
         }
         if (FlagGet(g_bRecordStop) == 1) {
+            RecordStatusSet(RecordState::kStopping, "stop requested");
             Command_System("sync");
             for (unsigned left = kExitPauseSeconds; left > 0;) left = sleep(left);
             LogTrace("%s %d RecordStop AVRecord exit!!!\n", __func__, __LINE__);
             ExitAfterStop();
         }
         if (!RecordClockInCardRange(__func__)) {
+            RecordStatusSet(RecordState::kClockInvalid, "the clock reads a time the card cannot hold");
             sleep(kScheduleRetrySeconds);
             continue;
         }

@@ -55,6 +55,7 @@ protected:
         LS_RecordSetStepHook(nullptr);
         LS_RecordSetSyncSeconds(0);
         LS_RecordClose();
+        LS_RecordIndexRewrite();  // clears a card error a test left
         LS_RecordSetEncodingSource(nullptr);
         LS_RecordSetClocks(nullptr, nullptr);
         SetRecordClockForTest(nullptr);
@@ -353,7 +354,7 @@ TEST_F(FrameWriterTest, AudioFollowsTheVideoCounterWhateverTheCodecType) {
     }
 }
 
-// Media writes fail; the index still advances as if they had landed.
+// Writes larger than an index record fail.
 ssize_t FailLargeWrites(int fd, const void *buf, size_t length) {
     if (length > sizeof(RecordConfigInfo)) {
         errno = EIO;
@@ -362,17 +363,89 @@ ssize_t FailLargeWrites(int fd, const void *buf, size_t length) {
     return PosixFileIo().write(fd, buf, length);
 }
 
-TEST_F(FrameWriterTest, FailedMediaWritesStillAdvanceTheIndex) {
+// A refused media write ends the section at the last frame known written:
+// without flushes the last frame whose writes all succeeded, with them the
+// last good flush. The card's index then claims nothing the card lacks,
+// the frames rolled back are counted lost, and the writer takes no frame
+// (counting the failed channel's video as lost) until the index could be
+// written again.
+TEST_F(FrameWriterTest, FailedWriteEndsTheSectionAtTheLastFrameKnownWritten) {
+    for (uint32_t syncSeconds : {0u, 5u}) {
+        std::string what = "SyncSeconds " + std::to_string(syncSeconds);
+        LS_RecordSetSyncSeconds(syncSeconds);
+        g_uptime = 5000;
+        Open();
+        WriterCounters before = LS_RecordCounters();
+        ASSERT_EQ(Write(kH264Key), 0);
+        for (int second = 1; second <= 6; ++second) {
+            g_uptime = 5000 + second;
+            ASSERT_EQ(Write(kH264Other), 0);
+        }
+        // Known written: all 7 frames without flushes; with them the 6 up to
+        // the flush at +5 s.
+        uint32_t known = syncSeconds == 0 ? 7 : 6;
+        FileIoOps ops = PosixFileIo();
+        ops.write = FailLargeWrites;
+        SetFileIo(&ops);
+        EXPECT_EQ(Write(kH264Key), -1) << what;
+        SetFileIo(nullptr);
+        EXPECT_EQ(LS_RecordCardError(), EIO) << what;
+        EXPECT_EQ(Write(kH264Other), 0) << what;  // not taken, counted lost
+        WriterCounters after = LS_RecordCounters();
+        EXPECT_EQ(after.framesWritten - before.framesWritten, known) << what;
+        EXPECT_EQ(after.framesLost - before.framesLost, 9 - known) << what;
+        EXPECT_EQ(after.writeErrors - before.writeErrors, 1u) << what;
+        EXPECT_EQ(GetSectionInfoHead()->m_u32VideoFrameSum, known) << what;
+        EXPECT_EQ(ReadSection().size(), known) << what;
+        ExpectIndexAccountsForEveryFrame(what.c_str());
+        LS_RecordClose();
+        EXPECT_EQ(LS_RecordIndexRewrite(), 0) << what;
+        EXPECT_EQ(LS_RecordCardError(), 0) << what;
+    }
+}
+
+// A short write, a failed key-frame entry, a failed index write and a
+// failed flush count as failures too; the section never claims the frame.
+TEST_F(FrameWriterTest, EveryWriteOfAFrameIsLookedAt) {
+    LS_RecordSetSyncSeconds(1);
+    for (int n = 1; n <= 5; ++n) {  // media, key-frame entry, section, file, header
+        std::string what = "write #" + std::to_string(n) + " of the key frame short";
+        Open();
+        {
+            FaultyFileIo io;
+            io.ShortWriteNth(n, 3);
+            g_uptime += 2;
+            EXPECT_EQ(Write(kH264Key), -1) << what;
+        }
+        EXPECT_NE(LS_RecordCardError(), 0) << what;
+        EXPECT_EQ(GetSectionInfoHead()->m_u32VideoFrameSum, 0u) << what;
+        LS_RecordClose();
+        ASSERT_EQ(LS_RecordIndexRewrite(), 0) << what;
+    }
     Open();
     FileIoOps ops = PosixFileIo();
-    ops.write = FailLargeWrites;
+    ops.fdatasync = [](int) {
+        errno = EIO;
+        return -1;
+    };
     SetFileIo(&ops);
-    int result = Write(kH264Key);
+    g_uptime += 2;
+    EXPECT_EQ(Write(kH264Key), -1) << "flush";
     SetFileIo(nullptr);
-    EXPECT_EQ(result, 0);
-    EXPECT_GT(g_u32Offset, kH264Key.size());
-    EXPECT_EQ(GetSectionInfoHead()->m_u32SectionSize, g_u32Offset);
-    EXPECT_EQ(MediaAt(0, 4), std::string(4, '\0'));
+    EXPECT_EQ(GetSectionInfoHead()->m_u32VideoFrameSum, 0u) << "flush";
+    ExpectIndexAccountsForEveryFrame("flush");
+    LS_RecordClose();
+    ASSERT_EQ(LS_RecordIndexRewrite(), 0);
+
+    Open();
+    {
+        FaultyFileIo io;
+        io.FailNth(FaultyFileIo::Op::kSeek, 1);
+        EXPECT_EQ(Write(kH264Key), -1) << "media seek";
+    }
+    EXPECT_EQ(GetSectionInfoHead()->m_u32VideoFrameSum, 0u) << "media seek";
+    LS_RecordClose();
+    ASSERT_EQ(LS_RecordIndexRewrite(), 0);
 }
 
 // The record run ends (closes the writer) on its own thread while a frame
@@ -490,15 +563,15 @@ TEST_F(FrameWriterTest, LogLinesNameTheWriteFunction) {
     LS_RecordSetSyncSeconds(1);
     g_uptime += 5;
     testing::internal::CaptureStderr();
-    EXPECT_EQ(Write(kH264Key), 0);
+    EXPECT_EQ(Write(kH264Key), -1);  // the flush failed
     std::string log = testing::internal::GetCapturedStderr();
     LS_RecordSetSyncSeconds(0);
     SetFileIo(nullptr);
-    for (const char *line :
-         {"Now RotateAngle", "m_u8AudioCodeType", "PlayTime", "KeyFrameTime", "fdatasync failed"})
+    for (const char *line : {"Now RotateAngle", "m_u8AudioCodeType", "PlayTime", "KeyFrameTime",
+                             "fdatasync failed", "card write failed"})
         EXPECT_NE(log.find(line), std::string::npos) << line << "\n" << log;
     EXPECT_TRUE(LogNamesFunction(log, "libAVRecordWriteFrame")) << log;
-    for (const char *helper : {"StartSection", "WriteKeyFrameEntry", "SyncIfDue"})
+    for (const char *helper : {"StartSection", "WriteKeyFrameEntry", "SyncIfDue", "FailWrite"})
         EXPECT_FALSE(LogNamesFunction(log, helper)) << helper << "\n" << log;
 }
 

@@ -1,15 +1,22 @@
 #include "record/record_schedule.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <string>
 
+#include "avrecord_lib/frame_writer.h"
 #include "avrecord_lib/record_builder.h"
+#include "avrecord_lib/record_section.h"
+#include "common/file_io.h"
 #include "common/platform_paths.h"
 #include "record/record_clock.h"
 #include "record/record_flags.h"
+#include "record/record_status.h"
 #include "support/card_fixture.h"
+#include "support/es_frames.h"
 #include "support/scoped_zone.h"
 #include "support/test_support.h"
 #include "sysconfig/camera_access.h"
@@ -223,4 +230,53 @@ TEST_F(RecordScheduleTest, DaylightSavingDaysFollowTheLocalClock) {
         EXPECT_EQ(minutes, c.minutes) << c.zone << " " << c.change << " " << c.beginHour << ":"
                                       << c.beginMinute << "-" << c.endHour << ":" << c.endMinute;
     }
+}
+
+// Writes that fail with errno `g_writeError` (0: they pass).
+int g_writeError = 0;
+ssize_t RefusingWrite(int fd, const void *buf, size_t length) {
+    if (g_writeError == 0) return PosixFileIo().write(fd, buf, length);
+    errno = g_writeError;
+    return -1;
+}
+
+// The schedule check publishes why recording is not due, and after a write
+// the card refused it holds recording back, saying how the card is, until
+// the records that ended the section reached the card.
+TEST_F(RecordScheduleTest, StatesPublishedAndACardThatRefusedWritesHeldBack) {
+    SetSegment(0, 0, 0, 24, 0);
+    At(10, 0);
+    RecordStatusSet(RecordState::kStopping, "an earlier test's state");
+    SetDay(TIME_SCOPE_NULL);
+    EXPECT_EQ(CheckRecordStart(), -1);
+    EXPECT_EQ(RecordStatusState(), RecordState::kWaiting);
+    EXPECT_NE(root_.ReadFile(kStatusFile).find("\"state\":\"waiting\""), std::string::npos);
+    SetDay(TIME_SCOPE_ALL);
+    unlink(root_.Under(kCardDevice).c_str());
+    EXPECT_EQ(CheckRecordStart(), -1);
+    EXPECT_EQ(RecordStatusState(), RecordState::kNoCard);
+    root_.WriteFile(kCardDevice, "");
+    ASSERT_EQ(CheckRecordStart(), 0);
+
+    ASSERT_EQ(AV_RecordFileConfigParamGet(GetRecordConfigInfo(), GetFileInfoHead(), GetSectionInfoHead(), 1),
+              0);
+    ASSERT_EQ(LS_RecordInit(GetFileInfoHead(), 0), 0);
+    FileIoOps refusing = PosixFileIo();
+    refusing.write = RefusingWrite;
+    SetFileIo(&refusing);
+    g_writeError = EROFS;
+    const Bytes key = Concat({Nal({0x67, 0x42}, 10, 1), Nal({0x65, 0x88}, 3000, 3)});
+    AVDataInfo info{};
+    info.AVDataLen = static_cast<int32_t>(key.size());
+    EXPECT_EQ(libAVRecordWriteFrame(0, 0, key.data(), &info), -1);
+    LS_RecordClose();
+    EXPECT_EQ(CheckRecordStart(), -1);
+    EXPECT_EQ(RecordStatusState(), RecordState::kCardReadOnly);
+    g_writeError = EIO;
+    EXPECT_EQ(CheckRecordStart(), -1);
+    EXPECT_EQ(RecordStatusState(), RecordState::kCardFailing);
+    g_writeError = 0;
+    EXPECT_EQ(CheckRecordStart(), 0);
+    EXPECT_EQ(LS_RecordCardError(), 0);
+    SetFileIo(nullptr);
 }

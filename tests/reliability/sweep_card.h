@@ -149,10 +149,31 @@ inline bool LoadIndex(const std::string &card) {
     return ok;
 }
 
-// One record run over `stream` from startTime, as the daemon's run does it:
+// Opens a section on the index and arms the writer, as a run starts.
+inline bool OpenSection(FileInfoHead *before) {
+    *before = *GetFileInfoHead();
+    return AV_RecordFileCoverCheck(GetRecordConfigInfo(), GetFileInfoHead(), 1) >= 0 &&
+           AV_RecordFileConfigParamGet(GetRecordConfigInfo(), GetFileInfoHead(), GetSectionInfoHead(), 1) ==
+               0 &&
+           LS_RecordInit(GetFileInfoHead(), kChannel) == 0;
+}
+
+// Ends the section as a run ends: the writer closed, a section without a
+// frame given back, the next file when this one is full.
+inline void EndSection(const FileInfoHead &before) {
+    LS_RecordClose();
+    g_u32LastRecordEndTime.store(GetSectionInfoHead()->m_u32EndTime, std::memory_order_relaxed);
+    if (GetSectionInfoHead()->m_u32EndTime == 0) *GetFileInfoHead() = before;
+    AV_RecordNextFileSelect(GetRecordConfigInfo(), GetFileInfoHead());
+}
+
+// One record run over `stream` from startTime, as the daemon records it:
 // open a section on the index, arm the writer, hand it every frame, close,
-// move on when the file is full, save the header. -1 when the run could not
-// start. writesAfter (optional) gets, per frame, writeCount() after it.
+// move on when the file is full, save the header. A write the card refuses
+// ends the section; as the daemon's schedule check does, a new one starts
+// once the index can be written again (tried before every frame). -1 when
+// the run could not start. writesAfter (optional) gets, per frame,
+// writeCount() after it.
 template <typename WriteCount>
 int RecordRun(const std::string &card, const Stream &stream, uint32_t startTime, WriteCount writeCount,
               std::vector<size_t> *writesAfter = nullptr) {
@@ -163,26 +184,31 @@ int RecordRun(const std::string &card, const Stream &stream, uint32_t startTime,
     SetRecordClockForTest(RunClock::Now);
     LS_RecordSetCardDir(card.c_str());
     int result = -1;
-    if (LoadIndex(card) && AV_RecordFileCoverCheck(GetRecordConfigInfo(), GetFileInfoHead(), 1) >= 0 &&
-        AV_RecordFileConfigParamGet(GetRecordConfigInfo(), GetFileInfoHead(), GetSectionInfoHead(), 1) == 0 &&
-        LS_RecordInit(GetFileInfoHead(), kChannel) == 0) {
+    FileInfoHead before{};
+    bool open = LoadIndex(card) && (LS_RecordCardError() == 0 || LS_RecordIndexRewrite() == 0) &&
+                OpenSection(&before);
+    if (open) {
         for (const StreamFrame &frame : stream) {
             AVDataInfo info{};
             info.AVDataLen = static_cast<int32_t>(frame.bytes.size());
             info.AVSource = static_cast<uint32_t>(frame.kind);
             libAVRecordWriteFrame(kChannel, frame.kind, frame.bytes.data(), &info);
             if (frame.kind == kFrameKindVideo) ++RunClock::videoFrames;
+            if (LS_RecordCardError() != 0) {
+                if (open) EndSection(before);
+                open = LS_RecordIndexRewrite() == 0 && OpenSection(&before);
+            }
             if (writesAfter != nullptr) writesAfter->push_back(writeCount());
         }
         result = 0;
     }
-    LS_RecordClose();
-    g_u32LastRecordEndTime.store(GetSectionInfoHead()->m_u32EndTime, std::memory_order_relaxed);
-    if (result == 0) {
-        AV_RecordNextFileSelect(GetRecordConfigInfo(), GetFileInfoHead());
+    if (open) {
+        EndSection(before);
         int fd = AVFileOpen((card + kIndexFileName).c_str(), kAVFileModeReadWrite);
         AV_RecordConfigInfoWrite(fd, GetRecordConfigInfo());
         AVFileClose(fd);
+    } else {
+        LS_RecordClose();
     }
     LS_RecordSetEncodingSource(nullptr);
     LS_RecordSetClocks(nullptr, nullptr);

@@ -1,10 +1,12 @@
 #include "mkfs/mkfs_vfat.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <vector>
 
 #include "common/log.h"
+#include "mkfs/capacity_probe.h"
 #include "mkfs/fat32_records.h"
 #include "mkfs/mkfs_io.h"
 
@@ -160,6 +162,26 @@ int WriteFileSystem(int fd, const Fat32Layout &layout, uint32_t volumeId, time_t
     return PutRootDirectory(writer, layout, Fat32StampOf(now));
 }
 
+// A card that does not hold the capacity it claims is refused before
+// anything is laid out: recording onto it would overwrite its own index.
+int CheckRealCapacity(const MkfsDevice &target) {
+    uint64_t real = 0;
+    int probed = MkfsProbeCapacity(target.fd, target.bytes, target.sectorSize, &real);
+    if (probed < 0) {
+        fprintf(stderr, "capacity check failed: %s\n", strerror(errno));
+        return -1;
+    }
+    if (probed > 0) {
+        fprintf(stderr,
+                "the card claims %llu MiB but holds only %llu MiB (markers written across it came back "
+                "overwritten): a counterfeit or failing card, not formatted\n",
+                static_cast<unsigned long long>(target.bytes >> 20),
+                static_cast<unsigned long long>(real >> 20));
+        return -1;
+    }
+    return 0;
+}
+
 }  // namespace
 
 int MkfsVfatFormat(const char *device, MkfsCapacityInfo *capacity, int percent, const MkfsOptions &options,
@@ -174,6 +196,10 @@ int MkfsVfatFormat(const char *device, MkfsCapacityInfo *capacity, int percent, 
     }
     MkfsDevice target;
     if (MkfsOpenDevice(device, &target) != 0) return -1;
+    if (CheckRealCapacity(target) != 0) {
+        MkfsCloseDevice(&target);
+        return -1;
+    }
     Fat32Layout planned;
     int result = PlanLayout(target, percent, capacity, &planned);
     if (result == 0) {

@@ -4,6 +4,7 @@
 
 #include "common/log.h"
 #include "fat_image_reader.h"
+#include "mkfs/capacity_probe.h"
 #include "support/faulty_file_io.h"
 #include "support/test_support.h"
 
@@ -182,6 +183,12 @@ TEST(MkfsVfatTest, RefusesBadTargetsBeforeWriting) {
     EXPECT_EQ(mkfs_vfat(image.c_str(), nullptr, 100), -1);
 }
 
+// The capacity check before the layout reads, marks, reads back and
+// restores one sector per point; the layout's own operations come after.
+constexpr int kProbeSeeks = 4 * (kCapacityProbePoints + 1);
+constexpr int kProbeWrites = 2 * (kCapacityProbePoints + 1);
+constexpr uint64_t kProbeBytes = 512ull * kProbeWrites;
+
 TEST(MkfsVfatTest, IoFailuresEndTheFormat) {
     TempDir dir;
     std::string image = dir.File("card.img");
@@ -191,10 +198,12 @@ TEST(MkfsVfatTest, IoFailuresEndTheFormat) {
         void (*arm)(FaultyFileIo &);
         const char *message;
     } cases[] = {
-        {"seek", [](FaultyFileIo &io) { io.FailNth(FaultyFileIo::Op::kSeek, 1); }, "lseek(0)"},
-        {"write", [](FaultyFileIo &io) { io.FailNth(FaultyFileIo::Op::kWrite, 2); }, "write error"},
-        {"short", [](FaultyFileIo &io) { io.ShortWriteNth(1, 100); }, "short write"},
-        {"full", [](FaultyFileIo &io) { io.NoSpaceAfter((3 << 20) + 100); }, "short write"},
+        {"probe", [](FaultyFileIo &io) { io.FailNth(FaultyFileIo::Op::kWrite, 1); }, "capacity check failed"},
+        {"seek", [](FaultyFileIo &io) { io.FailNth(FaultyFileIo::Op::kSeek, kProbeSeeks + 1); }, "lseek(0)"},
+        {"write", [](FaultyFileIo &io) { io.FailNth(FaultyFileIo::Op::kWrite, kProbeWrites + 2); },
+         "write error"},
+        {"short", [](FaultyFileIo &io) { io.ShortWriteNth(kProbeWrites + 1, 100); }, "short write"},
+        {"full", [](FaultyFileIo &io) { io.NoSpaceAfter(kProbeBytes + (3 << 20) + 100); }, "short write"},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);

@@ -63,9 +63,8 @@ int CheckGeometry(const Fat32BootSector &b, std::string *why) {
         return Problem(why, "no boot sector signature (bytes 510-511 are %02x %02x, not 55 aa)",
                        b.signature & 0xFF, b.signature >> 8);
     if (b.jump[0] != kJumpShort && b.jump[0] != kJumpNear)
-        return Problem(why,
-                       "no jump instruction in front of the boot sector: a partition table? "
-                       "(give the partition, for example /dev/sdb1, not the whole disk)");
+        return Problem(why, "no jump instruction in front of the boot sector: a partition table? "
+                            "(give the partition, for example /dev/sdb1, not the whole disk)");
     if (!IsPowerOfTwo(b.bytesPerSector) || b.bytesPerSector < kMinSectorSize ||
         b.bytesPerSector > kMaxSectorSize)
         return Problem(why, "logical sector size of %u bytes is not a power of two from 512 to 4096",

@@ -243,10 +243,15 @@ private:
         return 0;
     }
     static int DoCloseOnExec(int) { return 0; }
+    // The card's files are fixed: none is renamed.
+    static int DoRename(const char *, const char *) {
+        errno = EPERM;
+        return -1;
+    }
 
     static inline Mount *active_ = nullptr;
-    static inline const FileIoOps kOps = {DoOpen,  DoClose, DoSeek, DoRead,
-                                          DoWrite, DoSync,  DoSync, DoCloseOnExec};
+    static inline const FileIoOps kOps = {DoOpen, DoClose, DoSeek,        DoRead,  DoWrite,
+                                          DoSync, DoSync,  DoCloseOnExec, DoRename};
 
     Card *card_;
     uint32_t (*clock_)();

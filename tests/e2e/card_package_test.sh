@@ -40,7 +40,7 @@ installed="$root/usr/bin/avrecord-card"
 expect 0 "$installed" version
 [ "$out" = "avrecord-card $version" ] || fail "version: $out"
 zcat "$root/usr/share/man/man1/avrecord-card.1.gz" >"$work/page.1"
-MANWIDTH=80 man -l "$work/page.1" 2>/dev/null | tr -s ' ' | grep -qF "serve [--card DIR|--image PATH] [--listen" ||
+MANWIDTH=80 man -l "$work/page.1" 2>/dev/null | tr -s ' ' | grep -qF "serve [--card DIR|--image PATH] [--recover] [--listen" ||
   fail "manual page lacks serve: $(MANWIDTH=80 man -l "$work/page.1" 2>&1 | head -20)"
 complete_words() {  # WORDS...: what the completion offers for the last word
   bash -c 'source "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _avrecord_card

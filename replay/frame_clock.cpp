@@ -31,7 +31,12 @@ uint64_t FrameClock::Video(uint32_t pts90k, uint32_t writtenSecond) {
     lastPts_ = pts90k;
     uint64_t at = anchorUs_ + frames_ * kUsPerSecond / fps_;
     bool plausible = at + kWriteLatencyUs >= second && at < second + kUsPerSecond;
-    if (!anchored_ || !plausible) {
+    // The first frame written in a new second was captured about when that
+    // second began: the clock is set there when it strays further than a
+    // frame from it.
+    bool newSecond = anchored_ && writtenSecond != lastSecond_ && Distance(at, second) > kUsPerSecond / fps_;
+    lastSecond_ = writtenSecond;
+    if (!anchored_ || !plausible || newSecond) {
         anchored_ = true;
         anchorUs_ = second;
         frames_ = 0;

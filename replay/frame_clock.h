@@ -1,8 +1,9 @@
 // Capture times of a section's frames. The card keeps per frame only the
 // second it was written (pack header) and a time stamp counted in frames at
 // a fixed 25 per second; the clock spaces video frames by the section's
-// frame rate from the first frame it sees, keeps them within the second the
-// recorder wrote them, and times audio by its sample count from the video.
+// frame rate from the first frame it sees, sets itself to the start of a
+// second at the first frame written in it when it has strayed more than a
+// frame from there, and times audio by its sample count from the video.
 #pragma once
 
 #include <cstdint>
@@ -25,6 +26,7 @@ private:
     uint64_t anchorUs_ = 0;  // capture time of frame 0
     uint64_t frames_ = 0;    // video frames since the anchor
     uint32_t lastPts_ = 0;
+    uint32_t lastSecond_ = 0;  // second the latest video frame was written in
     uint64_t lastVideoUs_ = 0;
     bool audioAnchored_ = false;
     uint64_t audioAnchorUs_ = 0;

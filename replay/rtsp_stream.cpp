@@ -1,0 +1,178 @@
+#include "replay/rtsp_stream.h"
+
+#include <time.h>
+
+#include "common/log.h"
+#include "replay/rtp_rtcp.h"
+
+namespace {
+
+constexpr uint32_t kLiveWaitMs = 100;         // the card has nothing new yet: ask again after this
+constexpr uint64_t kReportEveryUs = 5000000;  // sender reports
+constexpr uint64_t kMaxPaceWaitUs = 2000000;  // a longer wait is a jump in the times: start pacing anew
+constexpr uint32_t kUdpByeDelayMs = 200;      // lets the last packets arrive before the goodbye
+constexpr uint64_t kUsPerMs = 1000;
+
+uint64_t MonotonicUs() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec) / 1000;
+}
+
+}  // namespace
+
+uint32_t RtspTimestamp(uint32_t base, uint32_t clockRate, uint64_t anchorUs, uint64_t captureUs) {
+    int64_t delta = static_cast<int64_t>(captureUs - anchorUs);
+    int64_t ticks = delta * static_cast<int64_t>(clockRate) / 1000000;
+    return base + static_cast<uint32_t>(ticks);
+}
+
+void RtspStream::Start(std::unique_ptr<ReplaySource> source, const ReplayUnit *first, uint64_t anchorUs,
+                       const RtspPlayOptions &options) {
+    Stop();
+    m_source = std::move(source);
+    m_hasFirst = first != nullptr;
+    if (first != nullptr) m_first = *first;
+    m_anchorUs = anchorUs;
+    m_options = options;
+    m_paceWallUs = 0;
+    m_lastReportUs = 0;
+    m_lastKeyUs = 0;
+    m_stop.store(0, std::memory_order_relaxed);
+    m_paused.store(0, std::memory_order_relaxed);
+    m_running.store(1, std::memory_order_relaxed);
+    m_thread = std::thread(&RtspStream::Run, this);
+}
+
+void RtspStream::Stop() {
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_stop.store(1, std::memory_order_relaxed);
+    }
+    m_wake.notify_all();
+    if (m_thread.joinable()) m_thread.join();
+    m_source.reset();
+    m_running.store(0, std::memory_order_relaxed);
+}
+
+void RtspStream::Pause(bool bPaused) {
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_paused.store(bPaused ? 1 : 0, std::memory_order_relaxed);
+        m_paceWallUs = 0;  // resumed playback is paced from where it stands
+    }
+    m_wake.notify_all();
+}
+
+bool RtspStream::WaitFor(uint32_t ms) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_wake.wait_for(lock, std::chrono::milliseconds(ms), [this] { return m_stop.load() != 0; });
+    return m_stop.load() == 0;
+}
+
+int RtspStream::NextUnit(ReplayUnit *unit) {
+    if (m_hasFirst) {
+        m_hasFirst = false;
+        *unit = std::move(m_first);
+        return kReplayUnit;
+    }
+    return m_source->Next(unit);
+}
+
+bool RtspStream::WaitPace(const ReplayUnit &unit) {
+    if (!m_options.bRateControl) return m_stop.load(std::memory_order_relaxed) == 0;
+    uint64_t now = MonotonicUs();
+    if (m_paceWallUs == 0 || unit.bGapBefore || unit.u64CaptureUs < m_paceMediaUs) {
+        m_paceWallUs = now;
+        m_paceMediaUs = unit.u64CaptureUs;
+    }
+    uint64_t due =
+        m_paceWallUs + static_cast<uint64_t>((unit.u64CaptureUs - m_paceMediaUs) / m_options.dScale);
+    if (due > now + kMaxPaceWaitUs) {
+        m_paceWallUs = now;
+        m_paceMediaUs = unit.u64CaptureUs;
+        due = now;
+    }
+    if (due <= now) return m_stop.load(std::memory_order_relaxed) == 0;
+    return WaitFor(static_cast<uint32_t>((due - now + kUsPerMs - 1) / kUsPerMs));
+}
+
+bool RtspStream::SendUnit(const ReplayUnit &unit, bool firstOfPlay) {
+    RtspTrack &track = m_tracks[unit.bVideo ? kRtspVideoTrack : kRtspAudioTrack];
+    if (!track.output || !track.packetizer || unit.data.empty()) return true;
+    RtpFrameMarks marks = {unit.u64CaptureUs, 0, m_options.u8CSeq};
+    if (unit.bKey || !unit.bVideo) marks.u8Flags |= kReplayFlagClean;
+    if (unit.bGapAfter) marks.u8Flags |= kReplayFlagEnd;
+    if (unit.bGapBefore || firstOfPlay) marks.u8Flags |= kReplayFlagDiscontinuity;
+    if (unit.bLast) marks.u8Flags |= kReplayFlagTerminal;
+    uint32_t timestamp =
+        RtspTimestamp(track.u32BaseTimestamp, track.u32ClockRate, m_anchorUs, unit.u64CaptureUs);
+    RtspTrackOutput *output = track.output.get();
+    bool sent = track.packetizer->SendFrame(
+        unit.data.data(), unit.data.size(), timestamp, marks,
+        [output](const uint8_t *packet, size_t size) { return output->QueueRtp(packet, size); });
+    track.u64LastCaptureUs = unit.u64CaptureUs;
+    track.u32LastTimestamp = timestamp;
+    return sent && output->FlushRtp();
+}
+
+void RtspStream::SendReports(bool bBye) {
+    for (RtspTrack &track : m_tracks) {
+        if (!track.output || !track.packetizer) continue;
+        if (track.output->DrainClientRtcp()) m_heard.store(1, std::memory_order_relaxed);
+        RtcpSender sender = {track.packetizer->Ssrc(), track.u64LastCaptureUs, track.u32LastTimestamp,
+                             track.packetizer->Packets(), track.packetizer->Octets()};
+        if (track.u64LastCaptureUs == 0) {
+            sender.u64CaptureUs = m_anchorUs;
+            sender.u32Timestamp = track.u32BaseTimestamp;
+        }
+        uint8_t packet[kRtcpMaxCompound];
+        size_t size = RtcpCompound(sender, bBye, packet);
+        track.output->SendRtcp(packet, size);
+    }
+}
+
+void RtspStream::Run() {
+    bool firstVideo = true;
+    bool firstAudio = true;
+    ReplayUnit unit;
+    for (;;) {
+        if (m_stop.load(std::memory_order_relaxed) != 0) break;
+        if (m_paused.load(std::memory_order_relaxed) != 0) {
+            std::unique_lock<std::mutex> lock(m_mutex);
+            m_wake.wait(lock, [this] { return m_stop.load() != 0 || m_paused.load() == 0; });
+            continue;
+        }
+        int result = NextUnit(&unit);
+        if (result == kReplayWaiting) {
+            if (!WaitFor(kLiveWaitMs)) break;
+            continue;
+        }
+        if (result != kReplayUnit) {
+            if (result == kReplayError)
+                LogTrace("%s %d: the card could not be read, the play ends\n", __FUNCTION__, __LINE__);
+            bool udp = m_tracks[kRtspVideoTrack].output && !m_tracks[kRtspVideoTrack].output->Tcp();
+            if (udp) WaitFor(kUdpByeDelayMs);
+            SendReports(true);
+            break;
+        }
+        if (!unit.bVideo && (m_options.bIntraOnly || m_options.u32IntraGapMs != 0)) continue;
+        if (unit.bVideo && m_options.u32IntraGapMs != 0) {
+            if (!unit.bKey) continue;
+            if (m_lastKeyUs != 0 && unit.u64CaptureUs < m_lastKeyUs + m_options.u32IntraGapMs * kUsPerMs &&
+                !unit.bLast)
+                continue;
+            m_lastKeyUs = unit.u64CaptureUs;
+        }
+        if (!WaitPace(unit)) break;
+        bool &first = unit.bVideo ? firstVideo : firstAudio;
+        if (!SendUnit(unit, first)) break;
+        first = false;
+        uint64_t now = MonotonicUs();
+        if (now - m_lastReportUs >= kReportEveryUs) {
+            SendReports(false);
+            m_lastReportUs = now;
+        }
+    }
+    m_running.store(0, std::memory_order_relaxed);
+}

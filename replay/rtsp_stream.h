@@ -1,0 +1,87 @@
+// The playback of one RTSP session: a thread that takes the card's frames
+// from a replay source, paces them (or not: Rate-Control: no), stamps and
+// packetizes them and sends them on the session's tracks; at the end of the
+// range it says goodbye (RTCP BYE) on every track.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "replay/replay_source.h"
+#include "replay/rtp_packetizer.h"
+#include "replay/rtsp_output.h"
+
+inline constexpr int kRtspTracks = 2;  // video, audio
+inline constexpr int kRtspVideoTrack = 0;
+inline constexpr int kRtspAudioTrack = 1;
+
+struct RtspTrack {
+    std::unique_ptr<RtspTrackOutput> output;  // null: the client did not set the track up
+    std::unique_ptr<RtpPacketizer> packetizer;
+    uint32_t u32ClockRate = 0;
+    uint32_t u32BaseTimestamp = 0;  // the RTP time of the play's anchor
+    uint64_t u64LastCaptureUs = 0;  // the frame last sent, for sender reports
+    uint32_t u32LastTimestamp = 0;
+};
+
+// How one PLAY asked to be served.
+struct RtspPlayOptions {
+    bool bRateControl = true;    // pace at the recording's rate (times the scale)
+    double dScale = 1.0;         // forward speed when paced
+    uint32_t u32IntraGapMs = 0;  // Frames: intra/<ms>: at most one key frame per that many ms
+    bool bIntraOnly = false;
+    uint8_t u8CSeq = 0;  // low byte of the PLAY's CSeq, in every frame's extension
+};
+
+// The RTP time stamp of a frame: the track's clock since the anchor, from the base.
+uint32_t RtspTimestamp(uint32_t base, uint32_t clockRate, uint64_t anchorUs, uint64_t captureUs);
+
+class RtspStream {
+public:
+    explicit RtspStream(RtspTrack (&tracks)[kRtspTracks]) : m_tracks(tracks) {}
+    ~RtspStream() { Stop(); }
+
+    // Starts sending from source (its first unit already taken: first, when
+    // hasFirst), time stamps counted from anchorUs. A running play is
+    // stopped first.
+    void Start(std::unique_ptr<ReplaySource> source, const ReplayUnit *first, uint64_t anchorUs,
+               const RtspPlayOptions &options);
+    void Stop();
+    void Pause(bool bPaused);
+    bool Paused() const { return m_paused.load(std::memory_order_relaxed) != 0; }
+    // True while a play is under way or held by PAUSE.
+    bool Running() const { return m_running.load(std::memory_order_relaxed) != 0; }
+    // The client's RTCP reports heard since the last call (UDP keep-alive).
+    bool TakeClientHeard() { return m_heard.exchange(0, std::memory_order_relaxed) != 0; }
+
+private:
+    void Run();
+    int NextUnit(ReplayUnit *unit);
+    bool WaitPace(const ReplayUnit &unit);
+    bool WaitFor(uint32_t ms);
+    bool SendUnit(const ReplayUnit &unit, bool firstOfPlay);
+    void SendReports(bool bBye);
+
+    RtspTrack (&m_tracks)[kRtspTracks];
+    std::unique_ptr<ReplaySource> m_source;
+    ReplayUnit m_first;
+    bool m_hasFirst = false;
+    uint64_t m_anchorUs = 0;
+    RtspPlayOptions m_options;
+    std::thread m_thread;
+    std::mutex m_mutex;
+    std::condition_variable m_wake;
+    std::atomic<uint32_t> m_stop{0};
+    std::atomic<uint32_t> m_paused{0};
+    std::atomic<uint32_t> m_running{0};
+    std::atomic<uint32_t> m_heard{0};
+    // Pacing: the monotonic time and capture time of the last reset.
+    uint64_t m_paceWallUs = 0;
+    uint64_t m_paceMediaUs = 0;
+    uint64_t m_lastReportUs = 0;
+    uint64_t m_lastKeyUs = 0;
+};

@@ -1,0 +1,117 @@
+#include "replay/sdp_builder.h"
+
+#include <cstdio>
+#include <iterator>
+
+#include "avrecord_lib/ps_packetizer.h"
+#include "replay/base64.h"
+#include "replay/rtsp_range.h"
+#include "tools/adts_header.h"
+
+namespace {
+
+constexpr uint8_t kPcmuPayloadType = 0;
+constexpr uint8_t kPcmaPayloadType = 8;
+constexpr uint32_t kG711StaticRate = 8000;
+constexpr uint32_t kAacLowComplexity = 2;
+constexpr size_t kProfileLevelBytes = 3;  // profile_idc, constraint flags, level_idc behind the SPS header
+
+std::string Base64(const std::vector<uint8_t> &bytes) { return Base64Encode(bytes.data(), bytes.size()); }
+
+// The stream's AudioSpecificConfig in hex; AAC-LC of the rate and channels when the source gave none.
+std::string AacConfig(const std::vector<uint8_t> &given, uint32_t rate, uint32_t channels) {
+    std::string hex;
+    char digits[4];
+    for (uint8_t byte : given) {
+        snprintf(digits, sizeof digits, "%02X", byte);
+        hex += digits;
+    }
+    if (!hex.empty()) return hex;
+    uint32_t index = 0;
+    while (index < std::size(kAdtsRates) && kAdtsRates[index] != rate) ++index;
+    if (index == std::size(kAdtsRates)) index = 3;  // an unknown rate is announced as 48 kHz
+    uint32_t config = kAacLowComplexity << 11 | index << 7 | (channels & 0x0F) << 3;
+    snprintf(digits, sizeof digits, "%02X", config >> 8);
+    hex = digits;
+    snprintf(digits, sizeof digits, "%02X", config & 0xFF);
+    return hex + digits;
+}
+
+std::string VideoLines(const ReplayTracks &tracks) {
+    std::string sdp = "m=video 0 RTP/AVP 96\r\n";
+    if (tracks.iVideoCodec == kVideoCodecH265) {
+        sdp += "a=rtpmap:96 H265/90000\r\na=fmtp:96";
+        if (!tracks.vps.empty()) sdp += " sprop-vps=" + Base64(tracks.vps) + ";";
+        if (!tracks.sps.empty()) sdp += " sprop-sps=" + Base64(tracks.sps) + ";";
+        if (!tracks.pps.empty()) sdp += " sprop-pps=" + Base64(tracks.pps) + ";";
+        if (sdp.back() == ';') sdp.pop_back();
+    } else {
+        sdp += "a=rtpmap:96 H264/90000\r\na=fmtp:96 packetization-mode=1";
+        if (tracks.sps.size() > kProfileLevelBytes) {
+            char profile[16];
+            snprintf(profile, sizeof profile, "%02X%02X%02X", tracks.sps[1], tracks.sps[2], tracks.sps[3]);
+            sdp += std::string("; profile-level-id=") + profile;
+        }
+        if (!tracks.sps.empty() && !tracks.pps.empty())
+            sdp += "; sprop-parameter-sets=" + Base64(tracks.sps) + "," + Base64(tracks.pps);
+    }
+    sdp += "\r\na=control:";
+    sdp += kSdpVideoControl;
+    return sdp + "\r\n";
+}
+
+std::string AudioLines(const ReplayTracks &tracks, const SdpTrack &track) {
+    std::string type = std::to_string(track.u8PayloadType);
+    std::string sdp = "m=audio 0 RTP/AVP " + type + "\r\n";
+    std::string rate = std::to_string(track.u32ClockRate);
+    std::string channels = tracks.u32AudioChannels > 1 ? "/" + std::to_string(tracks.u32AudioChannels) : "";
+    if (track.payload == RtpPayload::kAac) {
+        sdp += "a=rtpmap:" + type + " MPEG4-GENERIC/" + rate + channels + "\r\n";
+        sdp += "a=fmtp:" + type +
+               " streamtype=5; profile-level-id=1; mode=AAC-hbr; sizelength=13;"
+               " indexlength=3; indexdeltalength=3; config=" +
+               AacConfig(tracks.audioConfig, track.u32ClockRate, tracks.u32AudioChannels) + "\r\n";
+    } else {
+        const char *name = tracks.iAudioCodec == kAudioCodecG711A ? "PCMA" : "PCMU";
+        sdp += "a=rtpmap:" + type + " " + name + "/" + rate + channels + "\r\n";
+    }
+    return sdp + "a=control:" + kSdpAudioControl + "\r\n";
+}
+
+}  // namespace
+
+SdpTrack SdpVideoTrack(const ReplayTracks &tracks) {
+    RtpPayload payload = tracks.iVideoCodec == kVideoCodecH265 ? RtpPayload::kH265 : RtpPayload::kH264;
+    return SdpTrack{payload, kSdpVideoPayloadType, kVideoClockRate};
+}
+
+bool SdpAudioTrack(const ReplayTracks &tracks, SdpTrack *track) {
+    if (!tracks.bHasAudio) return false;
+    uint32_t rate = tracks.u32AudioRate != 0 ? tracks.u32AudioRate : kG711StaticRate;
+    bool staticRate = rate == kG711StaticRate && tracks.u32AudioChannels <= 1;
+    switch (tracks.iAudioCodec) {
+        case kAudioCodecG711U:
+            *track = {RtpPayload::kG711, staticRate ? kPcmuPayloadType : kSdpAudioDynamicType, rate};
+            return true;
+        case kAudioCodecG711A:
+            *track = {RtpPayload::kG711, staticRate ? kPcmaPayloadType : kSdpAudioDynamicType, rate};
+            return true;
+        case kAudioCodecAac:
+            *track = {RtpPayload::kAac, kSdpAudioDynamicType, rate};
+            return true;
+        default:
+            return false;
+    }
+}
+
+std::string SdpDescribe(const ReplayTracks &tracks, const std::string &serverAddress, uint64_t rangeFromUs,
+                        uint64_t rangeToUs) {
+    std::string sdp = "v=0\r\no=- 1 1 IN IP4 " + serverAddress + "\r\ns=AVRecord replay\r\n";
+    sdp += "c=IN IP4 0.0.0.0\r\nt=0 0\r\na=control:*\r\n";
+    sdp += "a=range:clock=" + RtspFormatClockTime(rangeFromUs) + "-";
+    if (rangeToUs != 0) sdp += RtspFormatClockTime(rangeToUs);
+    sdp += "\r\n" + VideoLines(tracks);
+    SdpTrack audio;
+    if (SdpAudioTrack(tracks, &audio)) sdp += AudioLines(tracks, audio);
+    return sdp;
+}

@@ -113,13 +113,15 @@ std::string RandomHex(int digits) {
 
 uint32_t RandomWord() { return static_cast<uint32_t>(strtoul(RandomHex(8).c_str(), nullptr, 16)); }
 
-// "a-b" into two ports.
-bool PortPair(const std::string &text, uint16_t *first, uint16_t *second) {
+// "a-b" into two ports, or two interleaved channels (which start at 0).
+bool PortPair(const std::string &text, bool channels, uint16_t *first, uint16_t *second) {
     unsigned a = 0, b = 0;
     int n = sscanf(text.c_str(), "%u-%u", &a, &b);
-    if (n < 1 || a == 0 || a > UINT16_MAX) return false;
+    if (n < 1) return false;
     if (n < 2) b = a + 1;
-    if (b == 0 || b > UINT16_MAX) return false;
+    unsigned lowest = channels ? 0 : 1;
+    unsigned highest = channels ? UINT8_MAX : UINT16_MAX;
+    if (a < lowest || b < lowest || a > highest || b > highest) return false;
     *first = static_cast<uint16_t>(a);
     *second = static_cast<uint16_t>(b);
     return true;
@@ -154,9 +156,9 @@ void RtspSession::Serve() {
     while (!m_closing && m_context->stop.load(std::memory_order_relaxed) == 0 && !m_writer.Broken()) {
         pollfd wait = {m_fd, POLLIN, 0};
         int ready = poll(&wait, 1, kReadPollMs);
+        if (ready > 0 && (!ReadMore() || !TakeInput())) break;
         uint64_t now = MonotonicUs();
         if (m_stream.TakeClientHeard()) m_lastHeardUs = now;
-        if (ready > 0 && (!ReadMore() || !TakeInput())) break;
         if (TimedOut(now)) break;
     }
     m_writer.ShutDown();
@@ -340,7 +342,11 @@ bool RtspSession::OpenTrack(int index, const std::string &transport, Answer *ans
         *answer = Answer{404, "", "text/plain", "the recording has no audio\r\n"};
         return true;
     }
-    for (const auto &[alternative, unused] : RtspSplitParameters(transport, ',')) {
+    std::string_view alternatives = transport;
+    while (!alternatives.empty()) {
+        size_t comma = alternatives.find(',');
+        std::string_view alternative = alternatives.substr(0, comma);
+        alternatives = comma == std::string_view::npos ? std::string_view() : alternatives.substr(comma + 1);
         auto parameters = RtspSplitParameters(alternative, ';');
         if (parameters.empty()) continue;
         std::string profile = parameters[0].first;
@@ -351,9 +357,9 @@ bool RtspSession::OpenTrack(int index, const std::string &transport, Answer *ans
         bool ports = tcp;
         for (const auto &[name, value] : parameters) {
             if (name == "multicast") multicast = true;
-            if (name == (tcp ? "interleaved" : "client_port")) ports = PortPair(value, &first, &second);
+            if (name == (tcp ? "interleaved" : "client_port")) ports = PortPair(value, tcp, &first, &second);
         }
-        if (multicast || !ports || (tcp && first > UINT8_MAX - 1)) continue;
+        if (multicast || !ports) continue;
         if (tcp) {
             track.output = std::make_unique<RtspTrackOutput>(&m_writer, static_cast<uint8_t>(first));
         } else {

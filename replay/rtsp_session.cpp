@@ -275,6 +275,9 @@ std::string RtspSession::SessionHeader() const {
 }
 
 void RtspSession::Handle(const RtspRequest &request) {
+    const std::string *range = request.Header("Range");
+    LogTrace("%s %d: %s %s%s%s\n", __FUNCTION__, __LINE__, request.method.c_str(), request.uri.c_str(),
+             range != nullptr ? " Range: " : "", range != nullptr ? range->c_str() : "");
     Answer answer;
     if (!Admitted(request, &answer)) {
         Send(request, answer);
@@ -329,8 +332,11 @@ RtspSession::Answer RtspSession::Describe(const RtspRequest &request) {
     char address[INET_ADDRSTRLEN] = "0.0.0.0";
     inet_ntop(AF_INET, &m_local.sin_addr, address, sizeof address);
     m_baseUrl = BaseUrl(request.uri);
+    // A URL with start= and end= describes that range: ONVIF players play the announced range.
     uint64_t from = static_cast<uint64_t>(m_tracks.u32Oldest) * kUsPerSecond;
     uint64_t to = static_cast<uint64_t>(m_tracks.u32Newest) * kUsPerSecond;
+    if (m_urlRange.u64FromUs != 0) from = m_urlRange.u64FromUs;
+    if (m_urlRange.u64ToUs != 0) to = m_urlRange.u64ToUs;
     std::string sdp = SdpDescribe(m_tracks, address, from, to);
     return Answer{200, "Content-Base: " + m_baseUrl + "\r\n", "application/sdp", sdp};
 }

@@ -122,20 +122,65 @@ void RtspStream::SendReports(bool bBye) {
         if (track.output->DrainClientRtcp()) m_heard.store(1, std::memory_order_relaxed);
         RtcpSender sender = {track.packetizer->Ssrc(), track.u64LastCaptureUs, track.u32LastTimestamp,
                              track.packetizer->Packets(), track.packetizer->Octets()};
-        if (track.u64LastCaptureUs == 0) {
-            sender.u64CaptureUs = m_anchorUs;
-            sender.u32Timestamp = track.u32BaseTimestamp;
-        }
         uint8_t packet[kRtcpMaxCompound];
         size_t size = RtcpCompound(sender, bBye, packet);
         track.output->SendRtcp(packet, size);
     }
 }
 
+bool RtspStream::Wanted(const ReplayUnit &unit) {
+    // Audio from before the play's first picture would run before the time stamps' origin.
+    if (!unit.bVideo)
+        return !m_options.bIntraOnly && m_options.u32IntraGapMs == 0 && unit.u64CaptureUs >= m_anchorUs;
+    if (m_options.u32IntraGapMs == 0) return true;
+    if (!unit.bKey) return false;
+    if (m_lastKeyUs != 0 && unit.u64CaptureUs < m_lastKeyUs + m_options.u32IntraGapMs * kUsPerMs)
+        return false;
+    m_lastKeyUs = unit.u64CaptureUs;
+    return true;
+}
+
+bool RtspStream::Deliver(const ReplayUnit &unit) {
+    if (!WaitPace(unit)) return false;
+    bool &first = m_firstOfPlay[unit.bVideo ? kRtspVideoTrack : kRtspAudioTrack];
+    if (!SendUnit(unit, first)) return false;
+    first = false;
+    uint64_t now = MonotonicUs();
+    if (now - m_lastReportUs >= kReportEveryUs) {
+        SendReports(false);
+        m_lastReportUs = now;
+    }
+    return true;
+}
+
+void RtspStream::Finish(int result) {
+    // Each track's last unit of the range carries T.
+    for (int track = 0; track < kRtspTracks; ++track) {
+        if (!m_held[track]) continue;
+        m_held[track]->bLast = result == kReplayDone;
+        if (!Deliver(*m_held[track])) return;
+    }
+    if (result == kReplayError)
+        LogTrace("%s %d: the card could not be read, the play ends\n", __FUNCTION__, __LINE__);
+    bool udp = m_tracks[kRtspVideoTrack].output && !m_tracks[kRtspVideoTrack].output->Tcp();
+    if (udp) WaitFor(kUdpByeDelayMs);
+    SendReports(true);
+}
+
 void RtspStream::Run() {
-    bool firstVideo = true;
-    bool firstAudio = true;
-    ReplayUnit unit;
+    // Every track holds its newest unit back until the next one comes, so
+    // that the range's last unit of each is known when it is sent.
+    m_firstOfPlay[kRtspVideoTrack] = m_firstOfPlay[kRtspAudioTrack] = true;
+    for (auto &held : m_held) held.reset();
+    // A sender report ties the play's RTP times to the recording's clock
+    // before its first packet: ONVIF players (GStreamer) drop packets they
+    // cannot place on that clock.
+    for (RtspTrack &track : m_tracks) {
+        track.u64LastCaptureUs = m_anchorUs;
+        track.u32LastTimestamp = track.u32BaseTimestamp;
+    }
+    SendReports(false);
+    m_lastReportUs = MonotonicUs();
     for (;;) {
         if (m_stop.load(std::memory_order_relaxed) != 0) break;
         if (m_paused.load(std::memory_order_relaxed) != 0) {
@@ -143,36 +188,21 @@ void RtspStream::Run() {
             m_wake.wait(lock, [this] { return m_stop.load() != 0 || m_paused.load() == 0; });
             continue;
         }
-        int result = NextUnit(&unit);
+        auto unit = std::make_unique<ReplayUnit>();
+        int result = NextUnit(unit.get());
         if (result == kReplayWaiting) {
             if (!WaitFor(kLiveWaitMs)) break;
             continue;
         }
         if (result != kReplayUnit) {
-            if (result == kReplayError)
-                LogTrace("%s %d: the card could not be read, the play ends\n", __FUNCTION__, __LINE__);
-            bool udp = m_tracks[kRtspVideoTrack].output && !m_tracks[kRtspVideoTrack].output->Tcp();
-            if (udp) WaitFor(kUdpByeDelayMs);
-            SendReports(true);
+            Finish(result);
             break;
         }
-        if (!unit.bVideo && (m_options.bIntraOnly || m_options.u32IntraGapMs != 0)) continue;
-        if (unit.bVideo && m_options.u32IntraGapMs != 0) {
-            if (!unit.bKey) continue;
-            if (m_lastKeyUs != 0 && unit.u64CaptureUs < m_lastKeyUs + m_options.u32IntraGapMs * kUsPerMs &&
-                !unit.bLast)
-                continue;
-            m_lastKeyUs = unit.u64CaptureUs;
-        }
-        if (!WaitPace(unit)) break;
-        bool &first = unit.bVideo ? firstVideo : firstAudio;
-        if (!SendUnit(unit, first)) break;
-        first = false;
-        uint64_t now = MonotonicUs();
-        if (now - m_lastReportUs >= kReportEveryUs) {
-            SendReports(false);
-            m_lastReportUs = now;
-        }
+        if (!Wanted(*unit)) continue;
+        std::unique_ptr<ReplayUnit> &held = m_held[unit->bVideo ? kRtspVideoTrack : kRtspAudioTrack];
+        unit->bLast = false;
+        if (held && !Deliver(*held)) break;
+        held = std::move(unit);
     }
     m_running.store(0, std::memory_order_relaxed);
 }

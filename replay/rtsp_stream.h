@@ -64,6 +64,9 @@ private:
     bool WaitPace(const ReplayUnit &unit);
     bool WaitFor(uint32_t ms);
     bool SendUnit(const ReplayUnit &unit, bool firstOfPlay);
+    bool Wanted(const ReplayUnit &unit);
+    bool Deliver(const ReplayUnit &unit);
+    void Finish(int result);
     void SendReports(bool bBye);
 
     RtspTrack (&m_tracks)[kRtspTracks];
@@ -84,4 +87,6 @@ private:
     uint64_t m_paceMediaUs = 0;
     uint64_t m_lastReportUs = 0;
     uint64_t m_lastKeyUs = 0;
+    std::unique_ptr<ReplayUnit> m_held[kRtspTracks];
+    bool m_firstOfPlay[kRtspTracks] = {true, true};
 };

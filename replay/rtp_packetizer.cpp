@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <cstring>
 
+#include "card_reader/adts_header.h"
 #include "common/nal_unit.h"
 #include "replay/rtp_bytes.h"
-#include "tools/adts_header.h"
 
 namespace {
 

@@ -4,9 +4,9 @@
 #include <iterator>
 
 #include "avrecord_lib/ps_packetizer.h"
+#include "card_reader/adts_header.h"
 #include "replay/base64.h"
 #include "replay/rtsp_range.h"
-#include "tools/adts_header.h"
 
 namespace {
 

@@ -64,7 +64,9 @@ std::string AudioLines(const ReplayTracks &tracks, const SdpTrack &track) {
     std::string type = std::to_string(track.u8PayloadType);
     std::string sdp = "m=audio 0 RTP/AVP " + type + "\r\n";
     std::string rate = std::to_string(track.u32ClockRate);
-    std::string channels = tracks.u32AudioChannels > 1 ? "/" + std::to_string(tracks.u32AudioChannels) : "";
+    std::string channels;
+    if (tracks.u32AudioChannels > 1)
+        channels = std::string("/").append(std::to_string(tracks.u32AudioChannels));
     if (track.payload == RtpPayload::kAac) {
         sdp += "a=rtpmap:" + type + " MPEG4-GENERIC/" + rate + channels + "\r\n";
         sdp += "a=fmtp:" + type +

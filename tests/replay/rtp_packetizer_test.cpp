@@ -98,8 +98,8 @@ TEST(RtpPacketizerTest, H265FragmentsKeepTheTwoByteHeader) {
 
 TEST(RtpPacketizerTest, AudioAacWithoutAdtsAndLongG711) {
     std::vector<uint8_t> adts = {0xFF, 0xF1, 0x50, 0x80, 0x04, 0x3F, 0xFC};  // 33-byte frame, 16 kHz mono
-    std::vector<uint8_t> frame = adts;
-    frame.resize(33, 0x5A);
+    std::vector<uint8_t> frame(33, 0x5A);
+    std::copy(adts.begin(), adts.end(), frame.begin());
     auto packets = Packetize(RtpPayload::kAac, frame, RtpFrameMarks{1, kReplayFlagClean, 0});
     ASSERT_EQ(packets.size(), 1u);
     size_t at = PayloadAt(packets[0]);

@@ -37,7 +37,8 @@ TEST(RtspRequestTest, BoundsAndBrokenLinesAreRefused) {
     std::string endless = "DESCRIBE rtsp://cam/replay RTSP/1.0\r\nX: " + std::string(kRtspMaxHeadBytes, 'a');
     EXPECT_EQ(RtspParseRequest(endless.data(), endless.size(), &request, &consumed), kRtspMalformed);
     std::string many = "OPTIONS * RTSP/1.0\r\n";
-    for (size_t i = 0; i <= kRtspMaxHeaders; ++i) many += "H" + std::to_string(i) + ": v\r\n";
+    for (size_t i = 0; i <= kRtspMaxHeaders; ++i)
+        many.append("H").append(std::to_string(i)).append(": v\r\n");
     many += "\r\n";
     EXPECT_EQ(RtspParseRequest(many.data(), many.size(), &request, &consumed), kRtspMalformed);
     for (std::string bad :

@@ -1,5 +1,6 @@
 #include "card_reader/recording_reader.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -126,6 +127,26 @@ int WalkFrames(int fd, const RecordingSpan &span, uint32_t at, std::vector<uint8
     return 0;
 }
 
+// The walk of RecordingSeekStart on an open media file.
+int SeekStart(int fd, RecordingSpan *span, uint32_t from, std::vector<uint8_t> &buffer, std::string *reason) {
+    uint32_t first = span->u32DataBegin;
+    uint32_t keyTime = 0;
+    bool videoSeen = false;  // without a key frame, the first video frame's time
+    int walked = WalkFrames(
+        fd, *span, first, buffer,
+        [&](const RecordingFrame &f) {
+            if (f.bKey) first = f.u32Offset;
+            if (f.bKey || (f.iType == kPSFrameVideo && !videoSeen)) keyTime = f.u32Time;
+            videoSeen = videoSeen || f.iType == kPSFrameVideo;
+            return f.iType != kPSFrameVideo || f.u32Time < from;
+        },
+        reason);
+    if (walked != 0) return -1;
+    span->u32DataBegin = first;
+    span->u32KeyTime = keyTime;
+    return 0;
+}
+
 }  // namespace
 
 bool RecordingIsH265(const RecordingFrame &key) {
@@ -184,28 +205,42 @@ int RecordingLocate(const char *cardDir, RecordingSpan *span, std::string *reaso
     return SetDataRange(media.fd(), span, reason);
 }
 
+uint32_t RecordingKeyEntryBefore(int mediaFd, const SectionInfoHead &s, uint32_t firstEntry, uint32_t from) {
+    if (s.m_u32KeyFrameSum == 0 || s.m_u32StartTime >= from || firstEntry >= kMaxKeyFrameEntries) return 0;
+    uint32_t count = std::min(s.m_u32KeyFrameSum, kMaxKeyFrameEntries - firstEntry);
+    std::vector<KeyFrameEntry> entries(count);
+    if (AV_RecordStreamInfoRead(mediaFd, kKeyFrameTableOffset + KeyFrameEntryOffset(firstEntry),
+                                entries.data(), count * kKeyFrameEntrySize) < 0)
+        return 0;
+    // Entries follow the recording: the last one that fits is the one.
+    for (auto e = entries.rbegin(); e != entries.rend(); ++e) {
+        if (e->m_u32HeadFlag != kKeyFrameEntryFlag || e->m_u32Time >= from ||
+            e->m_u32FrameOffset >= s.m_u32SectionSize)
+            continue;
+        uint32_t offset = s.m_u32SectionOffset + e->m_u32FrameOffset;
+        if (libAVRecordPlayBackIsKeyFrame(mediaFd, offset) == 1) return offset;
+    }
+    return 0;
+}
+
+int RecordingSeekStart(const char *cardDir, RecordingSpan *span, uint32_t from, std::string *reason) {
+    if (cardDir == nullptr || span == nullptr) return Fail(reason, "no card or recording");
+    FileGuard media = AVFileOpenGuarded(MediaPath(cardDir, span->u32FileNo));
+    if (media.fd() < 0) return Fail(reason, "cannot open " + MediaPath(cardDir, span->u32FileNo));
+    std::vector<uint8_t> buffer(kFrameBufferSize);
+    return SeekStart(media.fd(), span, from, buffer, reason);
+}
+
 int RecordingReadFrames(const char *cardDir, const RecordingSpan &span,
                         const std::function<bool(const RecordingFrame &)> &visit, std::string *reason) {
     if (cardDir == nullptr) return Fail(reason, "no card");
     FileGuard media = AVFileOpenGuarded(MediaPath(cardDir, span.u32FileNo));
     if (media.fd() < 0) return Fail(reason, "cannot open " + MediaPath(cardDir, span.u32FileNo));
     std::vector<uint8_t> buffer(kFrameBufferSize);
-    uint32_t first = span.u32DataBegin;
-    if (span.bEvent) {
-        // Decoding starts at the last key frame at or before the first
-        // frame of the event's first second: a key frame later in that
-        // second would leave the frames before it out.
-        int walked = WalkFrames(
-            media.fd(), span, first, buffer,
-            [&](const RecordingFrame &f) {
-                if (f.bKey) first = f.u32Offset;
-                return f.iType != kPSFrameVideo || f.u32Time < span.u32FromTime;
-            },
-            reason);
-        if (walked != 0) return -1;
-    }
+    RecordingSpan from = span;
+    if (span.bEvent && SeekStart(media.fd(), &from, span.u32FromTime, buffer, reason) != 0) return -1;
     return WalkFrames(
-        media.fd(), span, first, buffer,
+        media.fd(), span, from.u32DataBegin, buffer,
         [&](const RecordingFrame &f) {
             bool pastEvent =
                 span.bEvent && span.u32ToTime != 0 && f.iType == kPSFrameVideo && f.u32Time > span.u32ToTime;

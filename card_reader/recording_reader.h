@@ -20,6 +20,7 @@ struct RecordingSpan {
     uint32_t u32DataEnd;        // end of the section's program stream
     uint32_t u32FromTime;       // event start (0 for a section)
     uint32_t u32ToTime;         // event end (0 for a section)
+    uint32_t u32KeyTime;        // time of the key frame reading starts on (RecordingSeekStart)
 };
 
 struct RecordingFrame {
@@ -43,9 +44,22 @@ int RecordingParseName(const char *name, RecordingSpan *span);
 // -1 with the reason.
 int RecordingLocate(const char *cardDir, RecordingSpan *span, std::string *reason);
 
+// The offset of the section's last key frame whose key-frame table entry
+// (entries firstEntry on) is stamped before `from`, 0 when there is none: a
+// place to start looking for where reading from `from` begins, without
+// walking a long section from its start.
+uint32_t RecordingKeyEntryBefore(int mediaFd, const SectionInfoHead &s, uint32_t firstEntry, uint32_t from);
+
+// Moves u32DataBegin to the key frame reading from `from` starts on, the
+// last key frame at or before the span's first video frame stamped `from`
+// or later (a key frame later in that second would leave the frames before
+// it out), and sets u32KeyTime to its time. The search starts at
+// u32DataBegin. 0, or -1 with the reason.
+int RecordingSeekStart(const char *cardDir, RecordingSpan *span, uint32_t from, std::string *reason);
+
 // Hands the recording's frames to visit, which returns false to stop: a
 // section from its first frame to its end, an event from the key frame
-// before its first frame stamped with its start time to its last frame
-// stamped with its end time. 0, or -1 with the reason.
+// RecordingSeekStart finds for its start time to its last frame stamped
+// with its end time. 0, or -1 with the reason.
 int RecordingReadFrames(const char *cardDir, const RecordingSpan &span,
                         const std::function<bool(const RecordingFrame &)> &visit, std::string *reason);

@@ -13,6 +13,7 @@
 #include "card_reader/record_timeline.h"
 #include "card_reader/recording_reader.h"
 #include "common/card_time.h"
+#include "mp4/card_clip.h"
 #include "tools/calendar_time.h"
 #include "tools/seek_file.h"
 
@@ -201,26 +202,6 @@ std::string SectionDetails(const std::string &cardDir, const CardCatalog &catalo
 }
 
 }  // namespace
-
-int CatalogKeyFrame(const std::string &cardDir, const CatalogSection &section, uint32_t at,
-                    KeyFrameEntry *key) {
-    FileGuard media = AVFileOpenGuarded(CardMediaFilePath(cardDir, section.head.m_u32FileNo));
-    if (media.fd() < 0) return -1;
-    bool found = false;
-    uint32_t count = std::min(section.head.m_u32KeyFrameSum,
-                              kMaxKeyFrameEntries - std::min(section.firstKeyEntry, kMaxKeyFrameEntries));
-    for (uint32_t k = 0; k < count; ++k) {
-        KeyFrameEntry entry;
-        if (AV_RecordKeyFrameEntryRead(media.fd(), KeyFrameEntryOffset(section.firstKeyEntry + k), &entry) <
-            0)
-            return -1;
-        if (entry.m_u32HeadFlag != kKeyFrameEntryFlag) continue;
-        if (found && entry.m_u32Time > at) break;
-        *key = entry;
-        found = true;
-    }
-    return found ? 0 : -1;
-}
 
 ApiReply ApiError(int status, const std::string &message) {
     return ApiReply{status, JsonLine().Add("error", message).Text()};
@@ -424,9 +405,14 @@ ApiReply ApiPlay(const std::string &cardDir, const ApiQuery &query) {
     if (loaded.status != kHttpOk) return loaded;
     const CatalogSection *section = CatalogSectionAt(catalog, at, kPlaySlackSeconds);
     if (section == nullptr) return ApiError(kHttpNotFound, "nothing was recorded at that moment");
-    KeyFrameEntry key{};
-    uint32_t keyTime = section->head.m_u32StartTime;
-    if (CatalogKeyFrame(cardDir, *section, at, &key) == 0) keyTime = std::max(keyTime, key.m_u32Time);
+    // The moment and range the video of the same query streams (FindPlayable).
+    ClipRequest request;
+    request.cardDir = cardDir;
+    request.from = std::max(at, section->head.m_u32StartTime);
+    request.to = section->end;
+    uint32_t keyTime = 0;
+    std::string reason;
+    if (CardClipKeyTime(request, &keyTime, &reason) != kClipOk) return ApiError(kHttpServerError, reason);
     return ApiReply{kHttpOk, SectionDetails(cardDir, catalog, *section, JsonLine().Add("key_time", keyTime))};
 }
 

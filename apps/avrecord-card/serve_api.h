@@ -84,12 +84,6 @@ inline constexpr uint32_t kPlaySlackSeconds = 5;
 // starts within slack seconds after it; nullptr when there is none.
 const CatalogSection *CatalogSectionAt(const CardCatalog &catalog, uint32_t at, uint32_t slack);
 
-// The section's key frame at or before moment at (its first key frame when
-// at lies before it). 0, or -1 when the section's key-frame table cannot be
-// read.
-int CatalogKeyFrame(const std::string &cardDir, const CatalogSection &section, uint32_t at,
-                    KeyFrameEntry *key);
-
 // The calls. Each reads the card only after its parameters passed.
 ApiReply ApiDays(const std::string &cardDir, const ApiQuery &query);
 ApiReply ApiSections(const std::string &cardDir, const ApiQuery &query);

@@ -57,31 +57,6 @@ uint32_t FrameRateOf(const SectionInfoHead &s) {
     return s.m_u8FrameRate != 0 ? s.m_u8FrameRate : kDefaultFrameRate;
 }
 
-// The section's last key-frame entry stamped before `from`, from the media
-// file's key-frame table (entries firstEntry .. ), so a clip starting deep
-// in a long section does not read its way there; the reader goes on from
-// it to the key frame before the first frame stamped `from`. 0 when there
-// is none.
-uint32_t KeyFrameAtOrBefore(int mediaFd, const SectionInfoHead &s, uint32_t firstEntry, uint32_t from) {
-    if (s.m_u32KeyFrameSum == 0 || s.m_u32StartTime >= from) return 0;
-    uint64_t tableBytes = uint64_t{s.m_u32KeyFrameSum} * kKeyFrameEntrySize;
-    uint64_t at = uint64_t{kKeyFrameTableOffset} + uint64_t{firstEntry} * kKeyFrameEntrySize;
-    if (at + tableBytes > kMediaFileSize) return 0;
-    std::vector<KeyFrameEntry> entries(s.m_u32KeyFrameSum);
-    if (AV_RecordStreamInfoRead(mediaFd, static_cast<uint32_t>(at), entries.data(),
-                                static_cast<uint32_t>(tableBytes)) < 0)
-        return 0;
-    // Entries follow the recording: the last one that fits is the one.
-    for (auto e = entries.rbegin(); e != entries.rend(); ++e) {
-        if (e->m_u32HeadFlag != kKeyFrameEntryFlag || e->m_u32Time >= from ||
-            e->m_u32FrameOffset >= s.m_u32SectionSize)
-            continue;
-        uint32_t offset = s.m_u32SectionOffset + e->m_u32FrameOffset;
-        if (libAVRecordPlayBackIsKeyFrame(mediaFd, offset) == 1) return offset;
-    }
-    return 0;
-}
-
 // Share of a section's [start, end] second range that [from, to] covers.
 double Covered(const SectionInfoHead &s, uint32_t from, uint32_t to) {
     uint64_t begin = std::max(s.m_u32StartTime, from);
@@ -121,7 +96,7 @@ int PlanRange(const ClipRequest &request, ClipPlan *plan, std::string *reason) {
             if (s.m_u32EndTime == 0 || s.m_u32EndTime < s.m_u32StartTime || s.m_u32StartTime > request.to ||
                 s.m_u32EndTime < request.from)
                 return;
-            found.push_back({s, KeyFrameAtOrBefore(mediaFd, s, firstEntry, request.from)});
+            found.push_back({s, RecordingKeyEntryBefore(mediaFd, s, firstEntry, request.from)});
         });
     if (walked != 0) {
         *reason = "cannot read the index of " + plan->cardDir;
@@ -143,6 +118,9 @@ int PlanRange(const ClipRequest &request, ClipPlan *plan, std::string *reason) {
         }
         if (p.keyOffset > piece.span.u32DataBegin && p.keyOffset < piece.span.u32DataEnd)
             piece.span.u32DataBegin = p.keyOffset;
+        uint32_t shownFrom = piece.span.bEvent ? piece.span.u32FromTime : 0;
+        if (RecordingSeekStart(plan->cardDir.c_str(), &piece.span, shownFrom, reason) != 0)
+            return kClipCardError;
         Estimate(&piece, Covered(s, request.from, request.to));
         plan->pieces.push_back(piece);
     }
@@ -151,6 +129,14 @@ int PlanRange(const ClipRequest &request, ClipPlan *plan, std::string *reason) {
         return kClipNothing;
     }
     return kClipOk;
+}
+
+// The pieces of the clip request asks for.
+int Plan(const ClipRequest &request, ClipPlan *plan, std::string *reason) {
+    plan->cardDir = request.cardDir;
+    if (plan->cardDir.empty() || plan->cardDir.back() != '/') plan->cardDir += '/';
+    return request.recording.empty() ? PlanRange(request, plan, reason)
+                                     : PlanRecording(request, plan, reason);
 }
 
 Mp4AudioKind AudioKindOf(const SectionInfoHead &s) {
@@ -388,10 +374,7 @@ int MakeClip(const ClipRequest &request, const OpenOutput &open, const ClipProgr
     if (reason == nullptr) reason = &why;
     *info = ClipInfo{};
     ClipPlan plan;
-    plan.cardDir = request.cardDir;
-    if (plan.cardDir.empty() || plan.cardDir.back() != '/') plan.cardDir += '/';
-    int result =
-        request.recording.empty() ? PlanRange(request, &plan, reason) : PlanRecording(request, &plan, reason);
+    int result = Plan(request, &plan, reason);
     if (result != kClipOk) return result;
     Probe probe;
     result = ProbeTracks(plan.cardDir, plan.pieces.front(), &probe, reason);
@@ -430,6 +413,13 @@ int CardClipToFile(const ClipRequest &request, const std::string &path, const Cl
         progress, info, reason);
     if (result != kClipOk && created) unlink(path.c_str());
     return result;
+}
+
+int CardClipKeyTime(const ClipRequest &request, uint32_t *keyTime, std::string *reason) {
+    ClipPlan plan;
+    int planned = Plan(request, &plan, reason);
+    if (planned == kClipOk) *keyTime = plan.pieces.front().span.u32KeyTime;
+    return planned;
 }
 
 int CardClipToStream(const ClipRequest &request, const ClipSinkFn &sink, const ClipProgressFn &progress,

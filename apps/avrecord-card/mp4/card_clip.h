@@ -86,6 +86,10 @@ using ClipSinkFn = std::function<bool(const uint8_t *data, size_t length)>;
 int CardClipToFile(const ClipRequest &request, const std::string &path, const ClipProgressFn &progress,
                    ClipInfo *info, std::string *reason);
 
+// The wall clock of the key frame a clip of the range [from, to] starts
+// decoding on: what a player of the range shows first. One of the results.
+int CardClipKeyTime(const ClipRequest &request, uint32_t *keyTime, std::string *reason);
+
 // Hands the clip to sink as fragmented MP4.
 int CardClipToStream(const ClipRequest &request, const ClipSinkFn &sink, const ClipProgressFn &progress,
                      ClipInfo *info, std::string *reason);

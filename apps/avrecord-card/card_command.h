@@ -32,7 +32,11 @@ struct CardCommand {
     int (*run)(const CardArgs &args);
     // The flag with which --image is opened read-write (nullptr: never).
     const char *imageWriteFlag = nullptr;
+    // Reads the card's index: takes --recover, and is warned of a damaged
+    // index without it.
+    bool readsIndex = false;
 };
+inline constexpr bool kReadsIndex = true;
 
 bool RegisterCardCommand(const CardCommand &command);
 
@@ -79,6 +83,11 @@ JsonLine &AddFileRecord(JsonLine &line, uint32_t fileNo, const FileInfoHead &fil
 // value: for --image, the size in MiB of the image or device, as the
 // formatter writes it; 0 for a card directory.
 uint32_t CardConfigValue(const CardArgs &args);
+
+// Before a command that reads the index runs: with --recover the rebuilt
+// index goes in under every read of the card, without it a damaged index
+// is named. kExitOk, or the exit code to stop with.
+int CardPrepareIndexReader(const CardArgs &args);
 
 // True when --recover is in force and the section is a remnant of an earlier
 // lap of the circular recording (frames the index no longer describes).

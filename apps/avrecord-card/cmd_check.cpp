@@ -47,5 +47,5 @@ int RunCheck(const CardArgs &args) {
 
 }  // namespace
 
-AVR_CARD_COMMAND(check, "check", "check [--card DIR|--image PATH] [--frames] [--json]", {"--image"},
-                 RunCheck);
+AVR_CARD_COMMAND(check, "check", "check [--card DIR|--image PATH] [--frames] [--json]", {"--image"}, RunCheck,
+                 nullptr, kReadsIndex);

@@ -330,4 +330,4 @@ int RunExport(const CardArgs &args) {
 #endif
 
 AVR_CARD_COMMAND(export, "export", AVR_EXPORT_USAGE, {"-o", "--format", "--from", "--to", "--image"},
-                 RunExport);
+                 RunExport, nullptr, kReadsIndex);

@@ -73,4 +73,4 @@ int RunFrames(const CardArgs &args) {
 }  // namespace
 
 AVR_CARD_COMMAND(frames, "frames", "frames NAME [--card DIR|--image PATH] [--json] [--es OUT]",
-                 {"--es", "--image"}, RunFrames);
+                 {"--es", "--image"}, RunFrames, nullptr, kReadsIndex);

@@ -68,14 +68,5 @@ int RunInfo(const CardArgs &args) {
 
 }  // namespace
 
-JsonLine &AddFileRecord(JsonLine &line, uint32_t fileNo, const FileInfoHead &file) {
-    return line.Add("file", fileNo)
-        .Add("start", file.m_u32StartTime)
-        .Add("end", file.m_u32EndTime)
-        .Add("data_size", file.m_u32DataSize)
-        .Add("sections", file.m_u32RecordSectionSum)
-        .Add("key_frames", file.m_u32KeyFrameSum)
-        .Add("record_type", file.m_u32RecordType);
-}
-
-AVR_CARD_COMMAND(info, "info", "info [--card DIR|--image PATH] [--json]", {"--image"}, RunInfo);
+AVR_CARD_COMMAND(info, "info", "info [--card DIR|--image PATH] [--json]", {"--image"}, RunInfo, nullptr,
+                 kReadsIndex);

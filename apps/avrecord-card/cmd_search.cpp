@@ -80,4 +80,4 @@ int RunSearch(const CardArgs &args) {
 
 AVR_CARD_COMMAND(search, "search",
                  "search --from TIME --to TIME [--type 2|1|4|8] [--card DIR|--image PATH] [--json]",
-                 {"--from", "--to", "--type", "--image"}, RunSearch);
+                 {"--from", "--to", "--type", "--image"}, RunSearch, nullptr, kReadsIndex);

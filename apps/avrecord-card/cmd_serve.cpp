@@ -35,4 +35,4 @@ int RunServe(const CardArgs &args) {
 
 }  // namespace
 
-AVR_CARD_COMMAND(serve, "serve", kServeUsage, {"--listen", "--image"}, RunServe);
+AVR_CARD_COMMAND(serve, "serve", kServeUsage, {"--listen", "--image"}, RunServe, nullptr, kReadsIndex);

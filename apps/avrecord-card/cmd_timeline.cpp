@@ -44,4 +44,4 @@ int RunTimeline(const CardArgs &args) {
 
 AVR_CARD_COMMAND(timeline, "timeline",
                  "timeline --day YYYY-MM-DD -o OUT.svg [--card DIR|--image PATH] [--json]",
-                 {"--day", "-o", "--image"}, RunTimeline);
+                 {"--day", "-o", "--image"}, RunTimeline, nullptr, kReadsIndex);

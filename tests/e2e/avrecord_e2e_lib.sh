@@ -21,6 +21,9 @@ simpid=
 daemonpid=
 failures=0
 recording_line="Now RotateAngle"  # the writer took a run's first key frame
+# The simulator's status as the daemon stopped (forced key frames asked and
+# done); a real-card lane keeps it in the VM's work folder.
+sim_status_file="${REAL_CARD_WORK:-$work}/sim-status.txt"
 
 fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
 
@@ -34,6 +37,9 @@ trap cleanup EXIT
 
 finish() {
   if [ "$failures" -ne 0 ]; then
+    [ -n "$simpid" ] && save_sim_status
+    echo "--- avcam-sim status (forced key: frame it was published at, after the frame it was asked at) ---"
+    cat "$sim_status_file" 2>/dev/null
     echo "--- daemon log (last 40 lines) ---"
     tail -40 "$log" 2>/dev/null
     # What the stream reader said: its start, wraps, serial gaps and resyncs.
@@ -91,6 +97,14 @@ diff_day_segment() {
 
 sim_set() { "$sim" set "$@" >/dev/null || fail "avcam-sim set $*"; }
 
+save_sim_status() { "$sim" status >"$sim_status_file" 2>&1; }
+
+# The force-I-frame requests the simulator answered, from its saved status.
+forced_key_frames() {
+  [ -f "$sim_status_file" ] || { [ -n "$simpid" ] && save_sim_status; }
+  sed -nE 's/.*force-I-frames ([0-9]+).*/\1/p' "$sim_status_file" 2>/dev/null | grep . || echo 0
+}
+
 # start_daemon [ENV=VALUE...]: AVRecord with the test root, under the
 # command in daemon_wrapper when a test sets one; its log in $log.
 daemon_wrapper=()
@@ -110,6 +124,7 @@ stop_daemon() {
   wait "$daemonpid"
   local rc=$?
   daemonpid=
+  save_sim_status
   [ "$rc" -eq 0 ] || fail "daemon exited $rc after SIGTERM"
   grep -q "RecordStop AVRecord exit!!!" "$log" || fail "no exit line after SIGTERM"
   [ "$(grep -c 'Get a signal -- SIGTERM' "$log")" -eq 1 ] || fail "the second SIGTERM was not ignored"
@@ -172,26 +187,48 @@ check_recording() {
 }
 
 # check_section_stream FILE SECTION FRAMES: the section's elementary stream
-# is one contiguous run of the published 1080p sample from a key frame on,
-# with FRAMES access units.
+# is a run of the published 1080p sample from a key frame on, with FRAMES
+# access units. A forced key frame makes the simulator jump to the sample's
+# next key frame, so the run may break at a key frame once per force-I-frame
+# request it answered; every break is named with where it falls.
 check_section_stream() {
   local name
   name=$(printf 'hi%06d_%06d.mp4' "$1" "$2")
   "$card_tool" frames "$name" --card "$card" --es "$work/recorded.h264" >/dev/null 2>"$work/frames.err" ||
     fail "frames --es: $(cat "$work/frames.err")"
-  python3 - "$samples/h264_1080p.h264" "$work/recorded.h264" "$3" <<'PY' || fail "$name: recorded stream differs from the input"
-import re, sys
+  python3 - "$samples/h264_1080p.h264" "$work/recorded.h264" "$3" "$(forced_key_frames)" <<'PY' || fail "$name: recorded stream differs from the input"
+import bisect, re, sys
 data = open(sys.argv[1], 'rb').read()
 data = re.sub(rb'(?<!\x00)\x00\x00\x01', b'\x00\x00\x00\x01', data)  # as published
 got = open(sys.argv[2], 'rb').read()
-if not got.startswith(b'\x00\x00\x00\x01\x67'):
+forced = int(sys.argv[4])
+key = b'\x00\x00\x00\x01\x67'
+if not got.startswith(key):
     sys.exit('recording does not start with a key frame')
-loops = len(got) // len(data) + 2
-if (data * loops).find(got) < 0:
-    sys.exit('recorded bytes are not a contiguous run of the published stream')
-units = got.count(b'\x00\x00\x00\x01\x65') + got.count(b'\x00\x00\x00\x01\x41')
-if units != int(sys.argv[3]):
-    sys.exit(f'{units} access units in the stream, {sys.argv[3]} in the index')
+units = [m.start() for m in re.finditer(rb'\x00\x00\x00\x01[\x65\x41]', got)]
+def where(offset):
+    return f'byte {offset} (access unit {bisect.bisect_left(units, offset) + 1})'
+stream = data * 3
+gops = [m.start() for m in re.finditer(re.escape(key), got)] + [len(got)]
+at, breaks = None, []
+for start, end in zip(gops, gops[1:]):
+    gop = got[start:end]
+    if at is not None and stream[at:at + len(gop)] == gop:
+        at = (at + len(gop)) % len(data)
+        continue
+    found = stream.find(gop)
+    if found < 0:
+        sys.exit(f'recorded bytes from {where(start)} to byte {end} are no run of the published stream')
+    if at is not None:
+        breaks.append(f'stream breaks at {where(start)}: sample byte {found % len(data)} follows where {at} was due')
+    at = (found + len(gop)) % len(data)
+for line in breaks:
+    print('  ' + line)
+if len(breaks) > forced:
+    sys.exit(f'{len(breaks)} breaks in the recorded stream, {forced} forced key frames to explain them')
+count = len(units)
+if count != int(sys.argv[3]):
+    sys.exit(f'{count} access units in the stream, {sys.argv[3]} in the index')
 PY
 }
 

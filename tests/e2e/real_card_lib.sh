@@ -10,6 +10,7 @@ real_card_probe || { echo "SKIP: $real_card_why"; exit 0; }
 
 vm="$work/vm"
 log="$vm/avrecord.log"
+sim_status_file="$vm/sim-status.txt"  # saved inside the VM as the daemon stopped
 
 # real_card_record SECONDS [ARM_DAEMON]: formats the card, boots, records
 # SECONDS (the steps in $real_card_steps, tests/e2e/real_card_steps.sh by

@@ -45,6 +45,18 @@ protected:
 
     std::string Index() const { return card_ + kIndexFileName; }
 
+    // Section 1 of file 2, from 1700000000 to endTime, of size bytes.
+    static SectionInfoHead FirstSection(uint32_t size, uint32_t endTime) {
+        FileInfoHead file{};
+        file.m_u32FileNo = 2;
+        file.m_u32RecordSectionSum = 1;
+        SectionInfoHead section{};
+        AV_RecordSectionInfoHeadInit(&file, &section, 1700000000, 1, 1);
+        section.m_u32SectionSize = size;
+        section.m_u32EndTime = endTime;
+        return section;
+    }
+
     ScopedRoot root_;
     std::string card_;
 };
@@ -99,13 +111,7 @@ TEST(SDCardMountCheckTest, LooksForTheCardAtTheStartOfTheFirstMountLine) {
 // leaves the file one frame behind; the next section starts behind the
 // last one's data, not inside it.
 TEST_F(RecordParamInitTest, FileRecordCatchesUpWithItsLastSection) {
-    FileInfoHead file{};
-    file.m_u32FileNo = 2;
-    file.m_u32RecordSectionSum = 1;
-    SectionInfoHead section{};
-    AV_RecordSectionInfoHeadInit(&file, &section, 1700000000, 1, 1);
-    section.m_u32SectionSize = 0x40507;
-    section.m_u32EndTime = 1700000009;
+    SectionInfoHead section = FirstSection(0x40507, 1700000009);
     section.m_u32KeyFrameSum = 5;
     WriteIndex(0x403b9, &section);
     ASSERT_EQ(AVRecordParamInit(0), 0);
@@ -163,13 +169,7 @@ TEST_F(RecordParamInitTest, FullCurrentFileOnTheCardIsLeftForTheNextFile) {
 // The same when only the section record reached the card: the catch-up
 // makes the file full, and the file is left.
 TEST_F(RecordParamInitTest, FileMadeFullByItsLastSectionIsLeft) {
-    FileInfoHead file{};
-    file.m_u32FileNo = 2;
-    file.m_u32RecordSectionSum = 1;
-    SectionInfoHead section{};
-    AV_RecordSectionInfoHeadInit(&file, &section, 1700000000, 1, 1);
-    section.m_u32SectionSize = kMediaFileFullSize + 0x80;
-    section.m_u32EndTime = 1700000240;
+    SectionInfoHead section = FirstSection(kMediaFileFullSize + 0x80, 1700000240);
     WriteIndex(kMediaFileFullSize - 0x40000, &section);
     ASSERT_EQ(AVRecordParamInit(0), 0);
     EXPECT_EQ(GetRecordConfigInfo()->m_u32FileInfoHeadNo, 3u);

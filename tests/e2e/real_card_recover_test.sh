@@ -214,23 +214,36 @@ grep -vxFf "$work/power-cut.sections" "$work/truth.sections" >"$work/power-cut.l
   fail "power-cut: sections of the earlier recording differ: $(head -2 "$work/power-cut.lost")"
 report power-cut "(after log entry $entry: $uncounted frames on the card beyond the index)"
 
-# The next lap: file 0 marked full and every file used, as after a lap of
-# the card. A daemon that finds its current file full starts it again from
-# offset 0 with a fresh file record (as it does when a run ended on the full
-# mark and the next file is due), so it records 3 s over the reference
-# recording's start. The written index must be the daemon's (the new lap);
-# the read-only view adds the older lap's frames behind it, each once.
+# The next lap: every file used and the last one current and full, as a
+# daemon stopped in the turn in which it filled the card's last file leaves
+# them. The next daemon moves on to the oldest file, file 0, and starts it
+# again from offset 0 with a fresh file record, so it records 3 s over the
+# reference recording's start. The last file's made-up record is cleared
+# again afterwards (its file holds nothing to recover). The written index
+# must be the daemon's (the new lap); the read-only view adds the older
+# lap's frames behind it, each once.
 cp --sparse=always "$work/card.img" "$work/lap.img"
-python3 - "$work/lap.img" "$(file_at "$work/card.img" index000.bin)" <<'PY'
+lap_index=$(file_at "$work/card.img" index000.bin)
+python3 - "$work/lap.img" "$lap_index" <<'PY'
 import struct, sys
 with open(sys.argv[1], 'r+b') as f:
     at = int(sys.argv[2])
-    f.seek(at + 0x18)
-    f.write(struct.pack('<I', 4))  # files used: all
-    f.seek(at + 0x400 + 0x10)
-    f.write(struct.pack('<I', 0xF900000))  # file 0's data size: full
+    f.seek(at + 0x14)
+    files = struct.unpack('<I', f.read(4))[0]
+    f.write(struct.pack('<2I', files, files - 1))  # every file used, the last one current
+    f.seek(at + 0x400 + 48 * (files - 1))
+    f.write(struct.pack('<8I', 0x46484652, files - 1, 0, 0, 0xF900000, 1, 1, 0))  # and full
 PY
 vm_record "$work/lap.img" record 3
+python3 - "$work/lap.img" "$lap_index" <<'PY'
+import struct, sys
+with open(sys.argv[1], 'r+b') as f:
+    at = int(sys.argv[2])
+    f.seek(at + 0x14)
+    files = struct.unpack('<I', f.read(4))[0]
+    f.seek(at + 0x400 + 48 * (files - 1))
+    f.write(bytes(48))
+PY
 frames_of "$work/lap.img" >"$work/lap.frames"
 # The older lap's frames that survive whole, from its first surviving key
 # frame on (those before it cannot be decoded, and no remnant starts there).

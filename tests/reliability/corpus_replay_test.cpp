@@ -10,6 +10,7 @@
 
 #include "fuzz/avi_entry.h"
 #include "fuzz/card_image_entry.h"
+#include "fuzz/http_entry.h"
 #include "fuzz/ini_entry.h"
 #include "fuzz/playback_entry.h"
 #include "fuzz/ring_entry.h"
@@ -51,6 +52,7 @@ TEST(CorpusReplay, SeekFileAndIndexCheck) {
 }
 TEST(CorpusReplay, AviReader) { Replay("avi", fuzz::FuzzAviReader); }
 TEST(CorpusReplay, CardImageReader) { Replay("card_image", fuzz::FuzzCardImage); }
+TEST(CorpusReplay, ReplayHttpRequest) { Replay("http", fuzz::FuzzHttpRequest); }
 
 TEST(CorpusReplay, RingReader) {
     REQUIRE_PRIVATE_IPC();

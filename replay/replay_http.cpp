@@ -242,13 +242,5 @@ int ReplayHttpServer::Start() {
     };
     if (listener_.Start(options_.listenAddress, options_.u16Port, options_.u32MaxClients, serve, refuse) != 0)
         return -1;
-    LogTrace("%s %d: HTTP on %s:%u\n", __FUNCTION__, __LINE__, options_.listenAddress.c_str(), Port());
     return 0;
-}
-
-int ReplayHttpStart(const ReplayHttpOptions &options) {
-    static std::unique_ptr<ReplayHttpServer> server;
-    if (server != nullptr) return -1;
-    server = std::make_unique<ReplayHttpServer>(options);
-    return server->Start();
 }

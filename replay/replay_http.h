@@ -37,8 +37,5 @@ private:
     TcpListener listener_;
 };
 
-// Starts a server that serves as long as the process runs. 0 or -1.
-int ReplayHttpStart(const ReplayHttpOptions &options);
-
 // Answers one request read from fd (then closes nothing: the caller owns fd).
 void ReplayHttpServe(int fd, const ReplayHttpOptions &options, const std::atomic<uint32_t> &stop);

@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "common/log.h"
+#include "replay/replay_http.h"
 #include "replay/replay_source.h"
 #include "replay/rtsp_server.h"
 #include "replay_settings.h"
@@ -70,7 +71,18 @@ int main(int argc, char **argv) {
     if (rtsp.Start() != 0) return 1;
     LogTrace("%s %d: replay of %s at rtsp://%s:%u/replay\n", __FUNCTION__, __LINE__, card.dir.c_str(),
              options.listenAddress.c_str(), rtsp.Port());
+    ReplayHttpOptions http;
+    http.listenAddress = options.listenAddress;
+    http.u16Port = settings.u16HttpPort;
+    http.u32MaxClients = settings.u32MaxClients;
+    http.card = card;
+    http.auth = &auth;
+    ReplayHttpServer listing(http);
+    if (listing.Start() != 0) return 1;
+    LogTrace("%s %d: listing at http://%s:%u/list\n", __FUNCTION__, __LINE__, http.listenAddress.c_str(),
+             listing.Port());
     WaitForStop();
+    listing.Stop();
     rtsp.Stop();
     return 0;
 }

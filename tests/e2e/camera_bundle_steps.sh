@@ -4,7 +4,7 @@
 # (camera_bundle_test.sh). The bundle is unpacked at AVRECORD_ROOT with its
 # etc/default/avrecord written. A daemon that keeps exiting is started again
 # after a growing pause; a killed one at once; a second start starts
-# nothing; stop ends it with status 0.
+# nothing; stop ends it with status 0. The replay server runs beside it.
 source "$AVRECORD_SOURCE_DIR/tests/e2e/avrecord_e2e_lib.sh"
 root=$AVRECORD_ROOT
 card=$card_dir/
@@ -47,6 +47,22 @@ sleep 2
 [ "$(count_procs "$root/bin/AVRecord")" -eq 1 ] || fail "$(count_procs "$root/bin/AVRecord") daemons after a second start"
 [ "$(cat "$run_dir/avrecord.pid")" = "$second" ] || fail "the second start replaced the daemon"
 init status >/dev/null || fail "status exited $? while running"
+
+# 3b. The replay server beside the recorder, kept running by its own start
+# script: while AVRecord records, its listing shows the recording.
+replay() { busybox sh "$root/etc/init.d/S61avrecord-replay" "$@"; }
+ip link set lo up 2>/dev/null || true  # the VM starts with its loopback down
+http_port=$(sed -n 's/^HttpPort=//p' "$root/opt/app/config/CustomTools.cfg")
+replay start >/dev/null || fail "replay start exited $?"
+listed=
+for _ in $(seq 60); do
+  listed=$(curl -s --max-time 5 "http://127.0.0.1:$http_port/list") && [ "${listed#*duration}" != "$listed" ] && break
+  sleep 1
+done
+[ "${listed#*duration}" != "$listed" ] || fail "the replay server lists no recording: '$listed'"
+replay status >/dev/null || fail "replay status exited $? while running"
+replay stop >/dev/null || fail "replay stop exited $?"
+[ "$(count_procs "$root/bin/avrecord-replay")" -eq 0 ] || fail "the replay server outlived stop"
 
 # 4. Stop: SIGTERM, the daemon's own exit, nothing left.
 init stop >/dev/null || fail "stop exited $?"

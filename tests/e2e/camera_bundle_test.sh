@@ -35,13 +35,19 @@ sample="$root/opt/app/config/CustomTools.cfg.sample"
 for key in $(sed -n 's/.*k[A-Za-z]*Key\[\] = "\([^"]*\)".*/\1/p' "$AVRECORD_SOURCE_DIR/record/record_settings.h"); do
   grep -q "^$key=" "$sample" || fail "the sample settings lack $key"
 done
-cp "$sample" "$root/opt/app/config/CustomTools.cfg"
+grep -q '^\[AVRecordReplay\]' "$sample" || fail "the sample settings lack [AVRecordReplay]"
+# Ports of their own: other tests may serve on this machine at the same time.
+http_port=$((20000 + RANDOM % 20000))
+sed -e "s/^HttpPort=.*/HttpPort=$http_port/" -e "s/^RtspPort=.*/RtspPort=$((http_port + 1))/" \
+  "$sample" >"$root/opt/app/config/CustomTools.cfg"
 mkdir -p "$root/etc/default"
-cat >"$root/etc/default/avrecord" <<CONF
-LOG=$log
+for service in avrecord avrecord-replay; do
+  cat >"$root/etc/default/$service" <<CONF
+LOG=$vm/$service.log
 WRAPPER="qemu-arm-static -L $work/empty"
 QUICK_EXIT=3
 CONF
+done
 
 # 2. The start script at work, then the card it recorded.
 make_samples

@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# Replay never in the recorder's way: inside User-mode Linux the daemon
+# records onto a card image through the kernel's vfat driver while
+# avrecord-replay serves the same card to four clients pulling at full
+# speed and one following the live recording (real_card_replay_steps.sh).
+# The recording must hold every published frame from its first key frame
+# to its stop (check_recording), the card must read back clean, and the
+# live tail, alone, must arrive within 2 s of the capture times (median;
+# the 95th percentile and the largest delay are printed: on a machine
+# shared with other work the VM's scheduling shows in them; capture times
+# are estimated from the second each frame was written, so every figure is
+# an upper bound). The figures go to the output.
+source "$(dirname "$0")/real_card_lib.sh"
+real_card_steps=$AVRECORD_SOURCE_DIR/tests/e2e/real_card_replay_steps.sh
+[ -x "$AVRECORD_BUILD_DIR/apps/avrecord-replay/avrecord-replay" ] || { echo "SKIP: no avrecord-replay built"; exit 0; }
+real_card_record 30
+real_card_readback
+check_recording "$(real_card_recorded_seconds)"
+for i in 1 2 3 4; do
+  echo "  puller $i: $(cat "$vm/pull$i.json")"
+  grep -q '"rounds"' "$vm/pull$i.json" || fail "puller $i: $(cat "$vm/pull$i.json")"
+done
+echo "  live tail alone: $(cat "$vm/tail-alone.json")"
+echo "  live tail beside the pullers: $(cat "$vm/tail.json")"
+python3 - "$vm/tail-alone.json" <<'PY' || fail "live tail: $(cat "$vm/tail-alone.json")"
+import json, sys
+tail = json.loads(open(sys.argv[1]).readline())
+sys.exit(0 if tail["median_s"] < 2 else f'median delay {tail["median_s"]} s')
+PY
+grep -q '"units"' "$vm/tail.json" || fail "live tail beside the pullers: $(cat "$vm/tail.json")"
+rm -rf "$card"
+finish

@@ -396,24 +396,32 @@ ApiReply ApiSection(const std::string &cardDir, const ApiQuery &query) {
     return ApiReply{kHttpOk, SectionDetails(cardDir, catalog, *found, JsonLine())};
 }
 
-ApiReply ApiPlay(const std::string &cardDir, const ApiQuery &query) {
+ApiReply FindPlayable(const std::string &cardDir, const ApiQuery &query, PlayTarget *target) {
     ApiParams params(query, {"at"});
     uint32_t at = 0;
     if (!params.Time("at", &at)) return params.Error();
-    CardCatalog catalog;
-    ApiReply loaded = CatalogOrError(cardDir, &catalog);
+    ApiReply loaded = CatalogOrError(cardDir, &target->catalog);
     if (loaded.status != kHttpOk) return loaded;
-    const CatalogSection *section = CatalogSectionAt(catalog, at, kPlaySlackSeconds);
-    if (section == nullptr) return ApiError(kHttpNotFound, "nothing was recorded at that moment");
-    // The moment and range the video of the same query streams (FindPlayable).
+    target->section = CatalogSectionAt(target->catalog, at, kPlaySlackSeconds);
+    if (target->section == nullptr) return ApiError(kHttpNotFound, "nothing was recorded at that moment");
+    target->at = std::max(at, target->section->head.m_u32StartTime);
+    target->end = target->section->end;
+    return loaded;
+}
+
+ApiReply ApiPlay(const std::string &cardDir, const ApiQuery &query) {
+    PlayTarget target;
+    ApiReply found = FindPlayable(cardDir, query, &target);
+    if (found.status != kHttpOk) return found;
     ClipRequest request;
     request.cardDir = cardDir;
-    request.from = std::max(at, section->head.m_u32StartTime);
-    request.to = section->end;
+    request.from = target.at;
+    request.to = target.end;
     uint32_t keyTime = 0;
     std::string reason;
     if (CardClipKeyTime(request, &keyTime, &reason) != kClipOk) return ApiError(kHttpServerError, reason);
-    return ApiReply{kHttpOk, SectionDetails(cardDir, catalog, *section, JsonLine().Add("key_time", keyTime))};
+    return ApiReply{kHttpOk, SectionDetails(cardDir, target.catalog, *target.section,
+                                            JsonLine().Add("key_time", keyTime))};
 }
 
 ApiReply ApiInfo(const std::string &cardDir, const ApiQuery &query) {

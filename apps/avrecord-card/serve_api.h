@@ -92,6 +92,19 @@ ApiReply ApiSection(const std::string &cardDir, const ApiQuery &query);
 // The section to play for moment "at", its details and "key_time", the time
 // of the key frame playback starts on.
 ApiReply ApiPlay(const std::string &cardDir, const ApiQuery &query);
+
+// What a play query names: the section, and the stretch to play from the
+// moment (or the section's start, when the moment lies before it) to the
+// section's end. section points into catalog.
+struct PlayTarget {
+    CardCatalog catalog;
+    const CatalogSection *section = nullptr;
+    uint32_t at = 0;
+    uint32_t end = 0;
+};
+// 200, or the reply refusing the query; /api/play and the video it
+// streams (/api/video) both read the query through it.
+ApiReply FindPlayable(const std::string &cardDir, const ApiQuery &query, PlayTarget *target);
 ApiReply ApiInfo(const std::string &cardDir, const ApiQuery &query);
 ApiReply ApiCheck(const std::string &cardDir, const ApiQuery &query);
 

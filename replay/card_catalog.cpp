@@ -19,21 +19,6 @@ constexpr int kStableReadTries = 8;
 // The first frame of a new lap covers at most this much of the file's start.
 constexpr uint32_t kLapFrameReach = static_cast<uint32_t>(PSFrameBufferSize(kMaxFrameLength));
 
-// Closes the index on every way out.
-class IndexFile {
-public:
-    explicit IndexFile(const std::string &path) : fd_(AVFileOpen(path.c_str(), kAVFileModeRead)) {}
-    ~IndexFile() {
-        if (fd_ >= 0) AVFileClose(fd_);
-    }
-    IndexFile(const IndexFile &) = delete;
-    IndexFile &operator=(const IndexFile &) = delete;
-    int fd() const { return fd_; }
-
-private:
-    int fd_;
-};
-
 bool HoldsFrames(const SectionInfoHead &s) {
     return s.m_u32HeadFlag == kSectionInfoHeadFlag && s.m_u32SectionSize != 0 && s.m_u32EndTime != 0 &&
            s.m_u32StartTime <= s.m_u32EndTime &&
@@ -102,7 +87,7 @@ int CatalogReadSection(int indexFd, uint32_t fileNo, uint32_t sectionNo, Section
 }
 
 int CatalogLoad(const std::string &cardDir, CardCatalog *catalog) {
-    IndexFile index(CatalogPath(cardDir, kIndexFileName));
+    CatalogFile index(CatalogPath(cardDir, kIndexFileName));
     catalog->sections.clear();
     if (index.fd() < 0 || CatalogReadHeader(index.fd(), &catalog->stHeader) != 0) return -1;
     uint32_t files = std::min(catalog->stHeader.m_u32RecordFileSum, kMaxIndexSectionBlocks);
@@ -152,6 +137,12 @@ bool CatalogIsCurrent(int indexFd, const CatalogSection &section) {
            file.m_u32RecordSectionSum == section.stSection.m_u16SectionNo;
 }
 
+CatalogFile::CatalogFile(const std::string &path) : fd_(AVFileOpen(path.c_str(), kAVFileModeRead)) {}
+
+CatalogFile::~CatalogFile() {
+    if (fd_ >= 0) AVFileClose(fd_);
+}
+
 std::string CatalogPath(const std::string &cardDir, const char *name) {
     std::string path(cardDir);
     if (!path.empty() && path.back() != '/') path += '/';
@@ -199,7 +190,7 @@ void LoadFileAlarms(int fd, const CardCatalog &catalog, uint32_t fileNo, std::ve
 
 int CatalogLoadAlarms(const std::string &cardDir, const CardCatalog &catalog,
                       std::vector<CatalogAlarm> *alarms) {
-    IndexFile events(CatalogPath(cardDir, kEventFileName));
+    CatalogFile events(CatalogPath(cardDir, kEventFileName));
     alarms->clear();
     if (events.fd() < 0) return -1;
     std::vector<uint32_t> files;

@@ -62,6 +62,19 @@ int CatalogLapState(int indexFd, const CatalogSection &section, uint32_t begin, 
 // the current media file, in the same lap).
 bool CatalogIsCurrent(int indexFd, const CatalogSection &section);
 
+// A card file open for reading, closed on every way out.
+class CatalogFile {
+public:
+    explicit CatalogFile(const std::string &path);
+    ~CatalogFile();
+    CatalogFile(const CatalogFile &) = delete;
+    CatalogFile &operator=(const CatalogFile &) = delete;
+    int fd() const { return fd_; }
+
+private:
+    int fd_;
+};
+
 // The card's path of a file name.
 std::string CatalogPath(const std::string &cardDir, const char *name);
 std::string CatalogMediaPath(const std::string &cardDir, uint32_t fileNo);

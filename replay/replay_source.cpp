@@ -42,25 +42,14 @@ uint64_t NowUs() {
 
 uint64_t SecondsUs(uint32_t seconds) { return uint64_t{seconds} * kUsPerSecond; }
 
-class IndexHandle {
-public:
-    explicit IndexHandle(const std::string &dir)
-        : fd_(AVFileOpen(CatalogPath(dir, kIndexFileName).c_str(), kAVFileModeRead)) {}
-    ~IndexHandle() {
-        if (fd_ >= 0) AVFileClose(fd_);
-    }
-    IndexHandle(const IndexHandle &) = delete;
-    IndexHandle &operator=(const IndexHandle &) = delete;
-    int fd() const { return fd_; }
-
-private:
-    int fd_;
-};
-
 class CardSource : public ReplaySource {
 public:
     CardSource(const ReplayCard &card, uint64_t startUs, uint64_t endUs, bool intra, bool recorded)
-        : dir_(card.dir), index_(card.dir), startUs_(startUs), endUs_(endUs), intra_(intra) {
+        : dir_(card.dir),
+          index_(CatalogPath(card.dir, kIndexFileName)),
+          startUs_(startUs),
+          endUs_(endUs),
+          intra_(intra) {
         reader_.SetRecordedBytes(recorded);
     }
     bool Ready() const { return index_.fd() >= 0; }
@@ -76,7 +65,7 @@ private:
     int Deliver(ReplayUnit *unit);
 
     std::string dir_;
-    IndexHandle index_;
+    CatalogFile index_;
     uint64_t startUs_, endUs_;
     bool intra_;
     bool started_ = false;     // a section is open
@@ -300,7 +289,7 @@ int ReplayDescribe(const ReplayCard &card, uint32_t start, uint32_t end, ReplayT
     *tracks = ReplayTracks{};
     tracks->iVideoCodec = kVideoCodecH264;
     CardCatalog catalog;
-    IndexHandle index(card.dir);
+    CatalogFile index(CatalogPath(card.dir, kIndexFileName));
     if (index.fd() < 0 || CatalogLoad(card.dir, &catalog) != 0 || catalog.sections.empty()) return -1;
     tracks->u32Oldest = catalog.sections.front().stSection.m_u32StartTime;
     for (const CatalogSection &s : catalog.sections) {

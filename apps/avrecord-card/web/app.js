@@ -502,18 +502,25 @@ function streamFrom(section, at) {
   state.paused = null;
   $('key-frame').hidden = true;
   Object.assign(window.avrecordStats, { clickToFirstFrameMs: null, clickToFirstPictureMs: null, firstPictureTime: null });
+  // Playback starts once the first frame is on the screen: a video told
+  // to play at once skips the frames it decoded too late on a busy
+  // machine, and the moment's own frame would be one of them.
+  video.preload = 'auto';
   video.src = `/api/video?at=${at}`;
-  video.requestVideoFrameCallback((now, frame) => {
-    if (state.playing !== playing) return;  // a later stream's frame
-    playing.shown = true;
-    $('key-frame').hidden = true;
-    const ms = performance.now() - asked;
-    window.avrecordStats.clickToFirstFrameMs = ms;
-    window.avrecordStats.firstFrameMediaTime = frame.mediaTime;
-    firstPicture(ms, at + frame.mediaTime);
+  const started = new Promise((resolve) => {
+    video.requestVideoFrameCallback((now, frame) => {
+      if (state.playing !== playing) return resolve();  // a later stream's frame
+      playing.shown = true;
+      $('key-frame').hidden = true;
+      const ms = performance.now() - asked;
+      window.avrecordStats.clickToFirstFrameMs = ms;
+      window.avrecordStats.firstFrameMediaTime = frame.mediaTime;
+      firstPicture(ms, at + frame.mediaTime);
+      return resolve(video.play().catch(() => {}));
+    });
   });
   showKeyFrame(playing, asked);
-  return video.play().catch(() => {});
+  return started;
 }
 
 function firstPicture(ms, time) {

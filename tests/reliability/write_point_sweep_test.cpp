@@ -338,11 +338,16 @@ protected:
         return takenOver;
     }
 
-    // Every record but those of the file taken over is as it was.
-    static void ExpectRecordsKept(const CardView &before, const CardView &after, int takenOver,
-                                  const std::string &where) {
+    // Every section record but those of the file taken over is as it was,
+    // and so is every file record but the one recorded into.
+    static void ExpectRecordsKept(const CardView &before, const CardView &after, uint32_t target,
+                                  int takenOver, const std::string &where) {
         for (uint32_t n = 0; n < kFiles; ++n) {
             if (static_cast<int>(n) == takenOver) continue;
+            if (n != target) {
+                EXPECT_EQ(memcmp(&before.files[n], &after.files[n], sizeof(FileInfoHead)), 0)
+                    << where << ": file record " << n << " changed";
+            }
             ASSERT_GE(after.sections[n].size(), before.sections[n].size()) << where << ": file " << n;
             for (size_t s = 0; s < before.sections[n].size(); ++s) {
                 EXPECT_EQ(memcmp(&before.sections[n][s], &after.sections[n][s], sizeof(SectionInfoHead)), 0)
@@ -351,15 +356,18 @@ protected:
         }
     }
 
-    // Problems after the cut only where it fell (the current file, the one
-    // being started, the header); the new section adds none.
-    static void ExpectProblemsOnlyAtTheCut(const CardView &before, const CardView &after,
-                                           const std::string &where) {
-        uint32_t current = before.header.m_u32FileInfoHeadNo % kFiles;
+    // Problems after the cut only where it fell: the current file, the one
+    // being started, the header.
+    static void ExpectProblemsOnlyAtTheCut(const CardView &view, const std::string &where) {
+        uint32_t current = view.header.m_u32FileInfoHeadNo % kFiles;
         for (uint32_t n = 0; n < kFiles; ++n) {
             if (n == current || n == (current + 1) % kFiles) continue;
-            for (const std::string &p : before.problems[n]) ADD_FAILURE() << where << ": " << p;
+            for (const std::string &p : view.problems[n]) ADD_FAILURE() << where << ": " << p;
         }
+    }
+
+    // The new section adds no problem.
+    static void ExpectNoNewProblems(const CardView &before, const CardView &after, const std::string &where) {
         for (uint32_t n = 0; n <= kFiles; ++n) {
             std::set<std::string> known(before.problems[n].begin(), before.problems[n].end());
             for (const std::string &p : after.problems[n])
@@ -373,7 +381,7 @@ protected:
     void TakeUp(const memcard::Card &state, size_t begun, size_t applied, const std::string &where) {
         memcard::Card card = state;
         CardView before = View(&card);
-        ExpectProblemsOnlyAtTheCut(before, before, where);
+        ExpectProblemsOnlyAtTheCut(before, where);
         ExpectRecordsHoldTheDoneFrames(card, before, begun, applied, -1, where);
 
         std::vector<memcard::Op> writes;
@@ -386,11 +394,11 @@ protected:
             writes = mount.log();
         }
         CardView after = View(&card);
-        int takenOver = ExpectRestartWritesInPlace(before, writes, where);
-        ExpectRecordsKept(before, after, takenOver, where);
-        ExpectProblemsOnlyAtTheCut(before, after, where);
-        ExpectRecordsHoldTheDoneFrames(card, after, begun, applied, takenOver, where);
         uint32_t target = GetFileInfoHead()->m_u32FileNo;
+        int takenOver = ExpectRestartWritesInPlace(before, writes, where);
+        ExpectRecordsKept(before, after, target, takenOver, where);
+        ExpectNoNewProblems(before, after, where);
+        ExpectRecordsHoldTheDoneFrames(card, after, begun, applied, takenOver, where);
         ASSERT_FALSE(after.sections[target].empty()) << where;
         EXPECT_EQ(after.sections[target].back().m_u32VideoFrameSum, 2u) << where << ": the new section";
         ++states_;

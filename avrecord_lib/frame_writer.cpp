@@ -187,7 +187,8 @@ void FailWrite(WriterState &w, int error, bool videoFrameInFlight) {
     WriteRecords(w.indexFd);
     w.writingEnabled.store(0, std::memory_order_relaxed);
     w.failedChannel.store(w.channel.load(std::memory_order_relaxed), std::memory_order_relaxed);
-    w.cardError.store(error != 0 ? error : EIO, std::memory_order_relaxed);
+    if (error == 0) error = EIO;  // a short write sets none
+    w.cardError.store(error, std::memory_order_relaxed);
     LogError(
         "%s %d: card write failed, errno %d: the section ends at its last frame known written, %u frames "
         "lost\n",
@@ -326,7 +327,9 @@ int SyncIfDue(WriterState &w) {
     if (now - w.lastSync < interval) return 0;
     w.lastSync = now;
     if (AVFileDataSync(w.mediaFd) != 0 || AVFileDataSync(w.indexFd) != 0) {
-        LogTrace("%s %d: fdatasync failed, errno %d\n", kWriterFunction, __LINE__, errno);
+        int error = errno;
+        LogTrace("%s %d: fdatasync failed, errno %d\n", kWriterFunction, __LINE__, error);
+        errno = error;
         return -1;
     }
     TakeKnownWritten(w);

@@ -18,10 +18,13 @@
 #                    the kernel finds after the daemon's restart on a cold
 #                    cache and sets the file system read-only;
 #            pulled: the card is gone (all I/O fails, lazy unmount, no
-#                    device node) and then back.
+#                    device node) and then back;
+#            error:  every I/O fails (dm error target) and then works
+#                    again; the file system is remounted read-write if
+#                    the kernel set it read-only meanwhile.
 # One line per case in OUT/cases:
 #   NAME PUBLISHED READABLE BASE_CPU USER_CPU MAX_CPU LOGGED LEFT
-#   CRASHED EXIT RECORDING_AFTER
+#   CRASHED EXIT RECORDING_AFTER STATUS_CHANGE RESUMED STATUS_LOST
 # PUBLISHED: video frames avcam-sim published from the daemon's first key
 # frame to the stop; READABLE: video frames of the case's sections that read
 # back; BASE_CPU: the daemon's CPU use in percent of one core while it
@@ -31,7 +34,13 @@
 # left after the card loss, as it does by design once the card is back (and
 # was started again, as the camera does); CRASHED: 1 when it ended any other
 # way; EXIT: its status after SIGTERM; RECORDING_AFTER: 1 when a section of
-# the case ends at least 2 s after the card worked again. OUT/CASE.check and
+# the case ends at least 2 s after the card worked again; STATUS_CHANGE:
+# seconds from the fault (for readonly: from the kernel's setting the
+# file system read-only) to the first published "card-failing",
+# "card-read-only" or "no-card" (-1: none); RESUMED: seconds from the card's return to
+# "recording" again (-1: never); STATUS_LOST: frames_lost the daemon
+# published last. OUT/CASE.status holds the samples ("US STATE LOST MOUNT",
+# every 0.1 s). OUT/CASE.check and
 # OUT/CASE.frames hold check --json and check --frames --json of the card
 # after the case, OUT/CASE.window when the card failed and worked again.
 out=$1
@@ -159,6 +168,7 @@ fail_card() {  # CASE
       rm -f "$card_present"
       umount -l "$card_dir"
       ;;
+    error) swap_table "0 $size error" ;;
   esac
 }
 
@@ -175,7 +185,45 @@ mend_card() {  # CASE
       swap_table "$linear"
       card_mount
       ;;
+    error)
+      swap_table "$linear"
+      grep -q " $card_dir vfat ro[ ,]" /proc/mounts && mount -o remount,rw "$card_dir"
+      ;;
   esac
+}
+
+# sample_status CASE: the daemon's published state every 0.1 s, as
+# "US STATE FRAMES_LOST MOUNT" lines in OUT/CASE.status (MOUNT: rw, ro or
+# none), until killed.
+sample_status() {
+  local file=$AVRECORD_ROOT/tmp/avrecord-status.json json state lost mount dev dir type options rest
+  local pattern='"state":"([^"]*)".*"frames_lost":([0-9]*)'
+  while :; do
+    json=$(<"$file") 2>/dev/null
+    state=- lost=0 mount=none
+    [[ $json =~ $pattern ]] && state=${BASH_REMATCH[1]} lost=${BASH_REMATCH[2]}
+    while read -r dev dir type options rest; do
+      [ "$dir" = "$card_dir" ] && mount=${options%%,*}
+    done </proc/mounts
+    echo "${EPOCHREALTIME/./} $state $lost $mount"
+    sleep 0.1
+  done >>"$out/$1.status"
+}
+
+# status_figures CASE FAILED_US MENDED_US: "STATUS_CHANGE RESUMED LOST" in
+# seconds (one decimal) from the samples; the read-only case's fault is the
+# moment the kernel set the file system read-only.
+status_figures() {
+  awk -v failed="$2" -v mended="$3" -v name="$1" '
+    NF < 4 { next }
+    # A file system the kernel sets read-only fails when it does so.
+    name == "readonly" && $1 >= failed && $4 == "ro" && !seen { failed = $1; seen = 1 }
+    name == "readonly" && !seen { next }
+    $1 >= failed && change == "" && $2 ~ /^(card-failing|card-read-only|no-card)$/ { change = ($1 - failed) / 1e6 }
+    $1 >= mended && change != "" && resumed == "" && $2 == "recording" { resumed = ($1 - mended) / 1e6 }
+    { lost = $3 }
+    END { printf "%s %s %s\n", change == "" ? -1 : sprintf("%.1f", change),
+          resumed == "" ? -1 : sprintf("%.1f", resumed), lost + 0 }' "$out/$1.status"
 }
 
 # start_daemon CASE: AVRecord, its log appended to the case's log.
@@ -226,15 +274,21 @@ run_case() {  # CASE
   sleep "$wait"
   baseline=$(cpu_over "$daemon" 3)
   lines=$(wc -l <"$out/$name.log")
+  sample_status "$name" &
+  sampler=$!
   failed=$(date +%s)
+  failed_us=${EPOCHREALTIME/./}
   fail_card "$name"
   watch_fault "$daemon" "$fault" "$name"
   logged=$(tail -n +$((lines + 1)) "$out/$name.log" | grep -c -e 'fail' -e 'NO SDCARD')
   dmesg | tail -30 >"$out/$name.dmesg"
   mend_card "$name"
   mended=$(date +%s)
+  mended_us=${EPOCHREALTIME/./}
   echo "$failed $mended" >"$out/$name.window"
   record_on "$name" "$after"
+  kill "$sampler"
+  wait "$sampler" 2>/dev/null
   last=$(published)
   kill -TERM "$daemon"
   wait "$daemon"
@@ -245,7 +299,8 @@ run_case() {  # CASE
   "$tool" check --card "$card_dir/" --json >"$out/$name.check" 2>/dev/null
   "$tool" check --frames --card "$card_dir/" --json >"$out/$name.frames" 2>/dev/null
   echo "$name $((last - first)) $(readable "$name" "$since") $baseline $(cat "$out/$name.cpu") $logged" \
-    "$left $crashed $code $(recorded_after "$name" "$since" "$mended")" >>"$out/cases"
+    "$left $crashed $code $(recorded_after "$name" "$since" "$mended")" \
+    "$(status_figures "$name" "$failed_us" "$mended_us")" >>"$out/cases"
 }
 
 # 1 when a section of the case ends at least 2 s after the card came back.

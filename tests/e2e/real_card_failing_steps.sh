@@ -37,8 +37,8 @@
 # the case ends at least 2 s after the card worked again; STATUS_CHANGE:
 # seconds from the fault (for readonly: from the kernel's setting the
 # file system read-only) to the first published "card-failing",
-# "card-read-only" or "no-card" (-1: none); RESUMED: seconds from the card's return to
-# "recording" again (-1: never); STATUS_LOST: frames_lost the daemon
+# "card-read-only", "no-card" or "index-invalid" (-1: none); RESUMED:
+# seconds from the card's return to "recording" again (-1: never); STATUS_LOST: frames_lost the daemon
 # published last. OUT/CASE.status holds the samples ("US STATE LOST MOUNT",
 # every 0.1 s). OUT/CASE.check and
 # OUT/CASE.frames hold check --json and check --frames --json of the card
@@ -212,14 +212,18 @@ sample_status() {
 
 # status_figures CASE FAILED_US MENDED_US: "STATUS_CHANGE RESUMED LOST" in
 # seconds (one decimal) from the samples; the read-only case's fault is the
-# moment the kernel set the file system read-only.
+# moment the kernel set the file system read-only, the flakey case's the end
+# of its first second of working I/O.
 status_figures() {
   awk -v failed="$2" -v mended="$3" -v name="$1" '
     NF < 4 { next }
     # A file system the kernel sets read-only fails when it does so.
     name == "readonly" && $1 >= failed && $4 == "ro" && !seen { failed = $1; seen = 1 }
     name == "readonly" && !seen { next }
-    $1 >= failed && change == "" && $2 ~ /^(card-failing|card-read-only|no-card)$/ { change = ($1 - failed) / 1e6 }
+    # dm-flakey starts with its second of working I/O.
+    name == "flakey" && !seen { failed += 1e6; seen = 1 }
+    $1 >= failed && change == "" && $2 ~ /^(card-failing|card-read-only|no-card|index-invalid)$/ {
+      change = ($1 - failed) / 1e6 }
     $1 >= mended && change != "" && resumed == "" && $2 == "recording" { resumed = ($1 - mended) / 1e6 }
     { lost = $3 }
     END { printf "%s %s %s\n", change == "" ? -1 : sprintf("%.1f", change),

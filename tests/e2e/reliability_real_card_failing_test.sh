@@ -15,8 +15,9 @@
 #     recording);
 #   - it logs the failure (but for the read-only file system found only
 #     at the restart: the kernel says it);
-#   - its published status says "card-failing", "card-read-only" or
-#     "no-card" within 3 s of the fault and "recording" again within 10 s
+#   - its published status says "card-failing", "card-read-only",
+#     "no-card" or (bad sectors under the index) "index-invalid" within 3 s
+#     of the fault and "recording" again within 10 s
 #     of the card's return;
 #   - the index check (check --frames) names no damage: a write the card
 #     refused ended the section at its last frame known written;

@@ -1,20 +1,17 @@
 #include "avrecord_lib/playback_reader.h"
 
 #include <cstdint>
+#include <cstring>
 
+#include "avrecord_lib/ps_format.h"
 #include "avrecord_lib/ps_packetizer.h"
 #include "avrecord_lib/record_file.h"
 #include "common/log.h"
 
 namespace {
 
-constexpr uint8_t kPackId = 0xBA;
-constexpr uint8_t kSystemHeaderId = 0xBB;
-constexpr uint8_t kVideoId = 0xE0;
-constexpr uint8_t kAudioId = 0xC0;
 constexpr int kPesPtsAt = 9;
 constexpr int kPackTimeAt = 14;
-constexpr uint32_t kStartCodeSize = 4;
 // Every log line of the reader names the reader's own function, its
 // helpers included: field logs are searched by it.
 constexpr const char kReaderFunction[] = "libAVRecordPlayBackGetPSFrame";
@@ -30,9 +27,7 @@ struct FrameTarget {
     uint32_t pts;       // PTS of the last PES header taken
 };
 
-bool IsStartCode(const uint8_t *b) { return b[0] == 0x00 && b[1] == 0x00 && b[2] == 0x01; }
-
-bool IsPes(const uint8_t *b, uint8_t id) { return IsStartCode(b) && b[3] == id; }
+bool IsStartCode(const uint8_t *b) { return memcmp(b, kPsStartCodePrefix, sizeof kPsStartCodePrefix) == 0; }
 
 int PesPayloadLength(const uint8_t *header) {
     return ((header[4] << 8) | header[5]) - static_cast<int>(kPesLengthExtra);
@@ -61,7 +56,7 @@ int GatherVideoPes(FrameTarget &t, uint32_t at, bool keyFrame, uint32_t *next) {
     for (;;) {
         if (!InData(t, at)) break;
         int pos = AV_RecordStreamInfoRead(t.fd, at, header, sizeof header);
-        if (pos < 0 || !IsPes(header, kVideoId)) break;
+        if (pos < 0 || !PsIsStartCode(header, kPsVideoStreamId)) break;
         int payload = PesPayloadLength(header);
         if (payload < 0) {
             LogReadError(kReaderFunction, __LINE__, at);
@@ -90,7 +85,7 @@ int GatherVideoPes(FrameTarget &t, uint32_t at, bool keyFrame, uint32_t *next) {
 
 int ReadAudio(FrameTarget &t, uint32_t pos, const uint8_t *header, uint32_t *offset, int *type) {
     uint32_t next = pos;
-    if (IsPes(header, kAudioId)) {
+    if (PsIsStartCode(header, kPsAudioStreamId)) {
         int payload = PesPayloadLength(header);
         if (payload < 0 || !Fits(t, payload) ||
             (payload > 0 && AV_RecordStreamInfoRead(t.fd, pos + kPesHeaderSize, t.buf, payload) < 0)) {
@@ -111,21 +106,21 @@ int ReadAudio(FrameTarget &t, uint32_t pos, const uint8_t *header, uint32_t *off
 }
 
 int ReadVideo(FrameTarget &t, uint32_t pos, uint32_t *offset) {
-    uint8_t next4[kStartCodeSize];
+    uint8_t next4[kPsStartCodeSize];
     uint32_t behindPack = pos + kPackHeaderSize;
     if (AV_RecordStreamInfoRead(t.fd, behindPack, next4, sizeof next4) < 0 || !IsStartCode(next4)) {
         LogTrace("%s %d AV_RecordStreamInfoRead System Head Fail \n", kReaderFunction, __LINE__);
         return -1;
     }
     uint32_t next = 0;
-    if (next4[3] == kSystemHeaderId) {
+    if (next4[3] == kPsSystemHeaderId) {
         // The system header and stream map are fixed; the PES packets follow.
         if (GatherVideoPes(t, pos + kKeyFrameHeadersSize, true, &next) < 0) return -1;
         if (next == 0) {
             LogTrace("%s %d FileOffset Error!!!!\n", kReaderFunction, __LINE__);
             return -1;
         }
-    } else if (next4[3] == kVideoId) {
+    } else if (next4[3] == kPsVideoStreamId) {
         if (GatherVideoPes(t, behindPack, false, &next) < 0) return -1;
         if (next == 0) {
             LogTrace("%s %d FileOffset Error FileOffset = %d \n", kReaderFunction, __LINE__,
@@ -155,9 +150,9 @@ int GetPSFrame(FrameTarget &t, uint32_t *offset, int *type, uint32_t *length, ui
         return -1;
     }
     int result;
-    if (head[3] == kAudioId) {
+    if (head[3] == kPsAudioStreamId) {
         result = ReadAudio(t, static_cast<uint32_t>(pos), head, offset, type);
-    } else if (head[3] == kPackId) {
+    } else if (head[3] == kPsPackId) {
         result = ReadVideo(t, static_cast<uint32_t>(pos), offset);
         if (result == 0) {
             *type = kPSFrameVideo;
@@ -196,7 +191,7 @@ int libAVRecordPlayBackGetPSFrameBounded(int fd, uint32_t *offset, uint32_t data
 }
 
 int libAVRecordPlayBackIsKeyFrame(int fd, uint32_t offset) {
-    uint8_t next4[kStartCodeSize];
+    uint8_t next4[kPsStartCodeSize];
     if (AV_RecordStreamInfoRead(fd, offset + kPackHeaderSize, next4, sizeof next4) < 0) return -1;
-    return IsPes(next4, kSystemHeaderId) ? 1 : 0;
+    return PsIsStartCode(next4, kPsSystemHeaderId) ? 1 : 0;
 }

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "avrecord_lib/ps_format.h"
 #include "common/log.h"
 #include "common/nal_unit.h"
 
@@ -13,12 +14,6 @@ const uint8_t kRecordFileHeader[kRecordFileHeaderSize] = {
 
 namespace {
 
-constexpr uint8_t kStartCodePrefix[3] = {0x00, 0x00, 0x01};
-constexpr uint8_t kPackStartCode = 0xBA;
-constexpr uint8_t kSystemHeaderStartCode = 0xBB;
-constexpr uint8_t kStreamMapStartCode = 0xBC;
-constexpr uint8_t kVideoStreamId = 0xE0;
-constexpr uint8_t kAudioStreamId = 0xC0;
 constexpr uint64_t kTimeStampMask = (uint64_t{1} << 33) - 1;
 constexpr double kTimeStampClock = 90000;
 constexpr uint32_t kLargeFrameLog = 65536;
@@ -28,13 +23,13 @@ constexpr uint32_t kLargeFrameLog = 65536;
 constexpr uint8_t kPackMuxRate[4] = {0x00, 0xA0, 0x03, 0xFC};
 
 constexpr uint8_t kSystemHeader[kSystemHeaderSize] = {
-    0x00, 0x00, 0x01, kSystemHeaderStartCode, 0x00, 0x0C,  // header_length 12
-    0x82, 0x73, 0x31,                                      // rate_bound 80280
-    0x04,                                                  // audio_bound 1
-    0xE1,                                                  // audio/video lock, video_bound 1
-    0x7F,                                                  // no packet rate restriction
-    0xE0, 0xE0, 0x80,                                      // E0: scale 1, 128 KiB
-    0xC0, 0xC0, 0x08,                                      // C0: scale 0, 1 KiB
+    0x00, 0x00, 0x01, kPsSystemHeaderId, 0x00, 0x0C,  // header_length 12
+    0x82, 0x73, 0x31,                                 // rate_bound 80280
+    0x04,                                             // audio_bound 1
+    0xE1,                                             // audio/video lock, video_bound 1
+    0x7F,                                             // no packet rate restriction
+    0xE0, 0xE0, 0x80,                                 // E0: scale 1, 128 KiB
+    0xC0, 0xC0, 0x08,                                 // C0: scale 0, 1 KiB
 };
 
 constexpr uint8_t kStreamMapFixed[] = {0x08, 0x1F, 0xFE, 0xF0, 0x87};
@@ -50,21 +45,13 @@ void PutLe32(uint8_t *out, uint32_t value) {
 }
 
 void PutStartCode(uint8_t *out, uint8_t id) {
-    memcpy(out, kStartCodePrefix, sizeof kStartCodePrefix);
+    memcpy(out, kPsStartCodePrefix, sizeof kPsStartCodePrefix);
     out[3] = id;
 }
 
 uint8_t AudioStreamType(uint16_t audioCodec, uint8_t inBuffer) {
-    switch (audioCodec) {
-        case kAudioCodecAac:
-            return 0x0F;
-        case kAudioCodecG711U:
-            return 0x91;
-        case kAudioCodecG711A:
-            return 0x90;
-        default:
-            return inBuffer;  // other codes leave the byte as it stands
-    }
+    const PsAudioType *type = PsAudioTypeOfCodec(audioCodec);
+    return type != nullptr ? type->streamType : inBuffer;  // other codes leave the byte as it stands
 }
 
 // The part's bytes as video PES packets of at most kPesMaxPayload bytes.
@@ -110,7 +97,7 @@ uint64_t PSDecodePts(const uint8_t *p) {
 
 int makePackHeader(uint8_t *out, uint32_t n, int /*selector*/, int rate, uint32_t time) {
     uint64_t scr = PSTimeStamp(n, rate) & kTimeStampMask;
-    PutStartCode(out, kPackStartCode);
+    PutStartCode(out, kPsPackId);
     out[4] = static_cast<uint8_t>(0x44 | ((scr >> 27) & 0x38) | ((scr >> 28) & 0x03));
     out[5] = static_cast<uint8_t>(scr >> 20);
     out[6] = static_cast<uint8_t>(((scr >> 12) & 0xF8) | 0x04 | ((scr >> 13) & 0x03));
@@ -128,7 +115,7 @@ int makeSystemHeader(uint8_t *out) {
 }
 
 int makeStreamMapHeader(uint8_t *out, const PSStreamParam *param) {
-    PutStartCode(out, kStreamMapStartCode);
+    PutStartCode(out, kPsStreamMapId);
     out[4] = 0x00;  // program_stream_map_length 42
     out[5] = 0x2A;
     out[6] = 0xE1;  // current_next_indicator, version 1
@@ -137,17 +124,18 @@ int makeStreamMapHeader(uint8_t *out, const PSStreamParam *param) {
     out[9] = 0x00;
     out[10] = 0x00;  // elementary_stream_map_length 32
     out[11] = 0x20;
-    out[12] = param->u16VideoCodec == kVideoCodecH265 ? 0x24 : 0x1B;
-    out[13] = kVideoStreamId;
+    out[kStreamMapVideoTypeAt] =
+        param->u16VideoCodec == kVideoCodecH265 ? kPsVideoTypeH265 : kPsVideoTypeH264;
+    out[13] = kPsVideoStreamId;
     out[14] = 0x00;  // elementary_stream_info_length 12
     out[15] = 0x0C;
-    PutLe16(out + 16, param->u16Width);
-    PutLe16(out + 18, param->u16Height);
+    PutLe16(out + kStreamMapWidthAt, param->u16Width);
+    PutLe16(out + kStreamMapHeightAt, param->u16Height);
     PutLe16(out + 20, param->u16VideoParamA);
     out[22] = static_cast<uint8_t>(param->u16VideoParamB);
     memcpy(out + 23, kStreamMapFixed, sizeof kStreamMapFixed);
-    out[28] = AudioStreamType(param->u16AudioCodec, out[28]);
-    out[29] = kAudioStreamId;
+    out[kStreamMapAudioTypeAt] = AudioStreamType(param->u16AudioCodec, out[kStreamMapAudioTypeAt]);
+    out[29] = kPsAudioStreamId;
     out[30] = 0x00;
     out[31] = 0x0C;
     PutLe16(out + 32, param->u16AudioSampleRate);
@@ -161,7 +149,7 @@ int makePesHeader(uint8_t *out, uint32_t n, int selector, int rate, uint32_t pay
     if (selector != kPesStreamVideo && selector != kPesStreamAudio) return -1;
     uint64_t pts = PSTimeStamp(n, rate) & kTimeStampMask;
     uint32_t packetLength = payloadLen == 0 ? 0 : payloadLen + kPesLengthExtra;
-    PutStartCode(out, selector == kPesStreamVideo ? kVideoStreamId : kAudioStreamId);
+    PutStartCode(out, selector == kPesStreamVideo ? kPsVideoStreamId : kPsAudioStreamId);
     out[4] = static_cast<uint8_t>(packetLength >> 8);
     out[5] = static_cast<uint8_t>(packetLength);
     out[6] = 0x80;

@@ -12,6 +12,7 @@
 
 #include "avrecord_lib/frame_writer.h"
 #include "avrecord_lib/playback_reader.h"
+#include "avrecord_lib/ps_format.h"
 #include "avrecord_lib/ps_packetizer.h"
 #include "avrecord_lib/record_builder.h"
 #include "avrecord_lib/record_file.h"
@@ -25,14 +26,8 @@ namespace {
 
 constexpr uint32_t kFrameBufferSize = kMaxFrameLength + kPSKeyFrameReadLimit;
 constexpr uint32_t kResyncChunk = 1u << 20;
-constexpr uint32_t kPatternSize = 4;
-constexpr uint8_t kPackPattern[kPatternSize] = {0x00, 0x00, 0x01, 0xBA};
-constexpr uint8_t kSystemHeaderPattern[kPatternSize] = {0x00, 0x00, 0x01, 0xBB};
-constexpr uint32_t kMapVideoTypeAt = kPackHeaderSize + kSystemHeaderSize + 12;
-constexpr uint32_t kMapWidthAt = kPackHeaderSize + kSystemHeaderSize + 16;
-constexpr uint32_t kMapHeightAt = kPackHeaderSize + kSystemHeaderSize + 18;
-constexpr uint32_t kMapAudioTypeAt = kPackHeaderSize + kSystemHeaderSize + 28;
-constexpr uint8_t kMapVideoH265 = 0x24;
+// Bytes that tell a pack start code or a record file header.
+constexpr uint32_t kPatternSize = kPsStartCodeSize;
 // A fresh configuration's record type (the setting is not in the stream).
 constexpr uint8_t kRecordTypeDefault = 0;
 constexpr uint8_t kMediaFlag = 1;
@@ -47,16 +42,6 @@ constexpr uint32_t kEndSlackSeconds = 1;
 // whole seconds on two clocks, so one more): a video frame further back
 // than this belongs to no section running before it.
 constexpr uint32_t kClockStepSeconds = 6;
-
-// Audio stream types of the stream map and the section's audio codec type.
-struct AudioTypeMap {
-    uint8_t streamType;
-    uint8_t codeType;
-};
-constexpr AudioTypeMap kAudioTypes[] = {
-    {0x91, kSectionAudioG711U}, {0x90, kSectionAudioG711A}, {0x0F, kSectionAudioAac}};
-
-uint16_t Le16(const uint8_t *b) { return static_cast<uint16_t>(b[0] | (b[1] << 8)); }
 
 // Low 32 bits of the time stamp the packetizer gives frame counter n.
 uint32_t CounterStamp(uint32_t n) { return static_cast<uint32_t>(PSTimeStamp(n, kPsTimeStampRate)); }
@@ -200,15 +185,14 @@ bool FileScanner::ReadFrame(uint32_t at, ScannedFrame *f) {
     if (!f->video) return true;
     uint8_t head[kKeyFrameHeadersSize];
     if (AV_RecordStreamInfoRead(fd_, at, head, sizeof head) < 0) return false;
-    f->keyForm = memcmp(head + kPackHeaderSize, kSystemHeaderPattern, kPatternSize) == 0;
+    PsStreamMap map;
+    f->keyForm = PsDecodeKeyFrameHeaders(head, &map);
     f->paramSetLed = LS_RecordClassifyFrame(buf_, length).key;
     if (f->keyForm) {
-        f->codec = head[kMapVideoTypeAt] == kMapVideoH265 ? kVideoCodecH265 : kVideoCodecH264;
-        f->width = Le16(head + kMapWidthAt);
-        f->height = Le16(head + kMapHeightAt);
-        for (const AudioTypeMap &map : kAudioTypes) {
-            if (map.streamType == head[kMapAudioTypeAt]) f->audioCodeType = map.codeType;
-        }
+        f->codec = map.videoCodec;
+        f->width = map.width;
+        f->height = map.height;
+        if (map.audio != nullptr) f->audioCodeType = map.audio->sectionType;
     }
     return true;
 }
@@ -244,17 +228,16 @@ uint32_t FileScanner::FindInChunk(uint32_t at, uint32_t n) {
         return p < end ? static_cast<const uint8_t *>(memchr(p, c, end - p)) : nullptr;
     };
     // The 01 of a pack start code, and the first byte of "IMKH".
-    const uint8_t *one = next(begin + 2, kPackPattern[2]);
+    const uint8_t *one = next(begin + 2, kPsStartCodePrefix[2]);
     const uint8_t *head = next(begin, kRecordFileHeader[0]);
     while (one != nullptr || head != nullptr) {
         if (head == nullptr || (one != nullptr && one - 2 < head)) {
             const uint8_t *pack = one - 2;
             uint32_t where = at + static_cast<uint32_t>(pack - begin);
-            if (static_cast<uint32_t>(end - pack) >= kPatternSize &&
-                memcmp(pack, kPackPattern, kPatternSize) == 0 &&
+            if (static_cast<uint32_t>(end - pack) >= kPatternSize && PsIsStartCode(pack, kPsPackId) &&
                 libAVRecordPlayBackIsKeyFrame(fd_, where) == 1)
                 return where;
-            one = next(one + 1, kPackPattern[2]);
+            one = next(one + 1, kPsStartCodePrefix[2]);
         } else {
             uint32_t where = at + static_cast<uint32_t>(head - begin);
             if (static_cast<uint32_t>(end - head) >= kPatternSize &&

@@ -8,6 +8,7 @@
 
 #include "avrecord_lib/frame_writer.h"
 #include "avrecord_lib/playback_reader.h"
+#include "avrecord_lib/ps_format.h"
 #include "avrecord_lib/ps_packetizer.h"
 #include "avrecord_lib/record_file.h"
 #include "avrecord_lib/record_index.h"
@@ -16,7 +17,6 @@
 
 namespace {
 
-constexpr uint8_t kPackStartCode[4] = {0x00, 0x00, 0x01, 0xBA};
 // A section's frame rate field against its frames: rates above this are
 // no camera's, and over a section this long the frame count tells the
 // rate well enough to see a field that promises more than the slack
@@ -225,7 +225,7 @@ void IndexChecker::CheckKeyFrame(int mediaFd, const FileInfoHead &file, const Se
             entry.m_u32FrameOffset, entry.m_u32FrameSize);
         return;
     }
-    uint8_t start[sizeof kPackStartCode];
+    uint8_t start[kPsStartCodeSize];
     uint32_t position = section->m_u32SectionOffset + entry.m_u32FrameOffset;
     bool readable = AV_RecordStreamInfoRead(mediaFd, position, start, sizeof start) >= 0;
     // A section's first frame stands behind the record file header.
@@ -233,7 +233,7 @@ void IndexChecker::CheckKeyFrame(int mediaFd, const FileInfoHead &file, const Se
         position += kRecordFileHeaderSize;
         readable = AV_RecordStreamInfoRead(mediaFd, position, start, sizeof start) >= 0;
     }
-    if (!readable || memcmp(start, kPackStartCode, sizeof start) != 0) {
+    if (!readable || !PsIsStartCode(start, kPsPackId)) {
         Add(fileNo, slot, "key-frame entry %u points at %#x, which holds no pack header", entryNo, position);
     }
 }

@@ -14,6 +14,7 @@
 #include "fuzz/ini_entry.h"
 #include "fuzz/playback_entry.h"
 #include "fuzz/ring_entry.h"
+#include "fuzz/rtsp_entry.h"
 #include "fuzz/seek_file_entry.h"
 #include "support/test_support.h"
 
@@ -53,6 +54,7 @@ TEST(CorpusReplay, SeekFileAndIndexCheck) {
 TEST(CorpusReplay, AviReader) { Replay("avi", fuzz::FuzzAviReader); }
 TEST(CorpusReplay, CardImageReader) { Replay("card_image", fuzz::FuzzCardImage); }
 TEST(CorpusReplay, ReplayHttpRequest) { Replay("http", fuzz::FuzzHttpRequest); }
+TEST(CorpusReplay, RtspRequests) { Replay("rtsp", fuzz::FuzzRtspRequests); }
 
 TEST(CorpusReplay, RingReader) {
     REQUIRE_PRIVATE_IPC();

@@ -71,6 +71,16 @@ bool CivilToUs(const CivilTime &c, uint64_t fractionUs, uint64_t *us) {
     return true;
 }
 
+// The whole seconds of the time in UTC, by the strftime format.
+std::string FormatUtc(uint64_t us, const char *format) {
+    struct tm fields;
+    time_t seconds = static_cast<time_t>(us / kUsPerSecond);
+    char text[40];
+    if (gmtime_r(&seconds, &fields) == nullptr || strftime(text, sizeof text, format, &fields) == 0)
+        return "";
+    return text;
+}
+
 bool ParseEpochSeconds(std::string_view text, uint64_t *us) {
     if (text.empty() || text.size() > kMaxEpochDigits) return false;
     Cursor cursor{text};
@@ -156,6 +166,12 @@ std::string_view Trim(std::string_view text) {
 
 }  // namespace
 
+uint64_t ReplayClockUs(clockid_t clock) {
+    timespec now;
+    clock_gettime(clock, &now);
+    return static_cast<uint64_t>(now.tv_sec) * kUsPerSecond + static_cast<uint64_t>(now.tv_nsec) / 1000;
+}
+
 bool RtspParseClockTime(std::string_view text, uint64_t *us) {
     Cursor cursor{text};
     CivilTime c;
@@ -168,15 +184,14 @@ bool RtspParseClockTime(std::string_view text, uint64_t *us) {
 }
 
 std::string RtspFormatClockTime(uint64_t us) {
-    struct tm fields;
-    time_t seconds = static_cast<time_t>(us / kUsPerSecond);
-    if (gmtime_r(&seconds, &fields) == nullptr) return "";
-    char text[40];
+    std::string text = FormatUtc(us, "%Y%m%dT%H%M%S");
     uint64_t ms = us % kUsPerSecond / kUsPerMs;
-    size_t n = strftime(text, sizeof text, "%Y%m%dT%H%M%S", &fields);
-    if (ms != 0) n += snprintf(text + n, sizeof text - n, ".%03u", static_cast<unsigned>(ms));
-    snprintf(text + n, sizeof text - n, "Z");
-    return text;
+    if (ms != 0) {
+        char fraction[8];
+        snprintf(fraction, sizeof fraction, ".%03u", static_cast<unsigned>(ms));
+        text += fraction;
+    }
+    return text + "Z";
 }
 
 bool RtspParseUrlTime(std::string_view text, uint64_t *us) {
@@ -194,14 +209,7 @@ bool RtspParseUrlTime(std::string_view text, uint64_t *us) {
     return CivilToUs(c, fraction, us);
 }
 
-std::string RtspFormatUrlTime(uint64_t us) {
-    struct tm fields;
-    time_t seconds = static_cast<time_t>(us / kUsPerSecond);
-    if (gmtime_r(&seconds, &fields) == nullptr) return "";
-    char text[32];
-    strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &fields);
-    return text;
-}
+std::string RtspFormatUrlTime(uint64_t us) { return FormatUtc(us, "%Y-%m-%dT%H:%M:%SZ"); }
 
 bool RtspParseRange(std::string_view value, uint64_t nptBaseUs, uint64_t nowUs, ReplayRange *range) {
     value = Trim(value);

@@ -3,6 +3,8 @@
 // Every time here is microseconds since 1970-01-01 UTC.
 #pragma once
 
+#include <time.h>
+
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -13,6 +15,10 @@ struct ReplayRange {
     uint64_t u64FromUs;  // where playback starts
     uint64_t u64ToUs;    // where it ends; 0: open (into the live recording)
 };
+
+// The clock (CLOCK_MONOTONIC for pacing and timeouts, CLOCK_REALTIME for
+// "now") in microseconds.
+uint64_t ReplayClockUs(clockid_t clock);
 
 // "20261125T050118Z" or "20261125T050118.25Z". False for anything else.
 bool RtspParseClockTime(std::string_view text, uint64_t *us);

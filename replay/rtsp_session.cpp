@@ -27,18 +27,6 @@ constexpr char kOnvifReplay[] = "onvif-replay";
 constexpr char kPublic[] = "OPTIONS, DESCRIBE, SETUP, PLAY, PAUSE, TEARDOWN, GET_PARAMETER, SET_PARAMETER";
 constexpr int kFirstUnitTries = 3;  // a live range may have nothing yet: the play starts without a first unit
 
-uint64_t MonotonicUs() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec) / 1000;
-}
-
-uint64_t WallUs() {
-    timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec) / 1000;
-}
-
 const char *Reason(int code) {
     switch (code) {
         case 200:
@@ -138,7 +126,7 @@ void RtspServeConnection(int fd, std::shared_ptr<RtspServerContext> context) {
 }
 
 RtspSession::RtspSession(int fd, std::shared_ptr<RtspServerContext> context)
-    : m_fd(fd), m_context(std::move(context)), m_writer(fd), m_lastHeardUs(MonotonicUs()) {
+    : m_fd(fd), m_context(std::move(context)), m_writer(fd), m_lastHeardUs(ReplayClockUs(CLOCK_MONOTONIC)) {
     timeval timeout = {static_cast<time_t>(m_context->options.u32RequestTimeout), 0};
     setsockopt(m_fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
     socklen_t size = sizeof m_local;
@@ -157,20 +145,27 @@ void RtspSession::Serve() {
         pollfd wait = {m_fd, POLLIN, 0};
         int ready = poll(&wait, 1, kReadPollMs);
         if (ready > 0 && (!ReadMore() || !TakeInput())) break;
-        uint64_t now = MonotonicUs();
-        if (m_stream.TakeClientHeard()) m_lastHeardUs = now;
+        uint64_t now = ReplayClockUs(CLOCK_MONOTONIC);
+        if (m_stream.TakeClientHeard() || StreamingOverConnection()) m_lastHeardUs = now;
         if (TimedOut(now)) break;
     }
     m_writer.ShutDown();
+}
+
+bool RtspSession::StreamingOverConnection() const {
+    // Data taken off the connection shows the client is there: one that stops
+    // reading loses the connection when a write times out.
+    const RtspTrack &video = m_track[kRtspVideoTrack];
+    return m_stream.Running() && !m_stream.Paused() && video.output && video.output->Tcp();
 }
 
 bool RtspSession::ReadMore() {
     char chunk[kReadChunk];
     ssize_t n = recv(m_fd, chunk, sizeof chunk, 0);
     if (n <= 0) return false;
-    if (m_input.empty()) m_partialSinceUs = MonotonicUs();
+    if (m_input.empty()) m_partialSinceUs = ReplayClockUs(CLOCK_MONOTONIC);
     m_input.append(chunk, static_cast<size_t>(n));
-    m_lastHeardUs = MonotonicUs();
+    m_lastHeardUs = ReplayClockUs(CLOCK_MONOTONIC);
     return m_input.size() <= kMaxInputBytes + kReadChunk;
 }
 
@@ -200,7 +195,7 @@ bool RtspSession::TakeInput() {
     if (m_input.empty())
         m_partialSinceUs = 0;
     else
-        m_partialSinceUs = MonotonicUs();
+        m_partialSinceUs = ReplayClockUs(CLOCK_MONOTONIC);
     return !m_closing;
 }
 
@@ -428,7 +423,7 @@ bool RtspSession::PlayRange(const RtspRequest &request, ReplayRange *range, bool
     *clockAsked = false;
     const std::string *header = request.Header("Range");
     if (header == nullptr) return true;
-    if (!RtspParseRange(*header, base, WallUs(), range)) {
+    if (!RtspParseRange(*header, base, ReplayClockUs(CLOCK_REALTIME), range)) {
         *refusal = Answer{457, "", "", ""};
         return false;
     }

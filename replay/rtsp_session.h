@@ -36,6 +36,7 @@ private:
     bool ReadMore();
     bool TakeInput();
     bool TimedOut(uint64_t now);
+    bool StreamingOverConnection() const;
     void Handle(const RtspRequest &request);
     void Send(const RtspRequest &request, const Answer &answer);
     bool Admitted(const RtspRequest &request, Answer *refusal);

@@ -4,6 +4,7 @@
 
 #include "common/log.h"
 #include "replay/rtp_rtcp.h"
+#include "replay/rtsp_range.h"
 
 namespace {
 
@@ -12,12 +13,6 @@ constexpr uint64_t kReportEveryUs = 5000000;  // sender reports
 constexpr uint64_t kMaxPaceWaitUs = 2000000;  // a longer wait is a jump in the times: start pacing anew
 constexpr uint32_t kUdpByeDelayMs = 200;      // lets the last packets arrive before the goodbye
 constexpr uint64_t kUsPerMs = 1000;
-
-uint64_t MonotonicUs() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec) / 1000;
-}
 
 }  // namespace
 
@@ -81,7 +76,7 @@ int RtspStream::NextUnit(ReplayUnit *unit) {
 
 bool RtspStream::WaitPace(const ReplayUnit &unit) {
     if (!m_options.bRateControl) return m_stop.load(std::memory_order_relaxed) == 0;
-    uint64_t now = MonotonicUs();
+    uint64_t now = ReplayClockUs(CLOCK_MONOTONIC);
     if (m_paceWallUs == 0 || unit.bGapBefore || unit.u64CaptureUs < m_paceMediaUs) {
         m_paceWallUs = now;
         m_paceMediaUs = unit.u64CaptureUs;
@@ -145,7 +140,7 @@ bool RtspStream::Deliver(const ReplayUnit &unit) {
     bool &first = m_firstOfPlay[unit.bVideo ? kRtspVideoTrack : kRtspAudioTrack];
     if (!SendUnit(unit, first)) return false;
     first = false;
-    uint64_t now = MonotonicUs();
+    uint64_t now = ReplayClockUs(CLOCK_MONOTONIC);
     if (now - m_lastReportUs >= kReportEveryUs) {
         SendReports(false);
         m_lastReportUs = now;
@@ -180,7 +175,7 @@ void RtspStream::Run() {
         track.u32LastTimestamp = track.u32BaseTimestamp;
     }
     SendReports(false);
-    m_lastReportUs = MonotonicUs();
+    m_lastReportUs = ReplayClockUs(CLOCK_MONOTONIC);
     for (;;) {
         if (m_stop.load(std::memory_order_relaxed) != 0) break;
         if (m_paused.load(std::memory_order_relaxed) != 0) {

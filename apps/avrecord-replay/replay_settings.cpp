@@ -11,7 +11,7 @@ namespace {
 
 constexpr int kValueSize = 128;
 constexpr char kUsage[] =
-    "Usage: avrecord-replay [--card DIR | --image PATH] [--listen ADDR] [--rtsp-port N] [--http-port N]\n"
+    "Usage: avrecord-replay [--card DIR | --image PATH] [--listen ADDR] [--rtsp-port N] [--http-port N] [--help]\n"
     "Serves the card's recordings over RTSP (rtsp://HOST:PORT/replay, ONVIF replay) and HTTP while the\n"
     "recorder records. Settings: section [AVRecordReplay] of /opt/app/config/CustomTools.cfg (User,\n"
     "Password, RtspPort, HttpPort, MaxClients, SessionTimeout); the options override them. Without User\n"

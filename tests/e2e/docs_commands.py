@@ -26,6 +26,7 @@ import urllib.request
 
 SOURCE, BUILD = sys.argv[1], sys.argv[2]
 CARD_TOOL = os.path.join(BUILD, "apps/avrecord-card/avrecord-card")
+PLAYERS = {"ffplay", "ffmpeg", "ffprobe", "gst-launch-1.0"}  # the replay test runs each against the server
 SEPARATORS = {"&&", "||", ";", "|", "&"}
 REDIRECTS = {">", ">>", "<"}
 RUNNABLE = {"avrecord-card", "truncate", "echo", "curl"}
@@ -154,6 +155,17 @@ def check_init_script(where, words):
     return None
 
 
+def check_player(where, words):
+    """A player line names the replay URL with times the server takes."""
+    urls = [w.split("location=", 1)[-1] for w in words if "rtsp://" in w]
+    if len(urls) != 1 or not re.match(r"^rtsp://([^@/]+@)?[^/]+/replay(\?|$)", urls[0]):
+        return fail(where, f"{words[0]} names no replay URL")
+    for key, value in re.findall(r"[?&](start|end)=([^&]*)", urls[0]):
+        if not re.fullmatch(r"\d+|\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ", value):
+            fail(where, f"{key}={value} is no time the server takes")
+    return None
+
+
 def presets(kind):
     return {p["name"] for p in json.loads(read(os.path.join(SOURCE, "CMakePresets.json"))).get(kind, [])}
 
@@ -247,6 +259,8 @@ def check_words(where, words, variables=()):
     }
     if program in checks:
         return checks[program]()
+    if program in PLAYERS:
+        return check_player(where, words)
     if built_program(program):
         return check_program(where, built_program(program), rest)
     if program not in HARMLESS:

@@ -137,12 +137,6 @@ bool CatalogIsCurrent(int indexFd, const CatalogSection &section) {
            file.m_u32RecordSectionSum == section.stSection.m_u16SectionNo;
 }
 
-CatalogFile::CatalogFile(const std::string &path) : fd_(AVFileOpen(path.c_str(), kAVFileModeRead)) {}
-
-CatalogFile::~CatalogFile() {
-    if (fd_ >= 0) AVFileClose(fd_);
-}
-
 std::string CatalogPath(const std::string &cardDir, const char *name) {
     std::string path(cardDir);
     if (!path.empty() && path.back() != '/') path += '/';

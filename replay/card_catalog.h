@@ -8,6 +8,8 @@
 #include <vector>
 
 #include "avrecord_lib/index_records.h"
+#include "avrecord_lib/record_file.h"
+#include "common/file_guard.h"
 
 // One recording section with what tells its lap of the media file from the
 // next one (the file record's start time).
@@ -63,16 +65,9 @@ int CatalogLapState(int indexFd, const CatalogSection &section, uint32_t begin, 
 bool CatalogIsCurrent(int indexFd, const CatalogSection &section);
 
 // A card file open for reading, closed on every way out.
-class CatalogFile {
+class CatalogFile : public FileGuard {
 public:
-    explicit CatalogFile(const std::string &path);
-    ~CatalogFile();
-    CatalogFile(const CatalogFile &) = delete;
-    CatalogFile &operator=(const CatalogFile &) = delete;
-    int fd() const { return fd_; }
-
-private:
-    int fd_;
+    explicit CatalogFile(const std::string &path) : FileGuard(AVFileOpenGuarded(path)) {}
 };
 
 // The card's path of a file name.

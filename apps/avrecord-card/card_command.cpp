@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "avrecord_lib/index_records.h"
+#include "card_reader/recording_reader.h"
 
 std::string CardArgs::Get(const std::string &name, const std::string &fallback) const {
     auto found = options.find(name);
@@ -117,4 +118,13 @@ JsonLine &AddFileRecord(JsonLine &line, uint32_t fileNo, const FileInfoHead &fil
         .Add("sections", file.m_u32RecordSectionSum)
         .Add("key_frames", file.m_u32KeyFrameSum)
         .Add("record_type", file.m_u32RecordType);
+}
+
+int CardLocateRecording(const CardArgs &args, RecordingSpan *span) {
+    if (args.positional.size() != 1 || RecordingParseName(args.positional[0].c_str(), span) != 0)
+        return CardFail(args, kExitUsage, "needs one NAME like hi000000_000001.mp4 or he000000_000000.mp4");
+    std::string reason;
+    if (RecordingLocate(args.card.c_str(), span, &reason) != 0)
+        return CardFail(args, kExitCardProblem, "%s", reason.c_str());
+    return kExitOk;
 }

@@ -74,6 +74,11 @@ std::string JsonString(const std::string &text);
 // "[a,b,...]" from JSON values.
 std::string JsonArray(const std::vector<std::string> &values);
 
+struct RecordingSpan;
+// The recording the command's one NAME operand names, located on the card.
+// kExitOk, or the exit code with the message given.
+int CardLocateRecording(const CardArgs &args, RecordingSpan *span);
+
 struct FileInfoHead;
 // Adds a media file's record: number, times, data size, sections, key
 // frames and record type, as info --json and the page's API give them.

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <string>
 
 #include "avrecord_lib/playback_reader.h"
@@ -118,6 +119,22 @@ void Progress(TerminalProgress &progress, const RecordingSpan &span, const Recor
     progress.Update(done, total, bytes, all != 0 ? static_cast<double>(bytes) / all : 0);
 }
 
+// Hands the recording's frames to write (false stops) with the export's
+// progress line; the read's result.
+int ReadWithProgress(const CardArgs &args, const RecordingSpan &span, const Survey &survey,
+                     const std::function<bool(const RecordingFrame &)> &write, std::string *reason) {
+    uint32_t done = 0;
+    TerminalProgress progress("export");
+    return RecordingReadFrames(
+        args.card.c_str(), span,
+        [&](const RecordingFrame &f) {
+            bool more = write(f);
+            Progress(progress, span, f, ++done, survey.video + survey.audio);
+            return more;
+        },
+        reason);
+}
+
 int WriteAvi(const CardArgs &args, const RecordingSpan &span, const Survey &survey, const std::string &out,
              std::string *reason) {
     const SectionInfoHead &s = span.stSection;
@@ -126,16 +143,12 @@ int WriteAvi(const CardArgs &args, const RecordingSpan &span, const Survey &surv
     QuietStdout quiet;
     H264ToAviStart(out.c_str(), survey.codec, s.m_u16Width, s.m_u16Height, rate, audio.format,
                    survey.audio != 0 ? 1 : 0, audio.rate, kAudioBits);
-    uint32_t done = 0;
     bool written = true;
-    TerminalProgress progress("export");
-    int read = RecordingReadFrames(
-        args.card.c_str(), span,
+    int read = ReadWithProgress(
+        args, span, survey,
         [&](const RecordingFrame &f) {
             int kind = f.iType == kPSFrameAudio ? kAviFrameAudio : kAviFrameVideo;
-            written = H264ToAviWriteFrame(f.pData, f.u32Length, kind) == 0;
-            Progress(progress, span, f, ++done, survey.video + survey.audio);
-            return written;
+            return written = H264ToAviWriteFrame(f.pData, f.u32Length, kind) == 0;
         },
         reason);
     bool finished = H264ToAviStop() == 0;
@@ -155,14 +168,11 @@ int WriteElementaryStream(const CardArgs &args, const RecordingSpan &span, const
         *reason = "cannot create " + out;
         return kExitUsage;
     }
-    uint32_t done = 0;
     bool written = true;
-    TerminalProgress progress("export");
-    int read = RecordingReadFrames(
-        args.card.c_str(), span,
+    int read = ReadWithProgress(
+        args, span, survey,
         [&](const RecordingFrame &f) {
             if (f.iType == kPSFrameVideo) written = fwrite(f.pData, 1, f.u32Length, file) == f.u32Length;
-            Progress(progress, span, f, ++done, survey.video + survey.audio);
             return written;
         },
         reason);
@@ -282,13 +292,9 @@ int RunExport(const CardArgs &args) {
     }
     if (range) return CardFail(args, kExitUsage, "a time range exports to MP4 only");
     RecordingSpan span;
-    if (args.positional.size() != 1 || RecordingParseName(args.positional[0].c_str(), &span) != 0) {
-        return CardFail(args, kExitUsage, "needs one NAME like hi000000_000001.mp4 or he000000_000000.mp4");
-    }
+    int located = CardLocateRecording(args, &span);
+    if (located != kExitOk) return located;
     std::string reason;
-    if (RecordingLocate(args.card.c_str(), &span, &reason) != 0) {
-        return CardFail(args, kExitCardProblem, "%s", reason.c_str());
-    }
     Survey survey;
     bool codecKnown = false;
     int read = RecordingReadFrames(

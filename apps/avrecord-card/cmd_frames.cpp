@@ -32,13 +32,9 @@ void PrintFrame(const CardArgs &args, uint32_t n, const RecordingFrame &f) {
 
 int RunFrames(const CardArgs &args) {
     RecordingSpan span;
-    if (args.positional.size() != 1 || RecordingParseName(args.positional[0].c_str(), &span) != 0) {
-        return CardFail(args, kExitUsage, "needs one NAME like hi000000_000001.mp4 or he000000_000000.mp4");
-    }
+    int located = CardLocateRecording(args, &span);
+    if (located != kExitOk) return located;
     std::string reason;
-    if (RecordingLocate(args.card.c_str(), &span, &reason) != 0) {
-        return CardFail(args, kExitCardProblem, "%s", reason.c_str());
-    }
     FILE *es = nullptr;
     if (args.Has("--es") && (es = fopen(args.Get("--es").c_str(), "wb")) == nullptr) {
         return CardFail(args, kExitUsage, "cannot write %s", args.Get("--es").c_str());

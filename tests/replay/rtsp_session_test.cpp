@@ -1,0 +1,287 @@
+// The RTSP server over loopback with a card of its own making: what a
+// session asks of the card (range, key frames only), how it paces, pauses,
+// follows a live tail, sends over UDP, and when it ends a client.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "avrecord_lib/ps_packetizer.h"
+#include "replay/rtsp_server.h"
+
+namespace {
+
+constexpr uint64_t kStartUs = 1795582800ull * 1000000;
+constexpr uint64_t kFrameUs = 40000;
+
+// A recording of `frames` video frames (a key frame every 10) and one audio
+// frame each, then, when live, one "nothing new yet" before every further frame.
+class FakeSource : public ReplaySource {
+public:
+    FakeSource(int frames, bool intraOnly, int liveFrames)
+        : m_frames(frames), m_intra(intraOnly), m_live(liveFrames) {}
+    int Next(ReplayUnit *unit) override {
+        for (;;) {
+            int total = m_frames + m_live;
+            if (m_index >= total * 2) return kReplayDone;
+            if (m_index >= m_frames * 2 && m_index % 2 == 0 && !m_waited) {
+                m_waited = true;
+                return kReplayWaiting;
+            }
+            m_waited = false;
+            int frame = m_index / 2;
+            bool video = m_index % 2 == 0;
+            ++m_index;
+            bool key = frame % 10 == 0;
+            if (m_intra && (!video || !key)) continue;
+            *unit = ReplayUnit{};
+            unit->bVideo = video;
+            unit->bKey = video && key;
+            unit->u64CaptureUs = kStartUs + static_cast<uint64_t>(frame) * kFrameUs;
+            unit->data = video
+                             ? std::vector<uint8_t>{0, 0, 0, 1, static_cast<uint8_t>(key ? 0x65 : 0x41), 0x88}
+                             : std::vector<uint8_t>(320, 0xD5);
+            return kReplayUnit;
+        }
+    }
+
+private:
+    int m_frames, m_index = 0;
+    bool m_intra, m_waited = false;
+    int m_live;
+};
+
+struct Opened {
+    uint64_t fromUs, toUs;
+    bool intra;
+};
+
+class RtspSessionTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        RtspBackend backend;
+        backend.describe = [](ReplayTracks *tracks) {
+            *tracks = ReplayTracks{};
+            tracks->iVideoCodec = kVideoCodecH264;
+            tracks->sps = {0x67, 0x42, 0xC0, 0x1F};
+            tracks->pps = {0x68, 0xCE};
+            tracks->bHasAudio = true;
+            tracks->iAudioCodec = kAudioCodecG711A;
+            tracks->u32AudioRate = 8000;
+            tracks->u32AudioChannels = 1;
+            tracks->u32Oldest = kStartUs / 1000000;
+            tracks->u32Newest = tracks->u32Oldest + 60;
+            return 0;
+        };
+        backend.open = [this](uint64_t fromUs, uint64_t toUs, bool intra) {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_opened.push_back({fromUs, toUs, intra});
+            return std::make_unique<FakeSource>(m_frames, intra, m_live);
+        };
+        RtspServerOptions options;
+        options.u16Port = 0;
+        options.u32SessionTimeout = 1;
+        options.u32RequestTimeout = 1;
+        m_server = std::make_unique<RtspServer>(options, backend, m_auth);
+        ASSERT_EQ(m_server->Start(), 0);
+        m_fd = Connect();
+    }
+    void TearDown() override {
+        if (m_fd >= 0) close(m_fd);
+        m_server.reset();
+    }
+
+    int Connect() {
+        int fd = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(m_server->Port());
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+        return fd;
+    }
+
+    // Sends a request; returns the answer's head, gathering interleaved packets on the way.
+    std::string Ask(const std::string &method, const std::string &path, const std::string &headers = "") {
+        std::string text = method + " rtsp://127.0.0.1/" + path +
+                           " RTSP/1.0\r\nCSeq: " + std::to_string(++m_cseq) + "\r\n" + SessionLine() +
+                           headers + "\r\n";
+        EXPECT_EQ(send(m_fd, text.data(), text.size(), MSG_NOSIGNAL), static_cast<ssize_t>(text.size()));
+        std::string head = ReadAnswer();
+        size_t at = head.find("Session: ");
+        if (at != std::string::npos) m_session = head.substr(at + 9, head.find(';', at) - at - 9);
+        return head;
+    }
+    std::string SessionLine() const { return m_session.empty() ? "" : "Session: " + m_session + "\r\n"; }
+
+    bool ReadByte(char *c, int timeoutMs = 5000) {
+        pollfd wait = {m_fd, POLLIN, 0};
+        return poll(&wait, 1, timeoutMs) == 1 && recv(m_fd, c, 1, 0) == 1;
+    }
+    // The next interleaved packet (channel, bytes); false when an answer or nothing came.
+    bool ReadPacket(int *channel, std::string *packet, int timeoutMs = 5000) {
+        char c;
+        if (!ReadByte(&c, timeoutMs) || c != '$') return false;
+        char header[3];
+        for (char &h : header)
+            if (!ReadByte(&h)) return false;
+        *channel = static_cast<uint8_t>(header[0]);
+        size_t length = static_cast<uint8_t>(header[1]) << 8 | static_cast<uint8_t>(header[2]);
+        packet->clear();
+        while (packet->size() < length && ReadByte(&c)) packet->push_back(c);
+        return packet->size() == length;
+    }
+    std::string ReadAnswer() {
+        std::string head;
+        char c;
+        while (head.size() < 4 || head.compare(head.size() - 4, 4, "\r\n\r\n") != 0) {
+            if (!ReadByte(&c)) return head;
+            if (head.empty() && c == '$') {
+                std::string packet;
+                char rest[3];
+                for (char &r : rest) ReadByte(&r);
+                size_t length = static_cast<uint8_t>(rest[1]) << 8 | static_cast<uint8_t>(rest[2]);
+                while (packet.size() < length && ReadByte(&c)) packet.push_back(c);
+                continue;
+            }
+            head.push_back(c);
+        }
+        size_t at = head.find("Content-Length: ");
+        size_t length = at == std::string::npos ? 0 : std::stoul(head.substr(at + 16));
+        for (size_t i = 0; i < length && ReadByte(&c); ++i) head.push_back(c);
+        return head;
+    }
+    void SetUpTcp() {
+        ASSERT_NE(Ask("DESCRIBE", "replay").find("200 OK"), std::string::npos);
+        ASSERT_NE(Ask("SETUP", "replay/trackID=0", "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n")
+                      .find("200"),
+                  std::string::npos);
+        ASSERT_NE(Ask("SETUP", "replay/trackID=1", "Transport: RTP/AVP/TCP;unicast;interleaved=2-3\r\n")
+                      .find("200"),
+                  std::string::npos);
+    }
+    // RTP packets per channel until the video's goodbye.
+    std::map<int, int> PacketsUntilBye() {
+        std::map<int, int> counts;
+        int channel;
+        std::string packet;
+        while (ReadPacket(&channel, &packet)) {
+            if (channel % 2 == 1 && packet.find('\xCB') != std::string::npos && channel == 1) break;
+            if (channel % 2 == 0) ++counts[channel];
+        }
+        return counts;
+    }
+
+    ReplayAuth m_auth{"", ""};
+    std::unique_ptr<RtspServer> m_server;
+    int m_fd = -1;
+    int m_cseq = 0;
+    std::string m_session;
+    std::mutex m_mutex;
+    std::vector<Opened> m_opened;
+    int m_frames = 20;
+    int m_live = 0;
+};
+
+TEST_F(RtspSessionTest, RangesReachTheCardAsAskedAndIntraLeavesAudioOut) {
+    SetUpTcp();
+    std::string answer = Ask("PLAY", "replay/", "Range: npt=1.5-2\r\nRate-Control: no\r\n");
+    ASSERT_NE(answer.find("200 OK"), std::string::npos) << answer;
+    EXPECT_NE(answer.find("RTP-Info: url="), std::string::npos);
+    PacketsUntilBye();
+    answer =
+        Ask("PLAY", "replay/", "Range: clock=20261125T050010Z-\r\nFrames: intra\r\nRate-Control: no\r\n");
+    ASSERT_NE(answer.find("200 OK"), std::string::npos) << answer;
+    std::map<int, int> counts = PacketsUntilBye();
+    EXPECT_EQ(counts[0], 2);  // key frames 0 and 10
+    EXPECT_EQ(counts[2], 0);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    ASSERT_EQ(m_opened.size(), 2u);
+    // npt counts from the oldest recording when the URL names no start.
+    EXPECT_EQ(m_opened[0].fromUs, kStartUs + 1500000);
+    EXPECT_EQ(m_opened[0].toUs, kStartUs + 2000000);
+    EXPECT_FALSE(m_opened[0].intra);
+    EXPECT_EQ(m_opened[1].fromUs, kStartUs + 10000000);
+    EXPECT_EQ(m_opened[1].toUs, 0u);
+    EXPECT_TRUE(m_opened[1].intra);
+}
+
+TEST_F(RtspSessionTest, ReverseScaleRefusedPacedPlayPausesAndGoesOn) {
+    SetUpTcp();
+    EXPECT_NE(Ask("PLAY", "replay/", "Scale: -1\r\n").find("456"), std::string::npos);
+    ASSERT_NE(Ask("PLAY", "replay/", "Scale: 2\r\n").find("200 OK"), std::string::npos);
+    auto began = std::chrono::steady_clock::now();
+    ASSERT_NE(Ask("PAUSE", "replay/").find("200 OK"), std::string::npos);
+    int channel;
+    std::string packet;
+    while (ReadPacket(&channel, &packet, 300)) {
+    }  // what was under way before the pause
+    EXPECT_FALSE(ReadPacket(&channel, &packet, 300)) << "sent while paused";
+    ASSERT_NE(Ask("PLAY", "replay/").find("200 OK"), std::string::npos);
+    std::map<int, int> counts = PacketsUntilBye();
+    EXPECT_GT(counts[0], 0);
+    // 20 frames of 40 ms at twice the speed take 0.4 s at least.
+    EXPECT_GE(std::chrono::steady_clock::now() - began, std::chrono::milliseconds(380));
+}
+
+TEST_F(RtspSessionTest, LiveTailFollowsTheCardAsItGrows) {
+    m_live = 5;
+    SetUpTcp();
+    ASSERT_NE(Ask("PLAY", "replay/", "Range: clock=20261125T050000Z-\r\nRate-Control: no\r\n").find("200 OK"),
+              std::string::npos);
+    std::map<int, int> counts = PacketsUntilBye();
+    EXPECT_EQ(counts[0], m_frames + m_live);
+    EXPECT_EQ(counts[2], m_frames + m_live);
+}
+
+TEST_F(RtspSessionTest, UdpPacketsGoToTheClientsPorts) {
+    int udp = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in local = {};
+    local.sin_family = AF_INET;
+    local.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(bind(udp, reinterpret_cast<sockaddr *>(&local), sizeof local), 0);
+    socklen_t size = sizeof local;
+    getsockname(udp, reinterpret_cast<sockaddr *>(&local), &size);
+    int port = ntohs(local.sin_port);
+    ASSERT_NE(Ask("DESCRIBE", "replay").find("200 OK"), std::string::npos);
+    std::string answer =
+        Ask("SETUP", "replay/trackID=0",
+            "Transport: RTP/AVP;multicast,RTP/AVP;unicast;client_port=" + std::to_string(port) + "-" +
+                std::to_string(port + 1) + "\r\n");
+    ASSERT_NE(answer.find("200 OK"), std::string::npos) << answer;
+    EXPECT_NE(answer.find("server_port="), std::string::npos);
+    ASSERT_NE(Ask("PLAY", "replay/", "Rate-Control: no\r\n").find("200 OK"), std::string::npos);
+    char packet[2048];
+    int received = 0;
+    pollfd wait = {udp, POLLIN, 0};
+    while (poll(&wait, 1, 2000) == 1 && recv(udp, packet, sizeof packet, 0) > 0) ++received;
+    EXPECT_EQ(received, m_frames);
+    close(udp);
+}
+
+TEST_F(RtspSessionTest, SilentSessionsAndSlowRequestsAreEnded) {
+    SetUpTcp();
+    char c;
+    pollfd silent = {m_fd, POLLIN, 0};
+    ASSERT_EQ(poll(&silent, 1, 3000), 1);
+    EXPECT_EQ(recv(m_fd, &c, 1, 0), 0) << "a session without a request or report for its timeout ends";
+    int slow = Connect();
+    const char partial[] = "OPTIONS * RTSP/1.0\r\nCSeq: 1\r\n";
+    send(slow, partial, sizeof partial - 1, MSG_NOSIGNAL);
+    pollfd wait = {slow, POLLIN, 0};
+    ASSERT_EQ(poll(&wait, 1, 3000), 1);
+    EXPECT_EQ(recv(slow, &c, 1, 0), 0) << "a request that never ends closes its connection";
+    close(slow);
+}
+
+}  // namespace

@@ -14,6 +14,7 @@
 #include "avrecord_lib/index_records.h"
 #include "common/file_guard.h"
 #include "common/file_io.h"
+#include "common/file_overlay.h"
 #include "mkfs/fat32_reader.h"
 
 namespace {
@@ -40,8 +41,8 @@ struct AttachedImage {
     bool writable;       // files may be written in place
     Fat32Volume volume;
     std::vector<ImageFile> files;
-    std::mutex mutex;  // guards checked flags and the open table
-    std::map<int, OpenFile> open;
+    std::mutex mutex;  // guards the checked flags
+    OverlayFiles<OpenFile> open;
 };
 
 std::unique_ptr<AttachedImage> g_image;
@@ -86,39 +87,28 @@ int ImageOpen(const char *path, int flags, mode_t mode) {
         errno = EROFS;
         return -1;
     }
-    std::lock_guard<std::mutex> lock(g_image->mutex);
-    std::string why;
-    if (!f->checked && CheckFile(*g_image, f, &why) != 0) {
-        errno = EIO;
-        return -1;
+    {
+        std::lock_guard<std::mutex> lock(g_image->mutex);
+        std::string why;
+        if (!f->checked && CheckFile(*g_image, f, &why) != 0) {
+            errno = EIO;
+            return -1;
+        }
     }
     int fd = PosixFileIo().open(g_image->path.c_str(), (write ? O_RDWR : O_RDONLY) | (flags & O_CLOEXEC), 0);
     if (fd < 0) return -1;
-    g_image->open[fd] = OpenFile{g_image->volume.ClusterOffset(f->file.firstCluster), f->file.size, 0, write};
+    g_image->open.Add(fd,
+                      OpenFile{g_image->volume.ClusterOffset(f->file.firstCluster), f->file.size, 0, write});
     return fd;
 }
 
 // The open card file of a descriptor; false for any other descriptor.
-bool Find(int fd, OpenFile *file) {
-    if (g_image == nullptr) return false;
-    std::lock_guard<std::mutex> lock(g_image->mutex);
-    auto it = g_image->open.find(fd);
-    if (it == g_image->open.end()) return false;
-    *file = it->second;
-    return true;
-}
+bool Find(int fd, OpenFile *file) { return g_image != nullptr && g_image->open.Find(fd, file); }
 
-void SetPosition(int fd, int64_t position) {
-    std::lock_guard<std::mutex> lock(g_image->mutex);
-    auto it = g_image->open.find(fd);
-    if (it != g_image->open.end()) it->second.position = position;
-}
+void SetPosition(int fd, int64_t position) { g_image->open.SetPosition(fd, position); }
 
 int ImageClose(int fd) {
-    if (g_image != nullptr) {
-        std::lock_guard<std::mutex> lock(g_image->mutex);
-        g_image->open.erase(fd);
-    }
+    if (g_image != nullptr) g_image->open.Remove(fd);
     return PosixFileIo().close(fd);
 }
 
@@ -145,9 +135,7 @@ int64_t ImageSeek(int fd, int64_t offset, int whence) {
     OpenFile f;
     if (!Find(fd, &f)) return PosixFileIo().seek(fd, offset, whence);
     if (whence == SEEK_DATA || whence == SEEK_HOLE) return ImageSeekExtent(fd, f, offset, whence);
-    int64_t target = FileSeekTarget(f.position, f.size, offset, whence);
-    if (target >= 0) SetPosition(fd, target);
-    return target;
+    return g_image->open.Seek(fd, f, offset, whence);
 }
 
 ssize_t ImageRead(int fd, void *buf, size_t length) {

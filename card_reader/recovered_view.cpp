@@ -14,6 +14,7 @@
 #include "avrecord_lib/record_file.h"
 #include "common/file_guard.h"
 #include "common/file_io.h"
+#include "common/file_overlay.h"
 
 namespace {
 
@@ -34,19 +35,10 @@ struct View {
     const FileIoOps *under;                        // the layer the view lies over
     FileIoOps base;                                // its calls
     std::map<std::string, CardFilePatches> files;  // by full path
-    std::mutex mutex;
-    std::map<int, ViewFile> open;
+    OverlayFiles<ViewFile> open;
 };
 
 std::unique_ptr<View> g_view;
-
-bool FindOpen(int fd, ViewFile *file) {
-    std::lock_guard<std::mutex> lock(g_view->mutex);
-    auto it = g_view->open.find(fd);
-    if (it == g_view->open.end()) return false;
-    *file = it->second;
-    return true;
-}
 
 int ViewOpen(const char *path, int flags, mode_t mode) {
     auto found = g_view->files.find(path);
@@ -60,27 +52,19 @@ int ViewOpen(const char *path, int flags, mode_t mode) {
     if (fd < 0 && errno == ENOENT) fd = g_view->base.open(kNullDevice, O_RDONLY | O_CLOEXEC, 0);
     if (fd < 0) return -1;
     int64_t size = std::max<int64_t>(g_view->base.seek(fd, 0, SEEK_END), found->second.size);
-    std::lock_guard<std::mutex> lock(g_view->mutex);
-    g_view->open[fd] = ViewFile{&found->second, size, 0};
+    g_view->open.Add(fd, ViewFile{&found->second, size, 0});
     return fd;
 }
 
 int ViewClose(int fd) {
-    {
-        std::lock_guard<std::mutex> lock(g_view->mutex);
-        g_view->open.erase(fd);
-    }
+    g_view->open.Remove(fd);
     return g_view->base.close(fd);
 }
 
 int64_t ViewSeek(int fd, int64_t offset, int whence) {
     ViewFile f;
-    if (!FindOpen(fd, &f)) return g_view->base.seek(fd, offset, whence);
-    int64_t target = FileSeekTarget(f.position, f.size, offset, whence);
-    if (target < 0) return -1;
-    std::lock_guard<std::mutex> lock(g_view->mutex);
-    g_view->open[fd].position = target;
-    return target;
+    if (!g_view->open.Find(fd, &f)) return g_view->base.seek(fd, offset, whence);
+    return g_view->open.Seek(fd, f, offset, whence);
 }
 
 // Copies the patch bytes that fall into [at, at + length) over buf.
@@ -95,7 +79,7 @@ void ApplyPatches(const CardFilePatches &p, int64_t at, uint8_t *buf, size_t len
 
 ssize_t ViewRead(int fd, void *buf, size_t length) {
     ViewFile f;
-    if (!FindOpen(fd, &f)) return g_view->base.read(fd, buf, length);
+    if (!g_view->open.Find(fd, &f)) return g_view->base.read(fd, buf, length);
     if (f.position >= f.size) return 0;
     size_t n = static_cast<size_t>(std::min<int64_t>(static_cast<int64_t>(length), f.size - f.position));
     uint8_t *out = static_cast<uint8_t *>(buf);
@@ -109,14 +93,13 @@ ssize_t ViewRead(int fd, void *buf, size_t length) {
     }
     memset(out + got, 0, n - got);  // beyond a short file: zeros
     ApplyPatches(*f.patches, f.position, out, n);
-    std::lock_guard<std::mutex> lock(g_view->mutex);
-    g_view->open[fd].position = f.position + static_cast<int64_t>(n);
+    g_view->open.SetPosition(fd, f.position + static_cast<int64_t>(n));
     return static_cast<ssize_t>(n);
 }
 
 ssize_t ViewWrite(int fd, const void *buf, size_t length) {
     ViewFile f;
-    if (!FindOpen(fd, &f)) return g_view->base.write(fd, buf, length);
+    if (!g_view->open.Find(fd, &f)) return g_view->base.write(fd, buf, length);
     errno = EBADF;
     return -1;
 }

@@ -5,6 +5,7 @@
 
 #include <cstdio>
 
+#include "card_reader/card_image_io.h"
 #include "common/log.h"
 #include "replay/replay_http.h"
 #include "replay/replay_source.h"
@@ -42,6 +43,17 @@ RtspBackend CardBackend(const ReplayCard &card) {
     return backend;
 }
 
+// With --image, the card's files are read from the image (read-only)
+// through the card image reader. False, said on standard error, when the
+// image is no card of this recorder.
+bool AttachImage(ReplaySettings *settings) {
+    if (settings->imagePath.empty()) return true;
+    std::string why;
+    if (CardImageAttach(settings->imagePath, &settings->cardDir, &why) == 0) return true;
+    std::fprintf(stderr, "avrecord-replay: %s: %s\n", settings->imagePath.c_str(), why.c_str());
+    return false;
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -49,6 +61,7 @@ int main(int argc, char **argv) {
     ReplayReadSettings(&settings);
     int parsed = ReplayParseArguments(argc, argv, &settings);
     if (parsed != 0) return parsed > 0 ? 0 : 2;
+    if (!AttachImage(&settings)) return 1;
     LogEnable("AVRecordReplay", 3);
     BlockStopSignals();
     if (setpriority(PRIO_PROCESS, 0, kNiceness) != 0) {

@@ -22,6 +22,13 @@ const PsAudioType *PsAudioTypeOfStream(uint8_t streamType) {
     return nullptr;
 }
 
+const PsAudioType *PsAudioTypeOfSection(uint8_t sectionType) {
+    for (const PsAudioType &type : kPsAudioTypes) {
+        if (type.sectionType == sectionType) return &type;
+    }
+    return nullptr;
+}
+
 bool PsIsStartCode(const uint8_t *b, uint8_t id) {
     return memcmp(b, kPsStartCodePrefix, sizeof kPsStartCodePrefix) == 0 &&
            b[sizeof kPsStartCodePrefix] == id;

@@ -34,14 +34,18 @@ struct PsAudioType {
     uint16_t codec;       // kAudioCodecAac, ...
     uint8_t streamType;   // in the stream map
     uint8_t sectionType;  // kSectionAudioAac, ...
+    const char *name;     // as the card tool names it
 };
-inline constexpr PsAudioType kPsAudioTypes[] = {{kAudioCodecAac, 0x0F, kSectionAudioAac},
-                                                {kAudioCodecG711U, 0x91, kSectionAudioG711U},
-                                                {kAudioCodecG711A, 0x90, kSectionAudioG711A}};
+inline constexpr PsAudioType kPsAudioTypes[] = {
+    {kAudioCodecAac, 0x0F, kSectionAudioAac, "aac"},
+    {kAudioCodecG711U, 0x91, kSectionAudioG711U, "g711u"},
+    {kAudioCodecG711A, 0x90, kSectionAudioG711A, "g711a"},
+};
 
 // nullptr for a code or type no recorder writes.
 const PsAudioType *PsAudioTypeOfCodec(uint16_t codec);
 const PsAudioType *PsAudioTypeOfStream(uint8_t streamType);
+const PsAudioType *PsAudioTypeOfSection(uint8_t sectionType);
 
 // True when b starts with the start code of id.
 bool PsIsStartCode(const uint8_t *b, uint8_t id);

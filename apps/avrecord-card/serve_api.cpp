@@ -6,6 +6,7 @@
 #include <set>
 
 #include "avrecord_lib/playback_reader.h"
+#include "avrecord_lib/ps_format.h"
 #include "avrecord_lib/record_file.h"
 #include "avrecord_lib/record_index.h"
 #include "card_command.h"
@@ -135,16 +136,8 @@ ApiReply CatalogOrError(const std::string &cardDir, CardCatalog *catalog) {
 }
 
 const char *AudioName(uint8_t codeType) {
-    switch (codeType) {
-        case kSectionAudioG711U:
-            return "g711u";
-        case kSectionAudioG711A:
-            return "g711a";
-        case kSectionAudioAac:
-            return "aac";
-        default:
-            return "none";
-    }
+    const PsAudioType *type = PsAudioTypeOfSection(codeType);
+    return type != nullptr ? type->name : "none";
 }
 
 // The codec of a section from its first video frame; "" when unreadable.

@@ -34,6 +34,7 @@ TEST(PsFormatTest, KeyFrameHeadersDecodeAsWritten) {
             EXPECT_EQ(map.height, 1080);
             EXPECT_EQ(map.audio, &audio);
             EXPECT_EQ(PsAudioTypeOfStream(audio.streamType), &audio);
+            EXPECT_EQ(PsAudioTypeOfSection(audio.sectionType), &audio);
         }
     }
 }

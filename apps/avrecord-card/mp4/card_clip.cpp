@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "avrecord_lib/playback_reader.h"
+#include "avrecord_lib/ps_format.h"
 #include "avrecord_lib/record_file.h"
 #include "avrecord_lib/record_index.h"
 #include "card_reader/adts_header.h"
@@ -149,19 +150,6 @@ Mp4AudioKind AudioKindOf(const SectionInfoHead &s) {
             return Mp4AudioKind::kAac;
         default:
             return Mp4AudioKind::kNone;
-    }
-}
-
-const char *AudioName(Mp4AudioKind kind) {
-    switch (kind) {
-        case Mp4AudioKind::kG711U:
-            return "g711u";
-        case Mp4AudioKind::kG711A:
-            return "g711a";
-        case Mp4AudioKind::kAac:
-            return "aac";
-        default:
-            return "";
     }
 }
 
@@ -382,7 +370,8 @@ int MakeClip(const ClipRequest &request, const OpenOutput &open, const ClipProgr
     const Mp4Tracks &t = probe.tracks;
     info->videoCodec = t.h265 ? "hevc" : "h264";
     info->audioCodec = t.audio != Mp4AudioKind::kNone ? "aac" : "";
-    info->sourceAudio = AudioName(t.audio);
+    const PsAudioType *source = PsAudioTypeOfSection(plan.pieces.front().span.stSection.m_u8AudioCodeType);
+    info->sourceAudio = t.audio != Mp4AudioKind::kNone && source != nullptr ? source->name : "";
     info->width = t.width;
     info->height = t.height;
     info->frameRate = t.frameRate;

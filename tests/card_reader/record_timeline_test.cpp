@@ -12,12 +12,6 @@
 
 namespace {
 
-size_t Count(const std::string &text, const std::string &what) {
-    size_t n = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
-    return n;
-}
-
 // A day on a crafted card: two sections (one ending at midnight), events of
 // two alarm types, and recordings of the neighbouring days left out.
 TEST(RecordTimelineTest, DayOfCardAsSvg) {
@@ -47,16 +41,16 @@ TEST(RecordTimelineTest, DayOfCardAsSvg) {
     EXPECT_EQ(timeline.events[1].alarmType, 4);
 
     std::string svg = RecordTimelineSvg(timeline);
-    EXPECT_EQ(Count(svg, "<rect class=\"section\""), 2u);
-    EXPECT_EQ(Count(svg, "<rect class=\"alarm alarm-type-1\""), 1u);
-    EXPECT_EQ(Count(svg, "<rect class=\"alarm alarm-type-4\""), 1u);
+    EXPECT_EQ(CountOf(svg, "<rect class=\"section\""), 2u);
+    EXPECT_EQ(CountOf(svg, "<rect class=\"alarm alarm-type-1\""), 1u);
+    EXPECT_EQ(CountOf(svg, "<rect class=\"alarm alarm-type-4\""), 1u);
     EXPECT_NE(svg.find("<title>hi000001_000001.mp4 12:00:00-23:59:59, file 1, section 1</title>"),
               std::string::npos);
     // Alarms go by what they watch, in the titles and the legend.
     EXPECT_NE(svg.find("<title>he000001_000001.mp4 13:00:00-13:01:00, file 1, event 1, motion</title>"),
               std::string::npos);
     for (const char *name : {">alarm input<", ">motion<", ">motion and alarm input<"})
-        EXPECT_EQ(Count(svg, name), 1u) << name;
+        EXPECT_EQ(CountOf(svg, name), 1u) << name;
     EXPECT_EQ(AlarmTypeName(2), "alarm type 2");
     // Noon starts at the middle of the axis, the last section ends at its end.
     EXPECT_NE(svg.find("class=\"section\" x=\"655.00\" y=\"50\" width=\"554.99\""), std::string::npos) << svg;

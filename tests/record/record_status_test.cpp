@@ -11,12 +11,6 @@
 
 namespace {
 
-size_t Count(const std::string &text, const std::string &what) {
-    size_t n = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
-    return n;
-}
-
 // The file is replaced whole on a change (nothing left beside it), a
 // change is logged once with its cause, and the same state again neither
 // logs nor moves `since`.
@@ -47,8 +41,8 @@ TEST(RecordStatusTest, ChangesReplaceTheFileAndAreLoggedOnce) {
          {"last_frame", "frames_written", "frames_lost", "write_errors", "oldest", "newest"})
         EXPECT_GE(field(first, name), 0) << name;
     EXPECT_NE(first.find("\"card_hours\":"), std::string::npos);
-    EXPECT_EQ(Count(log, "-> card-failing: the card refuses writes"), 1u) << log;
-    EXPECT_EQ(Count(log, "card-failing -> recording: recording"), 1u) << log;
+    EXPECT_EQ(CountOf(log, "-> card-failing: the card refuses writes"), 1u) << log;
+    EXPECT_EQ(CountOf(log, "card-failing -> recording: recording"), 1u) << log;
     EXPECT_NE(root.ReadFile(kStatusFile).find("\"state\":\"recording\""), std::string::npos);
     EXPECT_NE(access((StatusFilePath() + ".new").c_str(), F_OK), 0);
 }

@@ -78,3 +78,9 @@ void RemoveTree(const std::string &path) {
 bool LogNamesFunction(const std::string &log, const std::string &function) {
     return std::regex_search(log, std::regex("(^|[^A-Za-z0-9_])" + function + "[ -][0-9]"));
 }
+
+size_t CountOf(const std::string &text, const std::string &what) {
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+    return n;
+}

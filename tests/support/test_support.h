@@ -55,6 +55,9 @@ void WriteWholeFile(const std::string &path, const std::string &content);
 void MakeDirectories(const std::string &path);
 void RemoveTree(const std::string &path);
 
+// How often `what` stands in `text` (overlapping places counted).
+size_t CountOf(const std::string &text, const std::string &what);
+
 // True when a line of a captured log names `function` where log lines put
 // the calling function: right before the line number ("NAME 12", "NAME-12").
 bool LogNamesFunction(const std::string &log, const std::string &function);

@@ -1,5 +1,9 @@
 #include "serve_api.h"
 
+#include <fcntl.h>
+#include <limits.h>
+#include <stdlib.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <memory>
@@ -14,6 +18,8 @@
 #include "card_reader/record_timeline.h"
 #include "card_reader/recording_reader.h"
 #include "common/card_time.h"
+#include "common/file_io.h"
+#include "common/platform_paths.h"
 #include "mp4/card_clip.h"
 #include "tools/calendar_time.h"
 #include "tools/seek_file.h"
@@ -453,4 +459,39 @@ ApiReply ApiCheck(const std::string &cardDir, const ApiQuery &query) {
     std::vector<std::string> rows;
     for (const IndexProblem &p : problems) rows.push_back(JsonString(FormatIndexProblem(p)));
     return Ok(JsonLine().AddBool("consistent", problems.empty()).AddRaw("problems", JsonArray(rows)));
+}
+
+namespace {
+
+constexpr size_t kMaxStatusBytes = 4096;  // the recorder's object is a few hundred bytes
+
+bool SamePlace(const std::string &a, const std::string &b) {
+    char realA[PATH_MAX], realB[PATH_MAX];
+    return realpath(a.c_str(), realA) != nullptr && realpath(b.c_str(), realB) != nullptr &&
+           std::string(realA) == realB;
+}
+
+// The file's text, at most kMaxStatusBytes; false when it cannot be read.
+bool ReadStatusFile(std::string *text) {
+    const FileIoOps &io = FileIo();
+    int fd = io.open(StatusFilePath().c_str(), O_RDONLY | O_CLOEXEC, 0);
+    if (fd < 0) return false;
+    char buf[kMaxStatusBytes];
+    ssize_t got = io.read(fd, buf, sizeof buf);
+    io.close(fd);
+    if (got <= 0) return false;
+    text->assign(buf, static_cast<size_t>(got));
+    return true;
+}
+
+}  // namespace
+
+ApiReply ApiRecorderStatus(const std::string &cardDir, const ApiQuery &query) {
+    ApiParams params(query, {});
+    if (!params.Ok()) return params.Error();
+    if (!SamePlace(cardDir, PlatformPath(kCardMountPoint)))
+        return ApiError(kHttpNotFound, "not the camera's own card: no recorder status");
+    std::string text;
+    if (!ReadStatusFile(&text)) return ApiError(kHttpNotFound, "the recorder publishes no status");
+    return ApiReply{kHttpOk, text};
 }

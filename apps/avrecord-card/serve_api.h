@@ -107,6 +107,10 @@ struct PlayTarget {
 ApiReply FindPlayable(const std::string &cardDir, const ApiQuery &query, PlayTarget *target);
 ApiReply ApiInfo(const std::string &cardDir, const ApiQuery &query);
 ApiReply ApiCheck(const std::string &cardDir, const ApiQuery &query);
+// The recorder's published status (its JSON object as it stands) when the
+// card served is the camera's own, mounted where the recorder writes it;
+// 404 for any other card or when the recorder publishes none.
+ApiReply ApiRecorderStatus(const std::string &cardDir, const ApiQuery &query);
 
 // The JSON object of one section: times, size, frames, resolution, frame
 // rate, audio codec and record type.

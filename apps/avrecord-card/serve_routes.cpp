@@ -76,6 +76,7 @@ void AddRoutes(httplib::Server &server, const std::string &cardDir, ClipJobs &jo
     card("/api/play", ApiPlay);
     card("/api/info", ApiInfo);
     card("/api/check", ApiCheck);
+    card("/api/status", ApiRecorderStatus);
     server.Get("/api/video",
                WithQuery([cardDir, &slots](const Request &, Response &res, const ApiQuery &query) {
                    PlayTarget target;

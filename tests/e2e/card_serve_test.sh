@@ -192,6 +192,22 @@ get /api/info
 [ "$code" = 200 ] || fail "server down after bad requests: $code"
 get "/api/sections?from=0&to=4294967295"
 sections=$body
+get /api/status
+[ "$code" = 404 ] || fail "a card that is not the camera's own has a recorder status: $code $body"
+stop_server
+
+# Served where the camera mounts its card, the page gets the recorder's
+# published status as it stands; without one, 404.
+root=$work/camera
+mkdir -p "$root/media" "$root/tmp"
+ln -s "$card" "$root/media/SDCard"
+status='{"state":"card-failing","cause":"the card refuses writes","since":1779712345,"frames_lost":96}'
+AVRECORD_ROOT=$root serve_card camera --card "$root/media/SDCard/"
+get /api/status
+[ "$code" = 404 ] || fail "recorder status without its file: $code $body"
+echo "$status" >"$root/tmp/avrecord-status.json"
+get /api/status
+[ "$code $body" = "200 $status" ] || fail "recorder status: $code $body"
 stop_server
 
 # The same card written into a FAT32 image, served without mounting it:

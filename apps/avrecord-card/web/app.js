@@ -695,6 +695,13 @@ async function showCard() {
   const info = await getJson('/api/info');
   state.lanes = [state.lanes[0], ...info.alarm_types.map((a) => ({ label: capitalised(a.name), type: a.type }))];
   $('card-info').textContent = `${info.files.length} of ${info.file_sum} media files in use`;
+  // Served on the camera itself: the recorder's own word on how it is.
+  const recorder = await getJson('/api/status').catch(() => null);
+  if (recorder) {
+    const since = new Date(recorder.since * 1000).toISOString().slice(0, 19).replace('T', ' ');
+    $('card-info').textContent += `; recorder ${recorder.state} since ${since} UTC` +
+      (recorder.frames_lost ? `, ${count(recorder.frames_lost, 'frame')} lost` : '');
+  }
 }
 
 async function checkCard() {

@@ -142,6 +142,7 @@ restart_cold() {  # CASE
   card_unmount
   card_mount
   start_daemon "$1"
+  echo "${EPOCHREALTIME/./}" >"$out/$1.restarted"
 }
 
 fail_card() {  # CASE
@@ -213,9 +214,13 @@ sample_status() {
 # status_figures CASE FAILED_US MENDED_US: "STATUS_CHANGE RESUMED LOST" in
 # seconds (one decimal) from the samples; the read-only case's fault is the
 # moment the kernel set the file system read-only, the flakey case's the end
-# of its first second of working I/O.
+# of its first second of working I/O, the dust case's the daemon's restart
+# (it meets the bad sectors when it reads the index).
 status_figures() {
-  awk -v failed="$2" -v mended="$3" -v name="$1" '
+  local restarted
+  restarted=$(cat "$out/$1.restarted" 2>/dev/null)
+  awk -v failed="$2" -v mended="$3" -v name="$1" -v restarted="${restarted:-0}" '
+    BEGIN { if (name == "dust") failed = restarted }
     NF < 4 { next }
     # A file system the kernel sets read-only fails when it does so.
     name == "readonly" && $1 >= failed && $4 == "ro" && !seen { failed = $1; seen = 1 }

@@ -31,6 +31,7 @@ void RtspStream::Start(std::unique_ptr<ReplaySource> source, const ReplayUnit *f
     m_anchorUs = anchorUs;
     m_options = options;
     m_paceWallUs = 0;
+    m_measureLag.store(1, std::memory_order_relaxed);
     m_lastReportUs = 0;
     m_lastKeyUs = 0;
     m_stop.store(0, std::memory_order_relaxed);
@@ -55,6 +56,7 @@ void RtspStream::Pause(bool bPaused) {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_paused.store(bPaused ? 1 : 0, std::memory_order_relaxed);
         m_paceWallUs = 0;  // resumed playback is paced from where it stands
+        m_measureLag.store(1, std::memory_order_relaxed);
     }
     m_wake.notify_all();
 }
@@ -74,6 +76,17 @@ int RtspStream::NextUnit(ReplayUnit *unit) {
     return m_source->Next(unit);
 }
 
+// The latest monotonic time the unit may go out without falling further
+// behind the recorder than the play's start did.
+uint64_t RtspStream::LatestSend(const ReplayUnit &unit, uint64_t now) {
+    uint64_t wall = ReplayClockUs(CLOCK_REALTIME);
+    uint64_t behind = wall > unit.u64CaptureUs ? wall - unit.u64CaptureUs : 0;
+    if (m_measureLag.exchange(0, std::memory_order_relaxed) != 0) m_lagLimitUs = behind;
+    // Slow motion falls behind on purpose.
+    if (m_options.dScale < 1.0) return UINT64_MAX;
+    return behind >= m_lagLimitUs ? now : now + (m_lagLimitUs - behind);
+}
+
 bool RtspStream::WaitPace(const ReplayUnit &unit) {
     if (!m_options.bRateControl) return m_stop.load(std::memory_order_relaxed) == 0;
     uint64_t now = ReplayClockUs(CLOCK_MONOTONIC);
@@ -83,6 +96,12 @@ bool RtspStream::WaitPace(const ReplayUnit &unit) {
     }
     uint64_t due =
         m_paceWallUs + static_cast<uint64_t>((unit.u64CaptureUs - m_paceMediaUs) / m_options.dScale);
+    uint64_t latest = LatestSend(unit, now);
+    if (due > latest) {
+        m_paceWallUs = latest;
+        m_paceMediaUs = unit.u64CaptureUs;
+        due = latest;
+    }
     if (due > now + kMaxPaceWaitUs) {
         m_paceWallUs = now;
         m_paceMediaUs = unit.u64CaptureUs;
@@ -186,6 +205,9 @@ void RtspStream::Run() {
         auto unit = std::make_unique<ReplayUnit>();
         int result = NextUnit(unit.get());
         if (result == kReplayWaiting) {
+            // Caught up with the recorder: what it writes next goes out at
+            // once and is paced from there, however far its time stamps ran.
+            m_paceWallUs = 0;
             if (!WaitFor(kLiveWaitMs)) break;
             continue;
         }

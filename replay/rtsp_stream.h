@@ -61,6 +61,7 @@ public:
 private:
     void Run();
     int NextUnit(ReplayUnit *unit);
+    uint64_t LatestSend(const ReplayUnit &unit, uint64_t now);
     bool WaitPace(const ReplayUnit &unit);
     bool WaitFor(uint32_t ms);
     bool SendUnit(const ReplayUnit &unit, bool firstOfPlay);
@@ -85,6 +86,10 @@ private:
     // Pacing: the monotonic time and capture time of the last reset.
     uint64_t m_paceWallUs = 0;
     uint64_t m_paceMediaUs = 0;
+    // How far behind the wall clock the play (or its resumption) started:
+    // pacing never lets it fall further behind the recorder than that.
+    std::atomic<uint32_t> m_measureLag{1};
+    uint64_t m_lagLimitUs = 0;
     uint64_t m_lastReportUs = 0;
     uint64_t m_lastKeyUs = 0;
     std::unique_ptr<ReplayUnit> m_held[kRtspTracks];

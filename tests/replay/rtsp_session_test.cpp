@@ -61,6 +61,32 @@ private:
     int m_live;
 };
 
+// A camera that the test makes write: `backlog` video frames (a key frame
+// first) are on the card, every further one only once `written` counts it.
+// The further frames are stamped `stepUs` apart, further than the test
+// writes them: a camera slower than its set rate jumps to the next second.
+class WrittenSource : public ReplaySource {
+public:
+    WrittenSource(int backlog, uint64_t stepUs, const std::atomic<int> &written)
+        : m_backlog(backlog), m_stepUs(stepUs), m_written(written) {}
+    int Next(ReplayUnit *unit) override {
+        if (m_index >= m_backlog + m_written.load()) return kReplayWaiting;
+        *unit = ReplayUnit{};
+        unit->bVideo = true;
+        unit->bKey = m_index == 0;
+        uint64_t live = m_index > m_backlog ? static_cast<uint64_t>(m_index - m_backlog) : 0;
+        unit->u64CaptureUs = kStartUs + static_cast<uint64_t>(m_index) * kFrameUs + live * m_stepUs;
+        unit->data = {0, 0, 0, 1, static_cast<uint8_t>(unit->bKey ? 0x65 : 0x41), 0x88};
+        ++m_index;
+        return kReplayUnit;
+    }
+
+private:
+    int m_backlog, m_index = 0;
+    uint64_t m_stepUs;
+    const std::atomic<int> &m_written;
+};
+
 struct Opened {
     uint64_t fromUs, toUs;
     bool intra;
@@ -86,7 +112,10 @@ protected:
         backend.open = [this](uint64_t fromUs, uint64_t toUs, bool intra) {
             std::lock_guard<std::mutex> lock(m_mutex);
             m_opened.push_back({fromUs, toUs, intra});
-            return std::make_unique<FakeSource>(m_frames, intra, m_live);
+            if (m_writtenStepUs != 0)
+                return std::unique_ptr<ReplaySource>(
+                    std::make_unique<WrittenSource>(m_frames, m_writtenStepUs, m_written));
+            return std::unique_ptr<ReplaySource>(std::make_unique<FakeSource>(m_frames, intra, m_live));
         };
         RtspServerOptions options;
         options.u16Port = 0;
@@ -191,6 +220,8 @@ protected:
     std::vector<Opened> m_opened;
     int m_frames = 20;
     int m_live = 0;
+    uint64_t m_writtenStepUs = 0;  // not 0: the card is a WrittenSource
+    std::atomic<int> m_written{0};
 };
 
 TEST_F(RtspSessionTest, RangesReachTheCardAsAskedAndIntraLeavesAudioOut) {
@@ -242,6 +273,25 @@ TEST_F(RtspSessionTest, LiveTailFollowsTheCardAsItGrows) {
     std::map<int, int> counts = PacketsUntilBye();
     EXPECT_EQ(counts[0], m_frames + m_live);
     EXPECT_EQ(counts[2], m_frames + m_live);
+}
+
+TEST_F(RtspSessionTest, PacedLiveTailSendsWhatIsWrittenAtOnce) {
+    m_frames = 4;
+    m_writtenStepUs = 1900000;  // paced from the play's first frame, each would wait this long
+    SetUpTcp();
+    ASSERT_NE(Ask("PLAY", "replay/", "Range: clock=20261125T050000Z-\r\n").find("200 OK"), std::string::npos);
+    int channel, video = 0;
+    std::string packet;
+    // The newest frame is held back until the next one is written.
+    while (video < m_frames - 1 && ReadPacket(&channel, &packet))
+        if (channel == 0) ++video;
+    ASSERT_EQ(video, m_frames - 1);
+    for (int written = 1; written <= 3; ++written) {
+        m_written.store(written);
+        bool sent = false;
+        while (!sent && ReadPacket(&channel, &packet, 1000)) sent = channel == 0;
+        EXPECT_TRUE(sent) << "frame " << m_frames + written - 2 << " not sent when the next was written";
+    }
 }
 
 TEST_F(RtspSessionTest, UdpPacketsGoToTheClientsPorts) {

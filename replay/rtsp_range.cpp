@@ -5,6 +5,7 @@
 #include <ctime>
 
 #include "common/card_time.h"
+#include "tools/calendar_time.h"
 
 namespace {
 
@@ -50,22 +51,11 @@ struct Cursor {
     }
 };
 
-struct CivilTime {
-    int year, month, day, hour, minute, second;
-};
-
-bool CivilToUs(const CivilTime &c, uint64_t fractionUs, uint64_t *us) {
+bool CivilToUs(const DateTime &c, uint64_t fractionUs, uint64_t *us) {
     if (c.month < 1 || c.month > 12 || c.day < 1 || c.day > 31 || c.hour > 23 || c.minute > 59 ||
         c.second > 60)
         return false;
-    struct tm fields = {};
-    fields.tm_year = c.year - 1900;
-    fields.tm_mon = c.month - 1;
-    fields.tm_mday = c.day;
-    fields.tm_hour = c.hour;
-    fields.tm_min = c.minute;
-    fields.tm_sec = c.second;
-    time_t seconds = timegm(&fields);
+    int64_t seconds = UtcSeconds(c);
     if (seconds < 0) return false;
     *us = static_cast<uint64_t>(seconds) * kUsPerSecond + fractionUs;
     return true;
@@ -174,7 +164,7 @@ uint64_t ReplayClockUs(clockid_t clock) {
 
 bool RtspParseClockTime(std::string_view text, uint64_t *us) {
     Cursor cursor{text};
-    CivilTime c;
+    DateTime c{};
     uint64_t fraction;
     if (!cursor.Digits(4, &c.year) || !cursor.Digits(2, &c.month) || !cursor.Digits(2, &c.day) ||
         !cursor.Take('T') || !cursor.Digits(2, &c.hour) || !cursor.Digits(2, &c.minute) ||
@@ -197,7 +187,7 @@ std::string RtspFormatClockTime(uint64_t us) {
 bool RtspParseUrlTime(std::string_view text, uint64_t *us) {
     if (ParseEpochSeconds(text, us)) return true;
     Cursor cursor{text};
-    CivilTime c;
+    DateTime c{};
     uint64_t fraction;
     if (!cursor.Digits(4, &c.year) || !cursor.Take('-') || !cursor.Digits(2, &c.month) || !cursor.Take('-') ||
         !cursor.Digits(2, &c.day) || !(cursor.Take('T') || cursor.Take('t') || cursor.Take(' ')) ||

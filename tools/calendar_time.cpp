@@ -34,18 +34,6 @@ struct tm LocalTm(int64_t seconds) {
 
 int32_t OffsetAt(int64_t seconds) { return static_cast<int32_t>(LocalTm(seconds).tm_gmtoff); }
 
-// The fields read as if they were UTC, rolled over like mktime does.
-int64_t FieldsAsUtc(const DateTime &fields) {
-    struct tm t {};
-    t.tm_year = fields.year - 1900;
-    t.tm_mon = fields.month - 1;
-    t.tm_mday = fields.day;
-    t.tm_hour = fields.hour;
-    t.tm_min = fields.minute;
-    t.tm_sec = fields.second;
-    return static_cast<int64_t>(timegm(&t));
-}
-
 // The moments whose local clock reads `asUtc` (local fields as if UTC): two
 // in the repeated hour, none in the skipped one, else one. Returns how many.
 int LocalMoments(int64_t asUtc, int64_t moments[2]) {
@@ -68,6 +56,17 @@ DateTime UtcDateTime(uint32_t seconds) {
     struct tm t {};
     CardTimeUtc(seconds, &t);
     return FromTm(t);
+}
+
+int64_t UtcSeconds(const DateTime &utc) {
+    struct tm t {};
+    t.tm_year = utc.year - 1900;
+    t.tm_mon = utc.month - 1;
+    t.tm_mday = utc.day;
+    t.tm_hour = utc.hour;
+    t.tm_min = utc.minute;
+    t.tm_sec = utc.second;
+    return static_cast<int64_t>(timegm(&t));
 }
 
 DateTime LocalDateTime(uint32_t seconds) { return FromTm(LocalTm(CardTimeToTime(seconds))); }
@@ -113,7 +112,7 @@ std::string UtcTimeText(uint32_t seconds) {
 }
 
 int64_t LocalSeconds(const DateTime &local) {
-    int64_t asUtc = FieldsAsUtc(local);
+    int64_t asUtc = UtcSeconds(local);
     if (asUtc == -1) return -1;
     int64_t moments[2];
     if (LocalMoments(asUtc, moments) == 0) return asUtc - OffsetAt(asUtc - kOffsetLookAround);

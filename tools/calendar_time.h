@@ -21,6 +21,10 @@ struct DateTime {
 // has 25 hours. Card times are UTC and never change with the zone.
 
 DateTime UtcDateTime(uint32_t seconds);
+// The fields read as UTC (weekday ignored; out of range fields roll over,
+// day 32 is the next month's first), as seconds since 1970; negative
+// before 1970.
+int64_t UtcSeconds(const DateTime &utc);
 DateTime LocalDateTime(uint32_t seconds);
 // The moment the local clock shows the fields (weekday ignored; fields out
 // of range roll over, day 32 is the next month's first), as UTC seconds.

@@ -8,10 +8,10 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <thread>
 
 #include "replay/replay_auth.h"
 #include "replay/replay_source.h"
+#include "replay/tcp_listener.h"
 
 struct RtspServerOptions {
     std::string listenAddress = "127.0.0.1";  // IPv4 address to bind, "0.0.0.0" for every one
@@ -33,7 +33,6 @@ struct RtspServerContext {
     RtspBackend backend;
     const ReplayAuth *auth;
     std::atomic<uint32_t> stop{0};
-    std::atomic<uint32_t> connections{0};
     std::atomic<uint32_t> sessions{0};
 };
 
@@ -45,18 +44,15 @@ public:
     // Binds and starts accepting. 0, or -1 (logged) when the address cannot be bound.
     int Start();
     // The port listened on (the chosen one when the options said 0).
-    uint16_t Port() const { return m_port; }
+    uint16_t Port() const { return m_listener.Port(); }
     // Stops accepting, ends every connection and waits for their threads.
     void Stop();
 
 private:
-    void AcceptLoop();
-
     std::shared_ptr<RtspServerContext> m_context;
-    int m_listenFd = -1;
-    uint16_t m_port = 0;
-    std::thread m_acceptThread;
+    TcpListener m_listener;
 };
 
-// Serves one client connection until it closes, times out or the server stops.
+// Serves one client connection until it closes, times out or the server
+// stops; the caller closes fd afterwards.
 void RtspServeConnection(int fd, std::shared_ptr<RtspServerContext> context);

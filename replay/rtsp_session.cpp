@@ -118,11 +118,8 @@ bool PortPair(const std::string &text, bool channels, uint16_t *first, uint16_t 
 }  // namespace
 
 void RtspServeConnection(int fd, std::shared_ptr<RtspServerContext> context) {
-    {
-        RtspSession session(fd, context);
-        session.Serve();
-    }
-    context->connections.fetch_sub(1);
+    RtspSession session(fd, std::move(context));
+    session.Serve();
 }
 
 RtspSession::RtspSession(int fd, std::shared_ptr<RtspServerContext> context)
@@ -135,10 +132,7 @@ RtspSession::RtspSession(int fd, std::shared_ptr<RtspServerContext> context)
     getpeername(m_fd, reinterpret_cast<sockaddr *>(&m_peer), &size);
 }
 
-RtspSession::~RtspSession() {
-    EndSession();
-    close(m_fd);
-}
+RtspSession::~RtspSession() { EndSession(); }
 
 void RtspSession::Serve() {
     while (!m_closing && m_context->stop.load(std::memory_order_relaxed) == 0 && !m_writer.Broken()) {

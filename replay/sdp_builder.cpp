@@ -1,6 +1,5 @@
 #include "replay/sdp_builder.h"
 
-#include <cstdio>
 #include <iterator>
 
 #include "avrecord_lib/ps_packetizer.h"
@@ -18,23 +17,24 @@ constexpr size_t kProfileLevelBytes = 3;  // profile_idc, constraint flags, leve
 
 std::string Base64(const std::vector<uint8_t> &bytes) { return Base64Encode(bytes.data(), bytes.size()); }
 
+void AppendHexByte(std::string *hex, uint8_t byte) {
+    static constexpr char kHexDigits[] = "0123456789ABCDEF";
+    *hex += kHexDigits[byte >> 4];
+    *hex += kHexDigits[byte & 0x0F];
+}
+
 // The stream's AudioSpecificConfig in hex; AAC-LC of the rate and channels when the source gave none.
 std::string AacConfig(const std::vector<uint8_t> &given, uint32_t rate, uint32_t channels) {
     std::string hex;
-    char digits[4];
-    for (uint8_t byte : given) {
-        snprintf(digits, sizeof digits, "%02X", byte);
-        hex += digits;
-    }
+    for (uint8_t byte : given) AppendHexByte(&hex, byte);
     if (!hex.empty()) return hex;
     uint32_t index = 0;
     while (index < std::size(kAdtsRates) && kAdtsRates[index] != rate) ++index;
     if (index == std::size(kAdtsRates)) index = 3;  // an unknown rate is announced as 48 kHz
     uint32_t config = kAacLowComplexity << 11 | index << 7 | (channels & 0x0F) << 3;
-    snprintf(digits, sizeof digits, "%02X", config >> 8);
-    hex = digits;
-    snprintf(digits, sizeof digits, "%02X", config & 0xFF);
-    return hex + digits;
+    AppendHexByte(&hex, static_cast<uint8_t>(config >> 8));
+    AppendHexByte(&hex, static_cast<uint8_t>(config & 0xFF));
+    return hex;
 }
 
 std::string VideoLines(const ReplayTracks &tracks) {
@@ -48,9 +48,8 @@ std::string VideoLines(const ReplayTracks &tracks) {
     } else {
         sdp += "a=rtpmap:96 H264/90000\r\na=fmtp:96 packetization-mode=1";
         if (tracks.sps.size() > kProfileLevelBytes) {
-            char profile[16];
-            snprintf(profile, sizeof profile, "%02X%02X%02X", tracks.sps[1], tracks.sps[2], tracks.sps[3]);
-            sdp += std::string("; profile-level-id=") + profile;
+            sdp += "; profile-level-id=";
+            for (size_t i = 1; i <= kProfileLevelBytes; ++i) AppendHexByte(&sdp, tracks.sps[i]);
         }
         if (!tracks.sps.empty() && !tracks.pps.empty())
             sdp += "; sprop-parameter-sets=" + Base64(tracks.sps) + "," + Base64(tracks.pps);

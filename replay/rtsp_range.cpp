@@ -115,13 +115,13 @@ bool ParseNptTime(std::string_view text, uint64_t base, uint64_t now, uint64_t *
 }
 
 // The two sides of "from-to"; to may be empty.
-bool SplitRange(std::string_view spec, std::string_view *from, std::string_view *to) {
-    size_t semicolon = spec.find(';');  // ";time=..." is not taken
-    spec = spec.substr(0, semicolon);
-    size_t dash = spec.find('-');
+bool SplitRange(std::string_view text, std::string_view *from, std::string_view *to) {
+    size_t semicolon = text.find(';');  // ";time=..." is not taken
+    text = text.substr(0, semicolon);
+    size_t dash = text.find('-');
     if (dash == std::string_view::npos || dash == 0) return false;
-    *from = spec.substr(0, dash);
-    *to = spec.substr(dash + 1);
+    *from = text.substr(0, dash);
+    *to = text.substr(dash + 1);
     return true;
 }
 

@@ -65,12 +65,16 @@ private:
 // first) are on the card, every further one only once `written` counts it.
 // The further frames are stamped `stepUs` apart, further than the test
 // writes them: a camera slower than its set rate jumps to the next second.
+// `waits` counts the times the stream found nothing new.
 class WrittenSource : public ReplaySource {
 public:
-    WrittenSource(int backlog, uint64_t stepUs, const std::atomic<int> &written)
-        : m_backlog(backlog), m_stepUs(stepUs), m_written(written) {}
+    WrittenSource(int backlog, uint64_t stepUs, const std::atomic<int> &written, std::atomic<int> &waits)
+        : m_backlog(backlog), m_stepUs(stepUs), m_written(written), m_waits(waits) {}
     int Next(ReplayUnit *unit) override {
-        if (m_index >= m_backlog + m_written.load()) return kReplayWaiting;
+        if (m_index >= m_backlog + m_written.load()) {
+            m_waits.fetch_add(1);
+            return kReplayWaiting;
+        }
         *unit = ReplayUnit{};
         unit->bVideo = true;
         unit->bKey = m_index == 0;
@@ -85,6 +89,7 @@ private:
     int m_backlog, m_index = 0;
     uint64_t m_stepUs;
     const std::atomic<int> &m_written;
+    std::atomic<int> &m_waits;
 };
 
 struct Opened {
@@ -114,7 +119,7 @@ protected:
             m_opened.push_back({fromUs, toUs, intra});
             if (m_writtenStepUs != 0)
                 return std::unique_ptr<ReplaySource>(
-                    std::make_unique<WrittenSource>(m_frames, m_writtenStepUs, m_written));
+                    std::make_unique<WrittenSource>(m_frames, m_writtenStepUs, m_written, m_waits));
             return std::unique_ptr<ReplaySource>(std::make_unique<FakeSource>(m_frames, intra, m_live));
         };
         RtspServerOptions options;
@@ -222,6 +227,7 @@ protected:
     int m_live = 0;
     uint64_t m_writtenStepUs = 0;  // not 0: the card is a WrittenSource
     std::atomic<int> m_written{0};
+    std::atomic<int> m_waits{0};
 };
 
 TEST_F(RtspSessionTest, RangesReachTheCardAsAskedAndIntraLeavesAudioOut) {
@@ -287,6 +293,9 @@ TEST_F(RtspSessionTest, PacedLiveTailSendsWhatIsWrittenAtOnce) {
         if (channel == 0) ++video;
     ASSERT_EQ(video, m_frames - 1);
     for (int written = 1; written <= 3; ++written) {
+        // The recorder writes once the stream has caught up with it.
+        int waits = m_waits.load();
+        for (int i = 0; i < 500 && m_waits.load() == waits; ++i) usleep(2000);
         m_written.store(written);
         bool sent = false;
         while (!sent && ReadPacket(&channel, &packet, 1000)) sent = channel == 0;

@@ -468,10 +468,7 @@ void FileScanner::Scan(RecoveredFile *result) {
 const SectionInfoHead *OldSection(const OldFile &old, uint32_t fileNo, uint32_t slot) {
     if (slot == 0 || slot > old.sections.size()) return nullptr;
     const SectionInfoHead &o = old.sections[slot - 1];
-    if (o.m_u32HeadFlag != kSectionInfoHeadFlag || o.m_u16SectionNo != slot ||
-        o.m_u32FileNo != static_cast<uint16_t>(fileNo))
-        return nullptr;
-    return &o;
+    return SectionRecordIsFiles(o, fileNo, slot) ? &o : nullptr;
 }
 
 // Unreadable bytes inside a section the index has begin behind the last

@@ -139,13 +139,15 @@ void IndexChecker::CheckFile(int indexFd, uint32_t fileNo, const FileInfoHead &f
 void IndexChecker::CheckSection(const FileInfoHead &file, uint32_t slot, const SectionInfoHead &section,
                                 uint32_t *dataEnd) {
     uint32_t fileNo = file.m_u32FileNo;
-    if (section.m_u32HeadFlag != kSectionInfoHeadFlag) {
-        Add(fileNo, slot, "no section record (magic %#x)", section.m_u32HeadFlag);
-        return;
+    if (!SectionRecordIsFiles(section, fileNo, slot)) {
+        if (section.m_u32HeadFlag != kSectionInfoHeadFlag) {
+            Add(fileNo, slot, "no section record (magic %#x)", section.m_u32HeadFlag);
+            return;
+        }
+        if (section.m_u16SectionNo != slot) Add(fileNo, slot, "numbered %u", section.m_u16SectionNo);
+        if (section.m_u32FileNo != static_cast<uint16_t>(fileNo))
+            Add(fileNo, slot, "names file %u", section.m_u32FileNo);
     }
-    if (section.m_u16SectionNo != slot) Add(fileNo, slot, "numbered %u", section.m_u16SectionNo);
-    if (section.m_u32FileNo != static_cast<uint16_t>(fileNo))
-        Add(fileNo, slot, "names file %u", section.m_u32FileNo);
     if (section.m_u32KeyFrameEntrySize != kKeyFrameEntrySize) {
         Add(fileNo, slot, "key-frame entry size %u", section.m_u32KeyFrameEntrySize);
     }
@@ -252,6 +254,11 @@ void IndexChecker::CheckEventSlot(int eventFd, uint32_t fileNo) {
 }
 
 }  // namespace
+
+bool SectionRecordIsFiles(const SectionInfoHead &section, uint32_t fileNo, uint32_t slot) {
+    return section.m_u32HeadFlag == kSectionInfoHeadFlag && section.m_u16SectionNo == slot &&
+           section.m_u32FileNo == static_cast<uint16_t>(fileNo);
+}
 
 std::string CardMediaFilePath(const std::string &cardDir, uint32_t fileNo) {
     char name[32];

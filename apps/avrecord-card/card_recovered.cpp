@@ -53,10 +53,8 @@ std::string IndexDamage(const std::string &cardDir) {
         if (file.m_u32HeadFlag != kFileInfoHeadFlag) continue;
         bool whole = file.m_u32FileNo == n && file.m_u32RecordSectionSum != 0 &&
                      AV_RecordSectionInfoHeadRead(index.fd(), &file, sections.data()) == 0;
-        for (uint32_t slot = 1; whole && slot <= file.m_u32RecordSectionSum; ++slot) {
-            const SectionInfoHead &s = sections[slot - 1];
-            whole = s.m_u32HeadFlag == kSectionInfoHeadFlag && s.m_u16SectionNo == slot;
-        }
+        for (uint32_t slot = 1; whole && slot <= file.m_u32RecordSectionSum; ++slot)
+            whole = SectionRecordIsFiles(sections[slot - 1], n, slot);
         if (!whole) damage = "the records of media file " + std::to_string(n);
     }
     return damage;

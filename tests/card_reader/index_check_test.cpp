@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
@@ -129,6 +130,41 @@ TEST_F(IndexCheckTest, FindsEachKindOfDamage) {
             found = found || FormatIndexProblem(problem).find(c.expected) != std::string::npos;
         }
         EXPECT_TRUE(found) << "no problem mentions \"" << c.expected << "\"";
+    }
+}
+
+// A section record that is not its slot's (magic, number or file off) is
+// named by the check and refused alike by the recovery and by the read
+// commands' warning, which once looked at the magic and number only.
+TEST_F(IndexCheckTest, SectionRecordNotTheSlotsIsJudgedAlike) {
+    const uint32_t section1 = SectionInfoHeadPosition(0, 1);
+    struct Case {
+        const char *damage;
+        uint32_t at;
+        std::string bytes;
+        const char *expected;
+    };
+    const std::vector<Case> cases = {
+        {"magic", section1, Le32(0), "section 1: no section record"},
+        {"number", section1 + 0x0E, std::string("\x05\x00", 2), "section 1: numbered 5"},
+        {"file", section1 + 0x0C, std::string("\x02\x00", 2), "section 1: names file 2"},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.damage);
+        SetUp();
+        SectionInfoHead record;
+        std::string bytes = ReadFileAt(Index(), section1, sizeof record);
+        ASSERT_EQ(bytes.size(), sizeof record);
+        std::memcpy(&record, bytes.data(), sizeof record);
+        EXPECT_TRUE(SectionRecordIsFiles(record, 0, 1));
+        WriteFileAt(Index(), c.at, c.bytes);
+        bytes = ReadFileAt(Index(), section1, sizeof record);
+        std::memcpy(&record, bytes.data(), sizeof record);
+        EXPECT_FALSE(SectionRecordIsFiles(record, 0, 1));
+        bool named = false;
+        for (const IndexProblem &problem : Check())
+            named = named || FormatIndexProblem(problem).find(c.expected) != std::string::npos;
+        EXPECT_TRUE(named) << "no problem mentions \"" << c.expected << "\"";
     }
 }
 

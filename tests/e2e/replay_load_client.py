@@ -14,7 +14,7 @@ import json
 import sys
 import time
 
-from replay_rtsp_client import Client, access_units, check, clock, failures, setup_all
+from replay_rtsp_client import Client, access_units, check, clock, failures, holds_bye, setup_all
 
 ONVIF = {"Require": "onvif-replay"}
 
@@ -41,7 +41,7 @@ def pull(port, seconds):
                 continue
             packets.append(item[1:])
             payload += len(item[2])
-            if item[1] == 1 and any(item[2][i + 1] == 203 for i in range(0, len(item[2]) - 1, 4)):
+            if item[1] == 1 and holds_bye(item[2]):
                 break
         units += len(access_units(packets, 0))
         client.request("TEARDOWN", headers={"Session": sid})

@@ -125,9 +125,19 @@ def access_units(packets, channel):
     return units
 
 
+def holds_bye(rtcp):
+    """Whether an RTCP compound packet holds a BYE, walked packet by packet
+    (a sender report's time stamps may hold the BYE's type byte anywhere)."""
+    at = 0
+    while at + 4 <= len(rtcp):
+        if rtcp[at + 1] == 203:
+            return True
+        at += (struct.unpack(">H", rtcp[at + 2:at + 4])[0] + 1) * 4
+    return False
+
+
 def byes(packets, channel):
-    return sum(1 for ch, p in packets if ch == channel and len(p) > 1 and
-               any(p[i + 1] == 203 for i in range(0, len(p) - 1, 4)))
+    return sum(1 for ch, p in packets if ch == channel and holds_bye(p))
 
 
 def gap(port, start, end, gap_start, gap_end, user, password):

@@ -195,3 +195,10 @@ int libAVRecordPlayBackIsKeyFrame(int fd, uint32_t offset) {
     if (AV_RecordStreamInfoRead(fd, offset + kPackHeaderSize, next4, sizeof next4) < 0) return -1;
     return PsIsStartCode(next4, kPsSystemHeaderId) ? 1 : 0;
 }
+
+uint16_t PlayBackKeyFrameCodec(int fd, uint32_t offset) {
+    uint8_t headers[kKeyFrameHeadersSize];
+    PsStreamMap map;
+    if (AV_RecordStreamInfoRead(fd, offset, headers, sizeof headers) < 0) return 0;
+    return PsDecodeKeyFrameHeaders(headers, &map) ? map.videoCodec : 0;
+}

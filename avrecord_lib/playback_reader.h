@@ -35,3 +35,9 @@ int libAVRecordPlayBackGetPSFrameBounded(int fd, uint32_t *offset, uint32_t data
 // 1 when the video frame whose pack header is at offset is a key frame
 // (a system header follows the pack header), 0 when not, -1 when unreadable.
 int libAVRecordPlayBackIsKeyFrame(int fd, uint32_t offset);
+
+// The video codec the stream map in front of the frame at offset names
+// (kVideoCodecH264 or kVideoCodecH265): what the writer took the section's
+// first key frame for. 0 when the frame is no key frame or is unreadable.
+// The card's one answer to "which codec": readers ask it, not the bytes.
+uint16_t PlayBackKeyFrameCodec(int fd, uint32_t offset);

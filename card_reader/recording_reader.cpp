@@ -11,7 +11,6 @@
 #include "avrecord_lib/ps_packetizer.h"
 #include "avrecord_lib/record_file.h"
 #include "avrecord_lib/record_index.h"
-#include "common/nal_unit.h"
 
 namespace {
 
@@ -111,7 +110,7 @@ int WalkFrames(int fd, const RecordingSpan &span, uint32_t at, std::vector<uint8
                const std::function<bool(const RecordingFrame &)> &visit, std::string *reason) {
     uint32_t time = 0;
     while (at < span.u32DataEnd) {
-        RecordingFrame frame{at, 0, false, buffer.data(), 0, 0, 0};
+        RecordingFrame frame{at, 0, false, buffer.data(), 0, 0, 0, 0};
         uint32_t next = at;
         if (libAVRecordPlayBackGetPSFrameBounded(fd, &next, span.u32DataEnd, &frame.iType, buffer.data(),
                                                  static_cast<uint32_t>(buffer.size()), &frame.u32Length,
@@ -120,7 +119,8 @@ int WalkFrames(int fd, const RecordingSpan &span, uint32_t at, std::vector<uint8
             return Fail(reason, Text("unreadable frame at offset %u of media file %u", at, span.u32FileNo));
         }
         frame.u32Time = time;
-        frame.bKey = frame.iType == kPSFrameVideo && libAVRecordPlayBackIsKeyFrame(fd, at) == 1;
+        if (frame.iType == kPSFrameVideo) frame.u16VideoCodec = PlayBackKeyFrameCodec(fd, at);
+        frame.bKey = frame.u16VideoCodec != 0;
         if (!visit(frame)) break;
         at = next;
     }
@@ -149,16 +149,7 @@ int SeekStart(int fd, RecordingSpan *span, uint32_t from, std::vector<uint8_t> &
 
 }  // namespace
 
-bool RecordingIsH265(const RecordingFrame &key) {
-    const uint8_t *p = key.pData;
-    for (uint32_t i = 0; i + 3 < key.u32Length; ++i) {
-        if (p[i] == 0 && p[i + 1] == 0 && p[i + 2] == 1) {
-            int type = H265NalType(p[i + 3]);
-            return type >= kH265NalVps && type <= kH265NalSuffixSei;
-        }
-    }
-    return false;
-}
+bool RecordingIsH265(const RecordingFrame &key) { return key.u16VideoCodec == kVideoCodecH265; }
 
 int RecordingParseName(const char *name, RecordingSpan *span) {
     if (name == nullptr || span == nullptr || std::strlen(name) != std::strlen(kNameExample)) return -1;

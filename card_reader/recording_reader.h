@@ -31,10 +31,12 @@ struct RecordingFrame {
     uint32_t u32Length;    // bytes at pData
     uint32_t u32Time;      // wall clock of the latest video frame
     uint32_t u32Pts;       // presentation time stamp, low 32 bits
+    uint16_t u16VideoCodec;  // a key frame's codec, as its stream map names it; 0 for other frames
 };
 
-// True when the video is H.265: the first NAL unit of a key frame is an
-// H.265 parameter set, access unit delimiter or SEI. H.264 otherwise.
+// True when the recording is H.265, as the stream map of its key frame
+// `key` says: the writer's own judgement of the section's first key frame,
+// so every reader names the codec the recorder did.
 bool RecordingIsH265(const RecordingFrame &key);
 
 // Takes a name apart. 0, or -1 when it is no recording name.

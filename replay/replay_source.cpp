@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "avrecord_lib/annexb_stream.h"
-#include "avrecord_lib/frame_writer.h"
+#include "avrecord_lib/ps_format.h"
 #include "avrecord_lib/ps_packetizer.h"
 #include "avrecord_lib/record_file.h"
 #include "card_reader/adts_header.h"
@@ -223,14 +223,8 @@ void TakeParameterSets(const uint8_t *data, size_t size, ReplayTracks *tracks) {
 }
 
 int AudioCodecOf(uint8_t sectionType) {
-    switch (sectionType) {
-        case kSectionAudioG711U:
-            return kAudioCodecG711U;
-        case kSectionAudioG711A:
-            return kAudioCodecG711A;
-        default:
-            return kAudioCodecAac;
-    }
+    const PsAudioType *type = PsAudioTypeOfSection(sectionType);
+    return type != nullptr ? type->codec : kAudioCodecAac;
 }
 
 void TakeAudio(const SectionReader &reader, const SectionFrame &frame, ReplayTracks *tracks) {
@@ -260,7 +254,7 @@ int DescribeSection(const std::string &dir, int indexFd, const CatalogSection &s
             if (!tracks->bHasAudio) TakeAudio(reader, frame, tracks);
         } else if (frame.bKey && !keySeen) {
             keySeen = true;
-            tracks->iVideoCodec = LS_RecordClassifyFrame(frame.pData, frame.u32Length).codec;
+            tracks->iVideoCodec = frame.u16VideoCodec;
             TakeParameterSets(frame.pData, frame.u32Length, tracks);
         }
     }

@@ -97,16 +97,17 @@ SectionRead SectionReader::Read(SectionFrame *frame) {
     if (lap != LapState::kIntact || unreadable) return SectionRead::kEnded;
     bool video = type == kPSFrameVideo;
     if (video) wall_ = wall;
-    bool key = video && libAVRecordPlayBackIsKeyFrame(mediaFd_, pos_) == 1;
+    uint16_t codec = video ? PlayBackKeyFrameCodec(mediaFd_, pos_) : 0;
     uint64_t capture = CaptureTime(video, length, pts);
     *frame = recorded_ ? SectionFrame{video,
-                                      key,
+                                      codec != 0,
                                       pos_,
                                       pts,
                                       capture,
                                       recordedBytes_.data(),
-                                      static_cast<uint32_t>(recordedBytes_.size())}
-                       : SectionFrame{video, key, pos_, pts, capture, buffer_.data(), length};
+                                      static_cast<uint32_t>(recordedBytes_.size()),
+                                      codec}
+                       : SectionFrame{video, codec != 0, pos_, pts, capture, buffer_.data(), length, codec};
     pos_ = next;
     return SectionRead::kFrame;
 }

@@ -16,6 +16,7 @@ struct SectionFrame {
     uint64_t u64CaptureUs;  // capture time
     const uint8_t *pData;   // elementary-stream bytes, valid until the next read
     uint32_t u32Length;
+    uint16_t u16VideoCodec;  // a key frame's codec, as its stream map names it; 0 for other frames
 };
 
 enum class SectionRead {

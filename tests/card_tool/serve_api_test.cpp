@@ -26,7 +26,8 @@ const Bytes kOther = Nal({0x41, 0x9A}, 500, 4);
 // inside seconds as well as on their starts.
 class RecordedCard {
 public:
-    RecordedCard(uint32_t seconds, uint32_t gop) : dir_(tmp_.File("card") + "/") {
+    RecordedCard(uint32_t seconds, uint32_t gop, const Bytes &key = kKey, const Bytes &other = kOther)
+        : dir_(tmp_.File("card") + "/") {
         MakeDirectories(dir_);
         MakeSparseCard(dir_, 1);
         RecordConfigInfo header;
@@ -38,7 +39,7 @@ public:
         LS_RecordSetClocks(TestWall, TestUptime);
         SetRecordClockForTest(TestRecordClock);
         LS_RecordSetCardDir(dir_.c_str());
-        Record(seconds * kFps, gop);
+        Record(seconds * kFps, gop, key, other);
     }
     ~RecordedCard() {
         LS_RecordSetCardDir(nullptr);
@@ -49,7 +50,7 @@ public:
     const std::string &dir() const { return dir_; }
 
 private:
-    void Record(uint32_t frames, uint32_t gop) {
+    void Record(uint32_t frames, uint32_t gop, const Bytes &key, const Bytes &other) {
         int fd = AVFileOpen((dir_ + kIndexFileName).c_str(), kAVFileModeReadWrite);
         AV_RecordConfigInfoRead(fd, GetRecordConfigInfo());
         AV_RecordFileInfoHeadRead(fd, GetRecordConfigInfo(), GetFileInfoHead());
@@ -62,7 +63,7 @@ private:
         for (uint32_t n = 0; n < frames; ++n) {
             g_uptime = 1000 + n / kFps;
             g_wall = {static_cast<time_t>(kStart + n / kFps), static_cast<suseconds_t>(n % kFps * 40000)};
-            const Bytes &frame = n % gop == 0 ? kKey : kOther;
+            const Bytes &frame = n % gop == 0 ? key : other;
             AVDataInfo info{};
             info.AVDataLen = static_cast<int32_t>(frame.size());
             info.AVSource = kFrameKindVideo;
@@ -94,6 +95,33 @@ TEST(ServeApiTest, PlayNamesTheKeyFrameTheVideoStartsOn) {
         ASSERT_EQ(reply.status, kHttpOk) << reply.body;
         EXPECT_NE(reply.body.find("\"key_time\":" + std::to_string(c.keyTime) + "}"), std::string::npos)
             << reply.body;
+    }
+}
+
+// The codec is the one the recorder took the section's first key frame
+// for. The first NAL header byte of an H.264 frame can also read as an H.265
+// header: 0x47 (a sequence parameter set of reference priority 2) is an
+// H.265 access unit delimiter.
+TEST(ServeApiTest, SectionCodecIsTheOneTheRecorderWrote) {
+    struct Case {
+        const char *what;
+        Bytes key;
+        Bytes other;
+        const char *codec;
+    } cases[] = {
+        {"H.264", kKey, kOther, "h264"},
+        {"H.264, priority 2",
+         Concat({Nal({0x47, 0x42}, 10, 1), Nal({0x48, 0xCE}, 2, 2), Nal({0x45, 0x88}, 2000, 3)}),
+         Nal({0x41, 0x9A}, 500, 4), "h264"},
+        {"H.265", Concat({Nal({0x40, 0x01}, 20, 1), Nal({0x42, 0x01}, 30, 2), Nal({0x26, 0x01}, 2000, 4)}),
+         Nal({0x02, 0x01}, 500, 5), "h265"},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        RecordedCard card(2, 25, c.key, c.other);
+        ApiReply reply = ApiSection(card.dir(), ApiQuery{{"name", "hi000000_000001.mp4"}});
+        ASSERT_EQ(reply.status, kHttpOk) << reply.body;
+        EXPECT_NE(reply.body.find(std::string("\"codec\":\"") + c.codec + "\""), std::string::npos) << reply.body;
     }
 }
 

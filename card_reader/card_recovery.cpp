@@ -468,7 +468,7 @@ void FileScanner::Scan(RecoveredFile *result) {
 const SectionInfoHead *OldSection(const OldFile &old, uint32_t fileNo, uint32_t slot) {
     if (slot == 0 || slot > old.sections.size()) return nullptr;
     const SectionInfoHead &o = old.sections[slot - 1];
-    return SectionRecordIsFiles(o, fileNo, slot) ? &o : nullptr;
+    return SectionRecordDamage(o, fileNo, slot).empty() ? &o : nullptr;
 }
 
 // Unreadable bytes inside a section the index has begin behind the last

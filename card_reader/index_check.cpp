@@ -139,14 +139,11 @@ void IndexChecker::CheckFile(int indexFd, uint32_t fileNo, const FileInfoHead &f
 void IndexChecker::CheckSection(const FileInfoHead &file, uint32_t slot, const SectionInfoHead &section,
                                 uint32_t *dataEnd) {
     uint32_t fileNo = file.m_u32FileNo;
-    if (!SectionRecordIsFiles(section, fileNo, slot)) {
-        if (section.m_u32HeadFlag != kSectionInfoHeadFlag) {
-            Add(fileNo, slot, "no section record (magic %#x)", section.m_u32HeadFlag);
-            return;
-        }
-        if (section.m_u16SectionNo != slot) Add(fileNo, slot, "numbered %u", section.m_u16SectionNo);
-        if (section.m_u32FileNo != static_cast<uint16_t>(fileNo))
-            Add(fileNo, slot, "names file %u", section.m_u32FileNo);
+    // Another slot's or file's record says nothing about this section.
+    std::string damage = SectionRecordDamage(section, fileNo, slot);
+    if (!damage.empty()) {
+        Add(fileNo, slot, "%s", damage.c_str());
+        return;
     }
     if (section.m_u32KeyFrameEntrySize != kKeyFrameEntrySize) {
         Add(fileNo, slot, "key-frame entry size %u", section.m_u32KeyFrameEntrySize);
@@ -255,9 +252,18 @@ void IndexChecker::CheckEventSlot(int eventFd, uint32_t fileNo) {
 
 }  // namespace
 
-bool SectionRecordIsFiles(const SectionInfoHead &section, uint32_t fileNo, uint32_t slot) {
-    return section.m_u32HeadFlag == kSectionInfoHeadFlag && section.m_u16SectionNo == slot &&
-           section.m_u32FileNo == static_cast<uint16_t>(fileNo);
+std::string SectionRecordDamage(const SectionInfoHead &section, uint32_t fileNo, uint32_t slot) {
+    char text[64];
+    if (section.m_u32HeadFlag != kSectionInfoHeadFlag) {
+        snprintf(text, sizeof text, "no section record (magic %#x)", section.m_u32HeadFlag);
+    } else if (section.m_u16SectionNo != slot) {
+        snprintf(text, sizeof text, "numbered %u", section.m_u16SectionNo);
+    } else if (section.m_u32FileNo != static_cast<uint16_t>(fileNo)) {
+        snprintf(text, sizeof text, "names file %u", section.m_u32FileNo);
+    } else {
+        return {};
+    }
+    return text;
 }
 
 std::string CardMediaFilePath(const std::string &cardDir, uint32_t fileNo) {

@@ -26,11 +26,12 @@ struct CardIndex {
 // one-line reason when the index cannot be opened or its header is invalid.
 int LoadCardIndex(const std::string &cardDir, CardIndex *index, std::string *reason);
 
-// Whether a section record is the one the writer leaves in slot `slot`
-// (counted from 1) of media file fileNo: its magic, its number and its
-// file. The check names each of these apart; the recovery keeps an old
-// record only when it holds, and the read commands' warning looks no further.
-bool SectionRecordIsFiles(const SectionInfoHead &section, uint32_t fileNo, uint32_t slot);
+// Why a section record is not the one the writer leaves in slot `slot`
+// (counted from 1) of media file fileNo: "no section record (magic ...)",
+// "numbered N", "names file N"; empty when its magic, number and file are
+// right. The check reports it, the recovery keeps an old record only when
+// it is empty, and the read commands' warning names it.
+std::string SectionRecordDamage(const SectionInfoHead &section, uint32_t fileNo, uint32_t slot);
 
 // One inconsistency found by the check.
 struct IndexProblem {

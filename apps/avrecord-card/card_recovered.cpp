@@ -53,9 +53,13 @@ std::string IndexDamage(const std::string &cardDir) {
         if (file.m_u32HeadFlag != kFileInfoHeadFlag) continue;
         bool whole = file.m_u32FileNo == n && file.m_u32RecordSectionSum != 0 &&
                      AV_RecordSectionInfoHeadRead(index.fd(), &file, sections.data()) == 0;
-        for (uint32_t slot = 1; whole && slot <= file.m_u32RecordSectionSum; ++slot)
-            whole = SectionRecordIsFiles(sections[slot - 1], n, slot);
         if (!whole) damage = "the records of media file " + std::to_string(n);
+        for (uint32_t slot = 1; damage.empty() && slot <= file.m_u32RecordSectionSum; ++slot) {
+            std::string section = SectionRecordDamage(sections[slot - 1], n, slot);
+            if (!section.empty())
+                damage =
+                    "media file " + std::to_string(n) + " section " + std::to_string(slot) + ": " + section;
+        }
     }
     return damage;
 }

@@ -156,15 +156,19 @@ TEST_F(IndexCheckTest, SectionRecordNotTheSlotsIsJudgedAlike) {
         std::string bytes = ReadFileAt(Index(), section1, sizeof record);
         ASSERT_EQ(bytes.size(), sizeof record);
         std::memcpy(&record, bytes.data(), sizeof record);
-        EXPECT_TRUE(SectionRecordIsFiles(record, 0, 1));
+        EXPECT_EQ(SectionRecordDamage(record, 0, 1), "");
         WriteFileAt(Index(), c.at, c.bytes);
         bytes = ReadFileAt(Index(), section1, sizeof record);
         std::memcpy(&record, bytes.data(), sizeof record);
-        EXPECT_FALSE(SectionRecordIsFiles(record, 0, 1));
-        bool named = false;
+        std::string damage = SectionRecordDamage(record, 0, 1);
+        EXPECT_NE(damage, "");
+        // The check reports the same words, once, for that section.
+        size_t named = 0;
         for (const IndexProblem &problem : Check())
-            named = named || FormatIndexProblem(problem).find(c.expected) != std::string::npos;
-        EXPECT_TRUE(named) << "no problem mentions \"" << c.expected << "\"";
+            named += FormatIndexProblem(problem).find(c.expected) != std::string::npos;
+        EXPECT_EQ(named, 1u) << "problems naming \"" << c.expected << "\"";
+        EXPECT_NE(std::string("file 0 section 1: ").append(damage).find(c.expected), std::string::npos)
+            << damage;
     }
 }
 

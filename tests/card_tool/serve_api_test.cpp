@@ -121,7 +121,8 @@ TEST(ServeApiTest, SectionCodecIsTheOneTheRecorderWrote) {
         RecordedCard card(2, 25, c.key, c.other);
         ApiReply reply = ApiSection(card.dir(), ApiQuery{{"name", "hi000000_000001.mp4"}});
         ASSERT_EQ(reply.status, kHttpOk) << reply.body;
-        EXPECT_NE(reply.body.find(std::string("\"codec\":\"") + c.codec + "\""), std::string::npos) << reply.body;
+        EXPECT_NE(reply.body.find(std::string("\"codec\":\"") + c.codec + "\""), std::string::npos)
+            << reply.body;
     }
 }
 

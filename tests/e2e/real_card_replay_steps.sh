@@ -11,7 +11,8 @@ log=$REAL_CARD_WORK/avrecord.log
 client=$AVRECORD_SOURCE_DIR/tests/e2e/replay_load_client.py
 port=8554
 ip link set lo up 2>/dev/null || busybox ifconfig lo 127.0.0.1 up
-start_sim --video0 "$samples/h264_1080p.h264"
+published=$REAL_CARD_WORK/published.txt
+start_sim --video0 "$samples/h264_1080p.h264" --publish-log "$published"
 start_daemon
 wait_log "$recording_line" 60 && date +%s >"$REAL_CARD_WORK/first-frame-clock"
 "$AVRECORD_BUILD_DIR/apps/avrecord-replay/avrecord-replay" --card "$card" --rtsp-port $port --http-port 0 \
@@ -19,9 +20,9 @@ wait_log "$recording_line" 60 && date +%s >"$REAL_CARD_WORK/first-frame-clock"
 replay=$!
 sleep 5  # a few seconds on the card before the first pull
 # The live tail alone, then beside the four pullers.
-python3 "$client" tail $port 15 >"$REAL_CARD_WORK/tail-alone.json" 2>&1 || fail "the live tail alone failed"
+python3 "$client" tail $port 15 "$samples/h264_1080p.h264" "$published" >"$REAL_CARD_WORK/tail-alone.json" 2>&1 || fail "the live tail alone failed"
 clients=()
-python3 "$client" tail $port "$1" >"$REAL_CARD_WORK/tail.json" 2>&1 &
+python3 "$client" tail $port "$1" "$samples/h264_1080p.h264" "$published" >"$REAL_CARD_WORK/tail.json" 2>&1 &
 clients+=($!)
 for i in 1 2 3 4; do
   python3 "$client" pull $port "$1" >"$REAL_CARD_WORK/pull$i.json" 2>&1 &

@@ -5,11 +5,12 @@
 # speed and one following the live recording (real_card_replay_steps.sh).
 # The recording must hold every published frame from its first key frame
 # to its stop (check_recording), the card must read back clean, and the
-# live tail, alone, must arrive within 2 s of the capture times (median;
-# the 95th percentile and the largest delay are printed: on a machine
-# shared with other work the VM's scheduling shows in them; capture times
-# are estimated from the second each frame was written, so every figure is
-# an upper bound). The figures go to the output.
+# frames written after the live tail's PLAY must reach it, alone, within
+# 2 s of the simulator publishing them (median; the 95th percentile and the
+# largest delay are printed: on a machine shared with other work the VM's
+# scheduling shows in them). Each frame is timed from its publication (the
+# simulator's log, matched by the picture's bytes) to the arrival of its
+# first packet. The figures go to the output.
 source "$(dirname "$0")/real_card_lib.sh"
 real_card_steps=$AVRECORD_SOURCE_DIR/tests/e2e/real_card_replay_steps.sh
 [ -x "$AVRECORD_BUILD_DIR/apps/avrecord-replay/avrecord-replay" ] || { echo "SKIP: no avrecord-replay built"; exit 0; }

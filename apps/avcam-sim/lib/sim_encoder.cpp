@@ -1,5 +1,7 @@
 #include "lib/sim_encoder.h"
 
+#include <time.h>
+
 #include <cerrno>
 #include <chrono>
 
@@ -9,6 +11,8 @@
 namespace {
 constexpr uint32_t kBadCheckWord = 0xBADC0DE5;
 constexpr uint64_t kStopPollUs = 20000;
+constexpr uint64_t kUsPerSecond = 1000000;
+constexpr uint64_t kNsPerUs = 1000;
 
 uint64_t NextKey(const VideoInput &video, uint64_t from) {
     for (size_t i = 0; i < video.units.size(); ++i) {
@@ -29,6 +33,14 @@ bool SimEncoder::Start(const SimEncoderConfig &config, SimStatus *status) {
             return false;
         }
         SimStore(status_->Ring[s].Active, config_.hasVideo[s] ? 1 : 0);
+    }
+    if (!config_.publishLog.empty()) {
+        publishLog_ = fopen(config_.publishLog.c_str(), "w");
+        if (publishLog_ == nullptr) {
+            Stop();
+            return false;
+        }
+        setvbuf(publishLog_, nullptr, _IOLBF, 0);
     }
     ctrlQueue_ = IpcMsgQueueOpen(kAVStreamCtrlQueueKey);
     encoderQueue_ = IpcMsgQueueOpen(kAVServerCtrlQueueKey);
@@ -52,6 +64,8 @@ void SimEncoder::Stop() {
     ctrlQueue_ = encoderQueue_ = -1;
     for (std::thread &thread : threads_) thread.join();
     threads_.clear();
+    if (publishLog_ != nullptr) fclose(publishLog_);
+    publishLog_ = nullptr;
     for (uint32_t s = 0; s < kSimStreams; ++s) {
         if (ringOpen_[s]) AVRingWriterClose(&rings_[s], true);
         ringOpen_[s] = false;
@@ -63,6 +77,18 @@ void SimEncoder::SleepUnlessStopped(uint64_t us) {
     while (stop_.load() == 0 && std::chrono::steady_clock::now() < end) {
         std::this_thread::sleep_for(std::chrono::microseconds(std::min<uint64_t>(us, kStopPollUs)));
     }
+}
+
+// Wall-clock time of the publication, the stream and the input's access
+// unit: what a test needs to time the frame's way to a client.
+void SimEncoder::LogPublished(uint32_t stream, uint64_t index) {
+    if (publishLog_ == nullptr) return;
+    struct timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    uint64_t us =
+        static_cast<uint64_t>(now.tv_sec) * kUsPerSecond + static_cast<uint64_t>(now.tv_nsec) / kNsPerUs;
+    fprintf(publishLog_, "%llu %u %llu\n", static_cast<unsigned long long>(us), stream,
+            static_cast<unsigned long long>(index));
 }
 
 bool SimEncoder::TakeFault(uint32_t stream, SimFault *fault, uint32_t *arg) {
@@ -127,6 +153,7 @@ void SimEncoder::Publisher(uint32_t stream) {
         uint64_t mediaUs = frameNo * frameUs;
         AVRingWriterPublish(&ring, unit.bytes.data(), static_cast<int32_t>(unit.bytes.size()), kAVSourceVideo,
                             static_cast<uint32_t>(mediaUs / 1000), unit.key);
+        LogPublished(stream, index);
         SimStore(ringStatus.Serial, ring.LastSerial.load());
         SimStore(reinterpret_cast<uint32_t &>(ringStatus.Position),
                  static_cast<uint32_t>(ring.WritePos.load()));

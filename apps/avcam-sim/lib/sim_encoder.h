@@ -5,6 +5,8 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstdio>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -21,6 +23,7 @@ struct SimEncoderConfig {
     VideoInput video[kSimStreams];    // inputs
     bool hasAudio = false;            // audio into the main ring
     AudioInput audio;                 // audio input
+    std::string publishLog;           // one line per video frame published, when set
 };
 
 class SimEncoder {
@@ -38,6 +41,7 @@ private:
     bool TakeFault(uint32_t stream, SimFault *fault, uint32_t *arg);
     void PublishAudioUntil(uint64_t mediaUs, uint64_t *audioUs, size_t *audioIndex);
     void SleepUnlessStopped(uint64_t us);
+    void LogPublished(uint32_t stream, uint64_t index);
 
     SimEncoderConfig config_;
     SimStatus *status_ = nullptr;
@@ -48,4 +52,5 @@ private:
     std::atomic<uint32_t> stop_{0};
     std::atomic<uint32_t> forceKey_[kSimStreams] = {};
     std::vector<std::thread> threads_;
+    FILE *publishLog_ = nullptr;
 };

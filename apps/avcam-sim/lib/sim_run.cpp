@@ -26,7 +26,8 @@ constexpr uint8_t kEncodingH265 = 1;
 
 bool TakesValue(const std::string &option) {
     return option == "--profile" || option == "--video0" || option == "--video1" || option == "--video2" ||
-           option == "--audio" || option == "--audio-codec" || option == "--fps" || option == "--speed";
+           option == "--audio" || option == "--audio-codec" || option == "--fps" || option == "--speed" ||
+           option == "--publish-log";
 }
 
 // The segments "run" created itself (the encoder and the configuration
@@ -141,6 +142,8 @@ int ParseRunOptions(const std::vector<std::string> &args, SimRunOptions *options
             audioPath = value;
         else if (option == "--audio-codec")
             audioCodec = value;
+        else if (option == "--publish-log")
+            encoder.publishLog = value;
         else if (option == "--fps") {
             if (!ParseNumber(value, 1, kFpsMax, &number)) {
                 *error = "bad --fps '" + value + "' (expected 1.." + std::to_string(kFpsMax) + ")";

@@ -193,7 +193,12 @@ int CardSource::Next(ReplayUnit *unit) {
         }
         if (ahead_.empty()) return r;
         if (r == kReplayError) return Deliver(unit);
-        // Waiting: the held unit goes out unmarked once the wait grows long.
+        // Waiting at the recording's edge, where what follows the held unit
+        // shows only once the recorder writes it. An open range never ends
+        // and does not wait for that: the unit goes out at once, unmarked
+        // (the first unit after a gap still carries the mark). In a range
+        // with an end it may be the last, and waits until the wait grows long.
+        if (endUs_ == 0) return Deliver(unit);
         if (!holding_) {
             holding_ = true;
             heldSince_ = SteadyClock::now();

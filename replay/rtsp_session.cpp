@@ -507,6 +507,7 @@ RtspSession::Answer RtspSession::Play(const RtspRequest &request) {
     if (!LoadTracks()) return Answer{404, "", "text/plain", "no recording on the card\r\n"};
     if (!PlayRange(request, &range, &clockAsked, &refusal) || !PlayOptions(request, &options, &refusal))
         return refusal;
+    options.bOpenEnd = range.u64ToUs == 0;
     m_stream.Stop();
     std::unique_ptr<ReplaySource> source =
         m_context->backend.open(range.u64FromUs, range.u64ToUs, options.bIntraOnly);

@@ -8,7 +8,8 @@
 
 namespace {
 
-constexpr uint32_t kLiveWaitMs = 100;         // the card has nothing new yet: ask again after this
+constexpr uint32_t kLiveWaitMs = 20;       // the card has nothing new yet: ask again after this
+constexpr uint64_t kHeldLimitUs = 500000;  // a range with an end: held units wait this long at the live edge
 constexpr uint64_t kReportEveryUs = 5000000;  // sender reports
 constexpr uint64_t kMaxPaceWaitUs = 2000000;  // a longer wait is a jump in the times: start pacing anew
 constexpr uint32_t kUdpByeDelayMs = 200;      // lets the last packets arrive before the goodbye
@@ -167,6 +168,20 @@ bool RtspStream::Deliver(const ReplayUnit &unit) {
     return true;
 }
 
+// Caught up with the recorder: the units held back to mark the range's last
+// go out unmarked, at once when the range follows the recording (it has no
+// last), else once the wait grows long.
+bool RtspStream::ReleaseHeld() {
+    uint64_t now = ReplayClockUs(CLOCK_MONOTONIC);
+    if (m_waitingSinceUs == 0) m_waitingSinceUs = now;
+    if (!m_options.bOpenEnd && now - m_waitingSinceUs < kHeldLimitUs) return true;
+    for (std::unique_ptr<ReplayUnit> &held : m_held) {
+        if (held && !Deliver(*held)) return false;
+        held.reset();
+    }
+    return true;
+}
+
 void RtspStream::Finish(int result) {
     // Each track's last unit of the range carries T.
     for (int track = 0; track < kRtspTracks; ++track) {
@@ -186,6 +201,7 @@ void RtspStream::Run() {
     // that the range's last unit of each is known when it is sent.
     m_firstOfPlay[kRtspVideoTrack] = m_firstOfPlay[kRtspAudioTrack] = true;
     for (auto &held : m_held) held.reset();
+    m_waitingSinceUs = 0;
     // A sender report ties the play's RTP times to the recording's clock
     // before its first packet: ONVIF players (GStreamer) drop packets they
     // cannot place on that clock.
@@ -208,9 +224,10 @@ void RtspStream::Run() {
             // Caught up with the recorder: what it writes next goes out at
             // once and is paced from there, however far its time stamps ran.
             m_paceWallUs = 0;
-            if (!WaitFor(kLiveWaitMs)) break;
+            if (!ReleaseHeld() || !WaitFor(kLiveWaitMs)) break;
             continue;
         }
+        m_waitingSinceUs = 0;
         if (result != kReplayUnit) {
             Finish(result);
             break;

@@ -34,7 +34,8 @@ struct RtspPlayOptions {
     double dScale = 1.0;         // forward speed when paced
     uint32_t u32IntraGapMs = 0;  // Frames: intra/<ms>: at most one key frame per that many ms
     bool bIntraOnly = false;
-    uint8_t u8CSeq = 0;  // low byte of the PLAY's CSeq, in every frame's extension
+    bool bOpenEnd = false;  // the range has no end: it follows the recording
+    uint8_t u8CSeq = 0;     // low byte of the PLAY's CSeq, in every frame's extension
 };
 
 // The RTP time stamp of a frame: the track's clock since the anchor, from the base.
@@ -67,6 +68,7 @@ private:
     bool SendUnit(const ReplayUnit &unit, bool firstOfPlay);
     bool Wanted(const ReplayUnit &unit);
     bool Deliver(const ReplayUnit &unit);
+    bool ReleaseHeld();
     void Finish(int result);
     void SendReports(bool bBye);
 
@@ -93,5 +95,6 @@ private:
     uint64_t m_lastReportUs = 0;
     uint64_t m_lastKeyUs = 0;
     std::unique_ptr<ReplayUnit> m_held[kRtspTracks];
+    uint64_t m_waitingSinceUs = 0;  // the card has had nothing new since (monotonic); 0: not waiting
     bool m_firstOfPlay[kRtspTracks] = {true, true};
 };

@@ -125,35 +125,40 @@ TEST_F(ReplaySourceTest, RangeEdgesAndKeyFramesOnly) {
     EXPECT_EQ(ReplayOpen({tmp_.File("none")}, 0, 0, false), nullptr);
 }
 
-// An open range follows the section while it is written, and the next one.
+// A range reaching the present follows the section while it is written,
+// and the next one after a gap. What the recorder has written goes out at
+// once when the range is open; a range with an end holds its newest unit
+// back until what follows tells whether a gap comes after it.
 TEST_F(ReplaySourceTest, LiveTailFollowsTheRecorder) {
-    ReplayRecorder rec(Card());
-    rec.Open(kReplayStart);
-    rec.Second(kReplayStart, true);
-    auto source = ReplayOpen({Card()}, At(kReplayStart), 0, false);
-    int last = 0;
-    std::vector<ReplayUnit> got = Drain(*source, &last);
-    EXPECT_EQ(last, kReplayWaiting);
-    // The newest unit is held back until what follows it tells whether a
-    // gap comes after it.
-    EXPECT_EQ(got.size(), rec.written.size() - 1);
+    for (uint64_t end : {uint64_t{0}, At(UINT32_MAX)}) {
+        SCOPED_TRACE(end == 0 ? "open range" : "range with an end");
+        size_t held = end == 0 ? 0 : 1;
+        TempDir card;
+        ReplayRecorder rec(card.path() + "/");
+        rec.Open(kReplayStart);
+        rec.Second(kReplayStart, true);
+        auto source = ReplayOpen({card.path() + "/"}, At(kReplayStart), end, false);
+        int last = 0;
+        std::vector<ReplayUnit> got = Drain(*source, &last);
+        EXPECT_EQ(last, kReplayWaiting);
+        EXPECT_EQ(got.size(), rec.written.size() - held);
 
-    rec.Second(kReplayStart + 1, true);
-    for (ReplayUnit &u : Drain(*source, &last)) got.push_back(u);
-    EXPECT_EQ(last, kReplayWaiting);
-    EXPECT_EQ(got.size(), rec.written.size() - 1);
-    rec.Close();
-    size_t firstOfSecond = rec.written.size();
-    rec.Open(kReplayStart + 20);
-    rec.Second(kReplayStart + 20, true);
-    rec.Second(kReplayStart + 21, true);
-    for (ReplayUnit &u : Drain(*source, &last)) got.push_back(u);
-    rec.Close();
-    ASSERT_EQ(got.size(), rec.written.size() - 1);
-    ExpectSame(std::vector<ReplayUnit>(got.begin(), got.end()),
-               std::vector<WrittenUnit>(rec.written.begin(), rec.written.end() - 1), 0);
-    EXPECT_TRUE(got[firstOfSecond - 1].bGapAfter);
-    EXPECT_TRUE(got[firstOfSecond].bGapBefore);
+        rec.Second(kReplayStart + 1, true);
+        for (ReplayUnit &u : Drain(*source, &last)) got.push_back(u);
+        EXPECT_EQ(last, kReplayWaiting);
+        EXPECT_EQ(got.size(), rec.written.size() - held);
+        rec.Close();
+        size_t firstOfSecond = rec.written.size();
+        rec.Open(kReplayStart + 20);
+        rec.Second(kReplayStart + 20, true);
+        rec.Second(kReplayStart + 21, true);
+        for (ReplayUnit &u : Drain(*source, &last)) got.push_back(u);
+        rec.Close();
+        ASSERT_EQ(got.size(), rec.written.size() - held);
+        ExpectSame(got, std::vector<WrittenUnit>(rec.written.begin(), rec.written.end() - held), 0);
+        EXPECT_EQ(got[firstOfSecond - 1].bGapAfter, held == 1);
+        EXPECT_TRUE(got[firstOfSecond].bGapBefore);
+    }
 }
 
 // The recorder starts the media file over under a reader of its older

@@ -115,6 +115,12 @@ bool PortPair(const std::string &text, bool channels, uint16_t *first, uint16_t 
     return true;
 }
 
+// Immediate: yes: the PLAY replaces the range under way and what is queued.
+bool AskedImmediate(const RtspRequest &request) {
+    const std::string *immediate = request.Header("Immediate");
+    return immediate != nullptr && RtspNameEquals(RtspTrim(*immediate), "yes");
+}
+
 }  // namespace
 
 void RtspServeConnection(int fd, std::shared_ptr<RtspServerContext> context) {
@@ -457,7 +463,7 @@ bool RtspSession::PlayOptions(const RtspRequest &request, RtspPlayOptions *optio
 }
 
 std::string RtspSession::PlayInfo(const RtspRequest &request, uint64_t anchorUs, uint64_t toUs,
-                                  bool clockAsked) {
+                                  bool clockAsked, bool queued) {
     std::string headers;
     if (clockAsked) {
         headers =
@@ -480,9 +486,10 @@ std::string RtspSession::PlayInfo(const RtspRequest &request, uint64_t anchorUs,
         const RtspTrack &track = m_track[index];
         if (!track.packetizer) continue;
         if (!info.empty()) info += ",";
-        info += "url=" + m_baseUrl + (index == kRtspVideoTrack ? kSdpVideoControl : kSdpAudioControl) +
-                ";seq=" + std::to_string(track.packetizer->NextSequence()) +
-                ";rtptime=" + std::to_string(track.u32BaseTimestamp);
+        info += "url=" + m_baseUrl + (index == kRtspVideoTrack ? kSdpVideoControl : kSdpAudioControl);
+        // A queued play's first sequence number is known only once the play before it ends.
+        if (!queued) info += ";seq=" + std::to_string(track.packetizer->NextSequence());
+        info += ";rtptime=" + std::to_string(track.u32BaseTimestamp);
     }
     if (!info.empty()) headers += "RTP-Info: " + info + "\r\n";
     const std::string *scale = request.Header("Scale");
@@ -508,22 +515,31 @@ RtspSession::Answer RtspSession::Play(const RtspRequest &request) {
     if (!PlayRange(request, &range, &clockAsked, &refusal) || !PlayOptions(request, &options, &refusal))
         return refusal;
     options.bOpenEnd = range.u64ToUs == 0;
-    m_stream.Stop();
-    std::unique_ptr<ReplaySource> source =
-        m_context->backend.open(range.u64FromUs, range.u64ToUs, options.bIntraOnly);
-    if (!source) return Answer{457, "", "text/plain", "nothing recorded in that range\r\n"};
-    ReplayUnit first;
+    // A play under way goes on to its end and the new range follows it,
+    // unless the client asks for the new range at once.
+    bool queued = m_stream.Running() && !m_stream.Paused() && !AskedImmediate(request);
+    if (queued && m_stream.QueueFull())
+        return Answer{503, "", "text/plain", "too many plays queued; try again later\r\n"};
+    if (!queued) m_stream.Stop();
+    RtspPlay play;
+    play.source = m_context->backend.open(range.u64FromUs, range.u64ToUs, options.bIntraOnly);
+    if (!play.source) return Answer{457, "", "text/plain", "nothing recorded in that range\r\n"};
     int result = kReplayWaiting;
     for (int attempt = 0; attempt < kFirstUnitTries && result == kReplayWaiting; ++attempt)
-        result = source->Next(&first);
+        result = play.source->Next(&play.first);
     if (result == kReplayDone) return Answer{457, "", "text/plain", "nothing recorded in that range\r\n"};
     if (result == kReplayError) return Answer{500, "", "text/plain", "the card could not be read\r\n"};
-    uint64_t anchor = result == kReplayUnit ? first.u64CaptureUs : range.u64FromUs;
-    Answer answer{200, PlayInfo(request, anchor, range.u64ToUs, clockAsked), "", ""};
+    play.bHasFirst = result == kReplayUnit;
+    play.u64AnchorUs = play.bHasFirst ? play.first.u64CaptureUs : range.u64FromUs;
+    play.options = options;
+    Answer answer{200, PlayInfo(request, play.u64AnchorUs, range.u64ToUs, clockAsked, queued), "", ""};
     // The answer goes out before the first packet of the play.
     answer.headers += SessionHeader();
     Send(request, answer);
-    m_stream.Start(std::move(source), result == kReplayUnit ? &first : nullptr, anchor, options);
+    if (queued)
+        m_stream.Queue(std::move(play));
+    else
+        m_stream.Start(std::move(play));
     return Answer{-1, "", "", ""};
 }
 

@@ -53,7 +53,8 @@ private:
     void NoteUrlRange(const std::string &uri);
     bool PlayRange(const RtspRequest &request, ReplayRange *range, bool *clockAsked, Answer *refusal);
     bool PlayOptions(const RtspRequest &request, RtspPlayOptions *options, Answer *refusal);
-    std::string PlayInfo(const RtspRequest &request, uint64_t anchorUs, uint64_t toUs, bool clockAsked);
+    std::string PlayInfo(const RtspRequest &request, uint64_t anchorUs, uint64_t toUs, bool clockAsked,
+                         bool queued);
     bool OpenTrack(int index, const std::string &transport, Answer *answer);
     void EndSession();
 

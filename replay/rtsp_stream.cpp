@@ -23,22 +23,29 @@ uint32_t RtspTimestamp(uint32_t base, uint32_t clockRate, uint64_t anchorUs, uin
     return base + static_cast<uint32_t>(ticks);
 }
 
-void RtspStream::Start(std::unique_ptr<ReplaySource> source, const ReplayUnit *first, uint64_t anchorUs,
-                       const RtspPlayOptions &options) {
+void RtspStream::Start(RtspPlay play) {
     Stop();
-    m_source = std::move(source);
-    m_hasFirst = first != nullptr;
-    if (first != nullptr) m_first = *first;
-    m_anchorUs = anchorUs;
-    m_options = options;
-    m_paceWallUs = 0;
-    m_measureLag.store(1, std::memory_order_relaxed);
-    m_lastReportUs = 0;
-    m_lastKeyUs = 0;
+    m_play = std::move(play);
     m_stop.store(0, std::memory_order_relaxed);
     m_paused.store(0, std::memory_order_relaxed);
     m_running.store(1, std::memory_order_relaxed);
     m_thread = std::thread(&RtspStream::Run, this);
+}
+
+bool RtspStream::QueueFull() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_queued.size() >= kRtspMaxQueuedPlays;
+}
+
+void RtspStream::Queue(RtspPlay play) {
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_running.load(std::memory_order_relaxed) != 0) {
+            m_queued.push_back(std::move(play));
+            return;
+        }
+    }
+    Start(std::move(play));
 }
 
 void RtspStream::Stop() {
@@ -48,7 +55,8 @@ void RtspStream::Stop() {
     }
     m_wake.notify_all();
     if (m_thread.joinable()) m_thread.join();
-    m_source.reset();
+    m_play.source.reset();
+    m_queued.clear();
     m_running.store(0, std::memory_order_relaxed);
 }
 
@@ -69,12 +77,12 @@ bool RtspStream::WaitFor(uint32_t ms) {
 }
 
 int RtspStream::NextUnit(ReplayUnit *unit) {
-    if (m_hasFirst) {
-        m_hasFirst = false;
-        *unit = std::move(m_first);
+    if (m_play.bHasFirst) {
+        m_play.bHasFirst = false;
+        *unit = std::move(m_play.first);
         return kReplayUnit;
     }
-    return m_source->Next(unit);
+    return m_play.source->Next(unit);
 }
 
 // The latest monotonic time the unit may go out without falling further
@@ -84,19 +92,19 @@ uint64_t RtspStream::LatestSend(const ReplayUnit &unit, uint64_t now) {
     uint64_t behind = wall > unit.u64CaptureUs ? wall - unit.u64CaptureUs : 0;
     if (m_measureLag.exchange(0, std::memory_order_relaxed) != 0) m_lagLimitUs = behind;
     // Slow motion falls behind on purpose.
-    if (m_options.dScale < 1.0) return UINT64_MAX;
+    if (m_play.options.dScale < 1.0) return UINT64_MAX;
     return behind >= m_lagLimitUs ? now : now + (m_lagLimitUs - behind);
 }
 
 bool RtspStream::WaitPace(const ReplayUnit &unit) {
-    if (!m_options.bRateControl) return m_stop.load(std::memory_order_relaxed) == 0;
+    if (!m_play.options.bRateControl) return m_stop.load(std::memory_order_relaxed) == 0;
     uint64_t now = ReplayClockUs(CLOCK_MONOTONIC);
     if (m_paceWallUs == 0 || unit.bGapBefore || unit.u64CaptureUs < m_paceMediaUs) {
         m_paceWallUs = now;
         m_paceMediaUs = unit.u64CaptureUs;
     }
     uint64_t due =
-        m_paceWallUs + static_cast<uint64_t>((unit.u64CaptureUs - m_paceMediaUs) / m_options.dScale);
+        m_paceWallUs + static_cast<uint64_t>((unit.u64CaptureUs - m_paceMediaUs) / m_play.options.dScale);
     uint64_t latest = LatestSend(unit, now);
     if (due > latest) {
         m_paceWallUs = latest;
@@ -115,13 +123,13 @@ bool RtspStream::WaitPace(const ReplayUnit &unit) {
 bool RtspStream::SendUnit(const ReplayUnit &unit, bool firstOfPlay) {
     RtspTrack &track = m_tracks[unit.bVideo ? kRtspVideoTrack : kRtspAudioTrack];
     if (!track.output || !track.packetizer || unit.data.empty()) return true;
-    RtpFrameMarks marks = {unit.u64CaptureUs, 0, m_options.u8CSeq};
+    RtpFrameMarks marks = {unit.u64CaptureUs, 0, m_play.options.u8CSeq};
     if (unit.bKey || !unit.bVideo) marks.u8Flags |= kReplayFlagClean;
     if (unit.bGapAfter) marks.u8Flags |= kReplayFlagEnd;
     if (unit.bGapBefore || firstOfPlay) marks.u8Flags |= kReplayFlagDiscontinuity;
     if (unit.bLast) marks.u8Flags |= kReplayFlagTerminal;
     uint32_t timestamp =
-        RtspTimestamp(track.u32BaseTimestamp, track.u32ClockRate, m_anchorUs, unit.u64CaptureUs);
+        RtspTimestamp(track.u32BaseTimestamp, track.u32ClockRate, m_play.u64AnchorUs, unit.u64CaptureUs);
     RtspTrackOutput *output = track.output.get();
     bool sent = track.packetizer->SendFrame(
         unit.data.data(), unit.data.size(), timestamp, marks,
@@ -146,10 +154,11 @@ void RtspStream::SendReports(bool bBye) {
 bool RtspStream::Wanted(const ReplayUnit &unit) {
     // Audio from before the play's first picture would run before the time stamps' origin.
     if (!unit.bVideo)
-        return !m_options.bIntraOnly && m_options.u32IntraGapMs == 0 && unit.u64CaptureUs >= m_anchorUs;
-    if (m_options.u32IntraGapMs == 0) return true;
+        return !m_play.options.bIntraOnly && m_play.options.u32IntraGapMs == 0 &&
+               unit.u64CaptureUs >= m_play.u64AnchorUs;
+    if (m_play.options.u32IntraGapMs == 0) return true;
     if (!unit.bKey) return false;
-    if (m_lastKeyUs != 0 && unit.u64CaptureUs < m_lastKeyUs + m_options.u32IntraGapMs * kUsPerMs)
+    if (m_lastKeyUs != 0 && unit.u64CaptureUs < m_lastKeyUs + m_play.options.u32IntraGapMs * kUsPerMs)
         return false;
     m_lastKeyUs = unit.u64CaptureUs;
     return true;
@@ -174,7 +183,7 @@ bool RtspStream::Deliver(const ReplayUnit &unit) {
 bool RtspStream::ReleaseHeld() {
     uint64_t now = ReplayClockUs(CLOCK_MONOTONIC);
     if (m_waitingSinceUs == 0) m_waitingSinceUs = now;
-    if (!m_options.bOpenEnd && now - m_waitingSinceUs < kHeldLimitUs) return true;
+    if (!m_play.options.bOpenEnd && now - m_waitingSinceUs < kHeldLimitUs) return true;
     for (std::unique_ptr<ReplayUnit> &held : m_held) {
         if (held && !Deliver(*held)) return false;
         held.reset();
@@ -182,35 +191,62 @@ bool RtspStream::ReleaseHeld() {
     return true;
 }
 
-void RtspStream::Finish(int result) {
+// The next queued play becomes the current one; with none queued, no play
+// is under way any longer.
+bool RtspStream::TakeQueued() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_queued.empty() || m_stop.load(std::memory_order_relaxed) != 0) {
+        m_running.store(0, std::memory_order_relaxed);
+        return false;
+    }
+    m_play = std::move(m_queued.front());
+    m_queued.pop_front();
+    return true;
+}
+
+// The range ended: true when a queued play follows it, else the play ends
+// with a goodbye.
+bool RtspStream::Finish(int result) {
     // Each track's last unit of the range carries T.
     for (int track = 0; track < kRtspTracks; ++track) {
         if (!m_held[track]) continue;
         m_held[track]->bLast = result == kReplayDone;
-        if (!Deliver(*m_held[track])) return;
+        if (!Deliver(*m_held[track])) return false;
+        m_held[track].reset();
     }
     if (result == kReplayError)
         LogTrace("%s %d: the card could not be read, the play ends\n", __FUNCTION__, __LINE__);
+    if (TakeQueued()) return true;
     bool udp = m_tracks[kRtspVideoTrack].output && !m_tracks[kRtspVideoTrack].output->Tcp();
     if (udp) WaitFor(kUdpByeDelayMs);
     SendReports(true);
+    return false;
 }
 
-void RtspStream::Run() {
+// A range begins: nothing held, each track's first unit marked as the
+// first of its play, pacing and the key-frame spacing afresh.
+void RtspStream::BeginRange() {
     // Every track holds its newest unit back until the next one comes, so
     // that the range's last unit of each is known when it is sent.
     m_firstOfPlay[kRtspVideoTrack] = m_firstOfPlay[kRtspAudioTrack] = true;
     for (auto &held : m_held) held.reset();
     m_waitingSinceUs = 0;
+    m_paceWallUs = 0;
+    m_measureLag.store(1, std::memory_order_relaxed);
+    m_lastKeyUs = 0;
     // A sender report ties the play's RTP times to the recording's clock
     // before its first packet: ONVIF players (GStreamer) drop packets they
     // cannot place on that clock.
     for (RtspTrack &track : m_tracks) {
-        track.u64LastCaptureUs = m_anchorUs;
+        track.u64LastCaptureUs = m_play.u64AnchorUs;
         track.u32LastTimestamp = track.u32BaseTimestamp;
     }
     SendReports(false);
     m_lastReportUs = ReplayClockUs(CLOCK_MONOTONIC);
+}
+
+void RtspStream::Run() {
+    BeginRange();
     for (;;) {
         if (m_stop.load(std::memory_order_relaxed) != 0) break;
         if (m_paused.load(std::memory_order_relaxed) != 0) {
@@ -229,8 +265,9 @@ void RtspStream::Run() {
         }
         m_waitingSinceUs = 0;
         if (result != kReplayUnit) {
-            Finish(result);
-            break;
+            if (!Finish(result)) break;
+            BeginRange();
+            continue;
         }
         if (!Wanted(*unit)) continue;
         std::unique_ptr<ReplayUnit> &held = m_held[unit->bVideo ? kRtspVideoTrack : kRtspAudioTrack];

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -38,6 +39,20 @@ struct RtspPlayOptions {
     uint8_t u8CSeq = 0;     // low byte of the PLAY's CSeq, in every frame's extension
 };
 
+// One PLAY's range, ready to go out: its source with the first unit already
+// taken (first, when bHasFirst), the capture time its RTP times count from,
+// and how it was asked for.
+struct RtspPlay {
+    std::unique_ptr<ReplaySource> source;
+    ReplayUnit first;
+    bool bHasFirst = false;
+    uint64_t u64AnchorUs = 0;
+    RtspPlayOptions options;
+};
+
+// Plays a session may queue behind the one under way.
+inline constexpr size_t kRtspMaxQueuedPlays = 4;
+
 // The RTP time stamp of a frame: the track's clock since the anchor, from the base.
 uint32_t RtspTimestamp(uint32_t base, uint32_t clockRate, uint64_t anchorUs, uint64_t captureUs);
 
@@ -46,11 +61,13 @@ public:
     explicit RtspStream(RtspTrack (&tracks)[kRtspTracks]) : m_tracks(tracks) {}
     ~RtspStream() { Stop(); }
 
-    // Starts sending from source (its first unit already taken: first, when
-    // hasFirst), time stamps counted from anchorUs. A running play is
-    // stopped first.
-    void Start(std::unique_ptr<ReplaySource> source, const ReplayUnit *first, uint64_t anchorUs,
-               const RtspPlayOptions &options);
+    // Starts sending the play's range at once: a play under way and those
+    // queued behind it are dropped.
+    void Start(RtspPlay play);
+    // Queues the play to start where the range under way ends (without a
+    // goodbye in between); starts it at once when none is under way.
+    void Queue(RtspPlay play);
+    bool QueueFull();
     void Stop();
     void Pause(bool bPaused);
     bool Paused() const { return m_paused.load(std::memory_order_relaxed) != 0; }
@@ -61,6 +78,8 @@ public:
 
 private:
     void Run();
+    void BeginRange();
+    bool TakeQueued();
     int NextUnit(ReplayUnit *unit);
     uint64_t LatestSend(const ReplayUnit &unit, uint64_t now);
     bool WaitPace(const ReplayUnit &unit);
@@ -69,15 +88,12 @@ private:
     bool Wanted(const ReplayUnit &unit);
     bool Deliver(const ReplayUnit &unit);
     bool ReleaseHeld();
-    void Finish(int result);
+    bool Finish(int result);
     void SendReports(bool bBye);
 
     RtspTrack (&m_tracks)[kRtspTracks];
-    std::unique_ptr<ReplaySource> m_source;
-    ReplayUnit m_first;
-    bool m_hasFirst = false;
-    uint64_t m_anchorUs = 0;
-    RtspPlayOptions m_options;
+    RtspPlay m_play;
+    std::deque<RtspPlay> m_queued;  // under m_mutex
     std::thread m_thread;
     std::mutex m_mutex;
     std::condition_variable m_wake;

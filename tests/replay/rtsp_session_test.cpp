@@ -1,6 +1,7 @@
 // The RTSP server over loopback with a card of its own making: what a
 // session asks of the card (range, key frames only), how it paces, pauses,
-// follows a live tail, sends over UDP, and when it ends a client.
+// follows a live tail, queues plays, sends over UDP, and when it ends a
+// client.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -26,14 +27,16 @@ constexpr uint64_t kFrameUs = 40000;
 
 // A recording of `frames` video frames (a key frame every 10) and one audio
 // frame each, then, when live, one "nothing new yet" before every further frame.
+// With a gate, the last frame is written only once the gate is set.
 class FakeSource : public ReplaySource {
 public:
-    FakeSource(int frames, bool intraOnly, int liveFrames)
-        : m_frames(frames), m_intra(intraOnly), m_live(liveFrames) {}
+    FakeSource(int frames, bool intraOnly, int liveFrames, const std::atomic<int> *gate)
+        : m_frames(frames), m_intra(intraOnly), m_live(liveFrames), m_gate(gate) {}
     int Next(ReplayUnit *unit) override {
         for (;;) {
             int total = m_frames + m_live;
             if (m_index >= total * 2) return kReplayDone;
+            if (m_gate != nullptr && m_index == (total - 1) * 2 && m_gate->load() == 0) return kReplayWaiting;
             if (m_index >= m_frames * 2 && m_index % 2 == 0 && !m_waited) {
                 m_waited = true;
                 return kReplayWaiting;
@@ -59,6 +62,7 @@ private:
     int m_frames, m_index = 0;
     bool m_intra, m_waited = false;
     int m_live;
+    const std::atomic<int> *m_gate;
 };
 
 // Whether an RTCP compound packet holds a BYE, walked packet by packet (a
@@ -133,7 +137,8 @@ protected:
             if (m_writtenStepUs != 0)
                 return std::unique_ptr<ReplaySource>(
                     std::make_unique<WrittenSource>(m_frames, m_writtenStepUs, m_written, m_waits));
-            return std::unique_ptr<ReplaySource>(std::make_unique<FakeSource>(m_frames, intra, m_live));
+            return std::unique_ptr<ReplaySource>(
+                std::make_unique<FakeSource>(m_frames, intra, m_live, m_gated ? &m_gate : nullptr));
         };
         RtspServerOptions options;
         options.u16Port = 0;
@@ -229,6 +234,36 @@ protected:
         return counts;
     }
 
+    struct Unit {
+        int channel;
+        uint8_t flags, cseq;  // the replay header extension's
+    };
+    // The access units (first packets) of every track until the video's goodbye.
+    std::vector<Unit> UnitsUntilBye() {
+        constexpr size_t kFlagsAt = 24, kCSeqAt = 25;
+        std::vector<Unit> units;
+        int channel;
+        std::string packet;
+        while (ReadPacket(&channel, &packet)) {
+            if (channel == 1 && HoldsBye(packet)) break;
+            if (channel % 2 == 0 && packet.size() > kCSeqAt && (packet[0] & 0x10) != 0)
+                units.push_back(
+                    {channel, static_cast<uint8_t>(packet[kFlagsAt]), static_cast<uint8_t>(packet[kCSeqAt])});
+        }
+        return units;
+    }
+    // Reads until the play has sent `count` video units; false when they do not come.
+    bool VideoUnits(int count) {
+        int channel, video = 0;
+        std::string packet;
+        while (video < count && ReadPacket(&channel, &packet))
+            if (channel == 0) ++video;
+        return video == count;
+    }
+    std::string Play(const std::string &headers) {
+        return Ask("PLAY", "replay/", "Range: npt=0-\r\nRate-Control: no\r\n" + headers);
+    }
+
     ReplayAuth m_auth{"", ""};
     std::unique_ptr<RtspServer> m_server;
     int m_fd = -1;
@@ -238,6 +273,8 @@ protected:
     std::vector<Opened> m_opened;
     int m_frames = 20;
     int m_live = 0;
+    bool m_gated = false;  // the card's last frame waits for m_gate
+    std::atomic<int> m_gate{0};
     uint64_t m_writtenStepUs = 0;  // not 0: the card is a WrittenSource
     std::atomic<int> m_written{0};
     std::atomic<int> m_waits{0};
@@ -314,6 +351,48 @@ TEST_F(RtspSessionTest, PacedLiveTailSendsWhatIsWrittenAtOnce) {
         while (!sent && ReadPacket(&channel, &packet, 1000)) sent = channel == 0;
         EXPECT_TRUE(sent) << "frame " << m_frames + written - 1 << " not sent once written";
     }
+}
+
+// A PLAY during a play waits for the range under way to end, then follows
+// it without a goodbye in between; Immediate: yes replaces the range under
+// way and drops what is queued.
+TEST_F(RtspSessionTest, PlayDuringAPlayIsQueuedUnlessImmediate) {
+    constexpr uint8_t kTerminal = 0x10, kDiscontinuity = 0x20;
+    m_gated = true;
+    SetUpTcp();
+    ASSERT_NE(Play("").find("200 OK"), std::string::npos);
+    uint8_t first = static_cast<uint8_t>(m_cseq);
+    ASSERT_TRUE(VideoUnits(m_frames - 1));  // all but the last frame, which is not written yet
+    std::string answer = Play("");
+    ASSERT_NE(answer.find("200 OK"), std::string::npos) << answer;
+    EXPECT_EQ(answer.find(";seq="), std::string::npos) << "a queued play cannot know its sequence number";
+    uint8_t queued = static_cast<uint8_t>(m_cseq);
+    m_gate.store(1);
+    std::vector<Unit> units = UnitsUntilBye();
+    std::vector<Unit> video;
+    for (const Unit &u : units)
+        if (u.channel == 0) video.push_back(u);
+    ASSERT_EQ(video.size(), static_cast<size_t>(m_frames + 1));
+    EXPECT_EQ(video[0].cseq, first) << "the first range's last frame comes first";
+    EXPECT_TRUE(video[0].flags & kTerminal);
+    for (size_t i = 1; i < video.size(); ++i) EXPECT_EQ(video[i].cseq, queued) << i;
+    EXPECT_TRUE(video[1].flags & kDiscontinuity);
+    EXPECT_TRUE(video.back().flags & kTerminal);
+
+    m_gate.store(0);
+    ASSERT_NE(Play("").find("200 OK"), std::string::npos);
+    ASSERT_TRUE(VideoUnits(m_frames - 1));
+    ASSERT_NE(Play("").find("200 OK"), std::string::npos);
+    uint8_t dropped = static_cast<uint8_t>(m_cseq);
+    answer = Play("Immediate: yes\r\n");
+    ASSERT_NE(answer.find(";seq="), std::string::npos) << answer;
+    uint8_t immediate = static_cast<uint8_t>(m_cseq);
+    ASSERT_TRUE(VideoUnits(m_frames - 1)) << "Immediate: yes starts at once";
+    m_gate.store(1);
+    units = UnitsUntilBye();
+    ASSERT_FALSE(units.empty());
+    for (const Unit &u : units)
+        EXPECT_EQ(u.cseq, immediate) << "the queued play " << int{dropped} << " went on";
 }
 
 TEST_F(RtspSessionTest, UdpPacketsGoToTheClientsPorts) {

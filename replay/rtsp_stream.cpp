@@ -64,8 +64,9 @@ void RtspStream::Pause(bool bPaused) {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_paused.store(bPaused ? 1 : 0, std::memory_order_relaxed);
-        m_paceWallUs = 0;  // resumed playback is paced from where it stands
-        m_measureLag.store(1, std::memory_order_relaxed);
+        // Resumed playback is paced from where it stands (by the stream's
+        // thread, the only one that touches the pacing).
+        m_restartPace.store(1, std::memory_order_relaxed);
     }
     m_wake.notify_all();
 }
@@ -87,10 +88,10 @@ int RtspStream::NextUnit(ReplayUnit *unit) {
 
 // The latest monotonic time the unit may go out without falling further
 // behind the recorder than the play's start did.
-uint64_t RtspStream::LatestSend(const ReplayUnit &unit, uint64_t now) {
+uint64_t RtspStream::LatestSend(const ReplayUnit &unit, uint64_t now, bool restarted) {
     uint64_t wall = ReplayClockUs(CLOCK_REALTIME);
     uint64_t behind = wall > unit.u64CaptureUs ? wall - unit.u64CaptureUs : 0;
-    if (m_measureLag.exchange(0, std::memory_order_relaxed) != 0) m_lagLimitUs = behind;
+    if (restarted) m_lagLimitUs = behind;
     // Slow motion falls behind on purpose.
     if (m_play.options.dScale < 1.0) return UINT64_MAX;
     return behind >= m_lagLimitUs ? now : now + (m_lagLimitUs - behind);
@@ -99,13 +100,14 @@ uint64_t RtspStream::LatestSend(const ReplayUnit &unit, uint64_t now) {
 bool RtspStream::WaitPace(const ReplayUnit &unit) {
     if (!m_play.options.bRateControl) return m_stop.load(std::memory_order_relaxed) == 0;
     uint64_t now = ReplayClockUs(CLOCK_MONOTONIC);
-    if (m_paceWallUs == 0 || unit.bGapBefore || unit.u64CaptureUs < m_paceMediaUs) {
+    bool restarted = m_restartPace.exchange(0, std::memory_order_relaxed) != 0;
+    if (restarted || m_paceWallUs == 0 || unit.bGapBefore || unit.u64CaptureUs < m_paceMediaUs) {
         m_paceWallUs = now;
         m_paceMediaUs = unit.u64CaptureUs;
     }
     uint64_t due =
         m_paceWallUs + static_cast<uint64_t>((unit.u64CaptureUs - m_paceMediaUs) / m_play.options.dScale);
-    uint64_t latest = LatestSend(unit, now);
+    uint64_t latest = LatestSend(unit, now, restarted);
     if (due > latest) {
         m_paceWallUs = latest;
         m_paceMediaUs = unit.u64CaptureUs;
@@ -231,8 +233,7 @@ void RtspStream::BeginRange() {
     m_firstOfPlay[kRtspVideoTrack] = m_firstOfPlay[kRtspAudioTrack] = true;
     for (auto &held : m_held) held.reset();
     m_waitingSinceUs = 0;
-    m_paceWallUs = 0;
-    m_measureLag.store(1, std::memory_order_relaxed);
+    m_restartPace.store(1, std::memory_order_relaxed);
     m_lastKeyUs = 0;
     // A sender report ties the play's RTP times to the recording's clock
     // before its first packet: ONVIF players (GStreamer) drop packets they

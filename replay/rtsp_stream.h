@@ -81,7 +81,7 @@ private:
     void BeginRange();
     bool TakeQueued();
     int NextUnit(ReplayUnit *unit);
-    uint64_t LatestSend(const ReplayUnit &unit, uint64_t now);
+    uint64_t LatestSend(const ReplayUnit &unit, uint64_t now, bool restarted);
     bool WaitPace(const ReplayUnit &unit);
     bool WaitFor(uint32_t ms);
     bool SendUnit(const ReplayUnit &unit, bool firstOfPlay);
@@ -101,12 +101,15 @@ private:
     std::atomic<uint32_t> m_paused{0};
     std::atomic<uint32_t> m_running{0};
     std::atomic<uint32_t> m_heard{0};
-    // Pacing: the monotonic time and capture time of the last reset.
+    // Pacing, the stream thread's own: the monotonic time and capture time
+    // of the last reset.
     uint64_t m_paceWallUs = 0;
     uint64_t m_paceMediaUs = 0;
-    // How far behind the wall clock the play (or its resumption) started:
-    // pacing never lets it fall further behind the recorder than that.
-    std::atomic<uint32_t> m_measureLag{1};
+    // Set when a range begins or the play resumes: pacing starts afresh
+    // from the next unit, and how far behind the wall clock that unit is
+    // becomes the limit: pacing never lets the play fall further behind the
+    // recorder.
+    std::atomic<uint32_t> m_restartPace{1};
     uint64_t m_lagLimitUs = 0;
     uint64_t m_lastReportUs = 0;
     uint64_t m_lastKeyUs = 0;

@@ -87,8 +87,8 @@ bool RtpPacketizer::Finish(size_t size, const RtpSend &send) {
 }
 
 bool RtpPacketizer::SendFrame(const uint8_t *data, size_t size, uint32_t timestamp,
-                              const RtpFrameMarks &marks, const RtpSend &send) {
-    m_pendingMarks = &marks;
+                              const RtpFrameMarks *marks, const RtpSend &send) {
+    m_pendingMarks = marks;
     bool sent;
     switch (m_payload) {
         case RtpPayload::kH264:

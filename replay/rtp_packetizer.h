@@ -39,8 +39,9 @@ class RtpPacketizer {
 public:
     RtpPacketizer(RtpPayload payload, uint8_t payloadType, uint32_t ssrc, uint16_t firstSequence);
 
-    // Sends the frame as packets stamped `timestamp`. False when send refused one.
-    bool SendFrame(const uint8_t *data, size_t size, uint32_t timestamp, const RtpFrameMarks &marks,
+    // Sends the frame as packets stamped `timestamp`, the first with the
+    // replay extension of marks (none for null). False when send refused one.
+    bool SendFrame(const uint8_t *data, size_t size, uint32_t timestamp, const RtpFrameMarks *marks,
                    const RtpSend &send);
 
     uint32_t Ssrc() const { return m_ssrc; }

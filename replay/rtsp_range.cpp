@@ -5,6 +5,7 @@
 #include <ctime>
 
 #include "common/card_time.h"
+#include "replay/rtp_packetizer.h"
 #include "tools/calendar_time.h"
 
 namespace {
@@ -103,15 +104,25 @@ bool ParseNptSeconds(std::string_view text, uint64_t *us) {
     return true;
 }
 
-bool ParseNptTime(std::string_view text, uint64_t base, uint64_t now, uint64_t *us) {
+bool ParseNptTime(std::string_view text, uint64_t base, uint64_t now, uint64_t *us, bool *from1900) {
+    *from1900 = false;
     if (text == "now") {
         *us = now;
         return true;
     }
     uint64_t offset;
     if (!ParseNptSeconds(text, &offset)) return false;
-    *us = base + offset;
+    *from1900 = offset >= kNtpUnixOffset * kUsPerSecond;
+    *us = *from1900 ? offset - kNtpUnixOffset * kUsPerSecond : base + offset;
     return true;
+}
+
+// "12.345" seconds of an npt time.
+std::string FormatNptSeconds(uint64_t us) {
+    char text[32];
+    snprintf(text, sizeof text, "%llu.%03llu", static_cast<unsigned long long>(us / kUsPerSecond),
+             static_cast<unsigned long long>(us % kUsPerSecond / kUsPerMs));
+    return text;
 }
 
 // The two sides of "from-to"; to may be empty.
@@ -201,24 +212,39 @@ bool RtspParseUrlTime(std::string_view text, uint64_t *us) {
 
 std::string RtspFormatUrlTime(uint64_t us) { return FormatUtc(us, "%Y-%m-%dT%H:%M:%SZ"); }
 
-bool RtspParseRange(std::string_view value, uint64_t nptBaseUs, uint64_t nowUs, ReplayRange *range) {
+bool RtspParseRange(std::string_view value, uint64_t nptBaseUs, uint64_t nowUs, ReplayRange *range,
+                    RtspRangeUnit *unit) {
     value = Trim(value);
     std::string_view from, to;
     ReplayRange parsed = {0, 0};
+    RtspRangeUnit parsedUnit = RtspRangeUnit::kClock;
     if (value.substr(0, 6) == "clock=") {
         if (!SplitRange(value.substr(6), &from, &to)) return false;
         if (!RtspParseClockTime(from, &parsed.u64FromUs)) return false;
         if (!to.empty() && !RtspParseClockTime(to, &parsed.u64ToUs)) return false;
     } else if (value.substr(0, 4) == "npt=") {
+        bool from1900, to1900;
         if (!SplitRange(value.substr(4), &from, &to)) return false;
-        if (!ParseNptTime(from, nptBaseUs, nowUs, &parsed.u64FromUs)) return false;
-        if (!to.empty() && !ParseNptTime(to, nptBaseUs, nowUs, &parsed.u64ToUs)) return false;
+        if (!ParseNptTime(from, nptBaseUs, nowUs, &parsed.u64FromUs, &from1900)) return false;
+        if (!to.empty() && !ParseNptTime(to, nptBaseUs, nowUs, &parsed.u64ToUs, &to1900)) return false;
+        parsedUnit = from1900 ? RtspRangeUnit::kNptFrom1900 : RtspRangeUnit::kNpt;
     } else {
         return false;
     }
     if (parsed.u64ToUs != 0 && parsed.u64ToUs < parsed.u64FromUs) return false;
     *range = parsed;
+    if (unit != nullptr) *unit = parsedUnit;
     return true;
+}
+
+std::string RtspFormatRange(RtspRangeUnit unit, uint64_t nptBaseUs, uint64_t fromUs, uint64_t toUs) {
+    if (unit == RtspRangeUnit::kClock)
+        return "clock=" + RtspFormatClockTime(fromUs) + "-" + (toUs != 0 ? RtspFormatClockTime(toUs) : "");
+    uint64_t origin = unit == RtspRangeUnit::kNptFrom1900 ? 0 : nptBaseUs;
+    uint64_t shift = unit == RtspRangeUnit::kNptFrom1900 ? kNtpUnixOffset * kUsPerSecond : 0;
+    std::string text = "npt=" + FormatNptSeconds(fromUs > origin ? fromUs - origin + shift : shift) + "-";
+    if (toUs > origin) text += FormatNptSeconds(toUs - origin + shift);
+    return text;
 }
 
 std::string_view RtspUrlPath(std::string_view uri) {

@@ -33,10 +33,25 @@ bool RtspParseUrlTime(std::string_view text, uint64_t *us);
 // "2026-11-25T05:01:18Z".
 std::string RtspFormatUrlTime(uint64_t us);
 
+// How a Range header counts its times; the answer to a PLAY counts alike.
+enum class RtspRangeUnit {
+    kClock,        // clock=: UTC
+    kNpt,          // npt=: seconds from the play's origin (the URL's start=, or the oldest recording)
+    kNptFrom1900,  // npt=: seconds since 1900-01-01 UTC, as a player reads a clock= range into npt
+};
+
 // A Range header value. "clock=" times are absolute; "npt=" seconds count
-// from nptBaseUs ("now" meaning the present, nowUs). An absent end stays 0.
-// False for a range this server does not take (smpte, an end before the start).
-bool RtspParseRange(std::string_view value, uint64_t nptBaseUs, uint64_t nowUs, ReplayRange *range);
+// from nptBaseUs ("now" meaning the present, nowUs), except that an npt time
+// of 1970 or later counted from 1900 (2208988800 s and more) is that UTC time:
+// a player that keeps the description's clock= range as npt asks that way.
+// An absent end stays 0. False for a range this server does not take (smpte,
+// an end before the start). *unit (when given) tells how the start counted.
+bool RtspParseRange(std::string_view value, uint64_t nptBaseUs, uint64_t nowUs, ReplayRange *range,
+                    RtspRangeUnit *unit = nullptr);
+
+// "clock=...-..." or "npt=...-..." of the times in the unit (the end left
+// open when 0), npt counted from nptBaseUs (kNpt) or from 1900 (kNptFrom1900).
+std::string RtspFormatRange(RtspRangeUnit unit, uint64_t nptBaseUs, uint64_t fromUs, uint64_t toUs);
 
 // The path of an RTSP URL ("rtsp://host:port/replay?start=..." -> "/replay"),
 // its query, and the value of one query key ("" and false when absent).

@@ -9,7 +9,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <random>
+#include <vector>
 
 #include "common/log.h"
 #include "replay/sdp_builder.h"
@@ -119,6 +121,18 @@ bool PortPair(const std::string &text, bool channels, uint16_t *first, uint16_t 
 bool AskedImmediate(const RtspRequest &request) {
     const std::string *immediate = request.Header("Immediate");
     return immediate != nullptr && RtspNameEquals(RtspTrim(*immediate), "yes");
+}
+
+// The stream's parameter sets as Annex B (VPS for H.265, SPS, PPS).
+std::vector<uint8_t> ParameterSets(const ReplayTracks &tracks) {
+    static constexpr uint8_t kStartCode[] = {0, 0, 0, 1};
+    std::vector<uint8_t> sets;
+    for (const std::vector<uint8_t> *nal : {&tracks.vps, &tracks.sps, &tracks.pps}) {
+        if (nal->empty()) continue;
+        sets.insert(sets.end(), std::begin(kStartCode), std::end(kStartCode));
+        sets.insert(sets.end(), nal->begin(), nal->end());
+    }
+    return sets;
 }
 
 }  // namespace
@@ -375,6 +389,7 @@ bool RtspSession::OpenTrack(int index, const std::string &transport, Answer *ans
                                                            static_cast<uint16_t>(RandomWord()));
         track.u32ClockRate = sdp.u32ClockRate;
         track.u32BaseTimestamp = RandomWord();
+        if (index == kRtspVideoTrack) track.parameterSets = ParameterSets(m_tracks);
         char ssrcText[12];
         snprintf(ssrcText, sizeof ssrcText, "%08X", ssrc);
         std::string reply;
@@ -414,21 +429,23 @@ RtspSession::Answer RtspSession::Setup(const RtspRequest &request) {
     return answer;
 }
 
-bool RtspSession::PlayRange(const RtspRequest &request, ReplayRange *range, bool *clockAsked,
+uint64_t RtspSession::NptBase() const {
+    return m_urlRange.u64FromUs != 0 ? m_urlRange.u64FromUs
+                                     : static_cast<uint64_t>(m_tracks.u32Oldest) * kUsPerSecond;
+}
+
+bool RtspSession::PlayRange(const RtspRequest &request, ReplayRange *range, RtspRangeUnit *unit,
                             Answer *refusal) {
     NoteUrlRange(request.uri);
-    uint64_t oldest = static_cast<uint64_t>(m_tracks.u32Oldest) * kUsPerSecond;
-    uint64_t base = m_urlRange.u64FromUs != 0 ? m_urlRange.u64FromUs : oldest;
-    *range = {base, m_urlRange.u64ToUs};
-    *clockAsked = false;
+    *range = {NptBase(), m_urlRange.u64ToUs};
+    *unit = RtspRangeUnit::kNpt;
     const std::string *header = request.Header("Range");
     if (header == nullptr) return true;
-    if (!RtspParseRange(*header, base, ReplayClockUs(CLOCK_REALTIME), range)) {
+    if (!RtspParseRange(*header, NptBase(), ReplayClockUs(CLOCK_REALTIME), range, unit)) {
         *refusal = Answer{457, "", "", ""};
         return false;
     }
-    *clockAsked = RtspTrim(*header).substr(0, 6) == "clock=";
-    if (range->u64ToUs == 0 && !*clockAsked) range->u64ToUs = m_urlRange.u64ToUs;
+    if (range->u64ToUs == 0 && *unit == RtspRangeUnit::kNpt) range->u64ToUs = m_urlRange.u64ToUs;
     return true;
 }
 
@@ -463,24 +480,8 @@ bool RtspSession::PlayOptions(const RtspRequest &request, RtspPlayOptions *optio
 }
 
 std::string RtspSession::PlayInfo(const RtspRequest &request, uint64_t anchorUs, uint64_t toUs,
-                                  bool clockAsked, bool queued) {
-    std::string headers;
-    if (clockAsked) {
-        headers =
-            "Range: clock=" + RtspFormatClockTime(anchorUs) + "-" + (toUs ? RtspFormatClockTime(toUs) : "");
-    } else {
-        uint64_t base = m_urlRange.u64FromUs != 0 ? m_urlRange.u64FromUs
-                                                  : static_cast<uint64_t>(m_tracks.u32Oldest) * kUsPerSecond;
-        char npt[64];
-        double from = anchorUs > base ? static_cast<double>(anchorUs - base) / kUsPerSecond : 0.0;
-        snprintf(npt, sizeof npt, "npt=%.3f-", from);
-        headers = std::string("Range: ") + npt;
-        if (toUs > base) {
-            snprintf(npt, sizeof npt, "%.3f", static_cast<double>(toUs - base) / kUsPerSecond);
-            headers += npt;
-        }
-    }
-    headers += "\r\n";
+                                  RtspRangeUnit unit, bool queued) {
+    std::string headers = "Range: " + RtspFormatRange(unit, NptBase(), anchorUs, toUs) + "\r\n";
     std::string info;
     for (int index = 0; index < kRtspTracks; ++index) {
         const RtspTrack &track = m_track[index];
@@ -510,9 +511,9 @@ RtspSession::Answer RtspSession::Play(const RtspRequest &request) {
     Answer refusal;
     ReplayRange range;
     RtspPlayOptions options;
-    bool clockAsked;
+    RtspRangeUnit unit;
     if (!LoadTracks()) return Answer{404, "", "text/plain", "no recording on the card\r\n"};
-    if (!PlayRange(request, &range, &clockAsked, &refusal) || !PlayOptions(request, &options, &refusal))
+    if (!PlayRange(request, &range, &unit, &refusal) || !PlayOptions(request, &options, &refusal))
         return refusal;
     options.bOpenEnd = range.u64ToUs == 0;
     // A play under way goes on to its end and the new range follows it,
@@ -532,7 +533,7 @@ RtspSession::Answer RtspSession::Play(const RtspRequest &request) {
     play.bHasFirst = result == kReplayUnit;
     play.u64AnchorUs = play.bHasFirst ? play.first.u64CaptureUs : range.u64FromUs;
     play.options = options;
-    Answer answer{200, PlayInfo(request, play.u64AnchorUs, range.u64ToUs, clockAsked, queued), "", ""};
+    Answer answer{200, PlayInfo(request, play.u64AnchorUs, range.u64ToUs, unit, queued), "", ""};
     // The answer goes out before the first packet of the play.
     answer.headers += SessionHeader();
     Send(request, answer);

@@ -51,10 +51,11 @@ private:
 
     bool LoadTracks();
     void NoteUrlRange(const std::string &uri);
-    bool PlayRange(const RtspRequest &request, ReplayRange *range, bool *clockAsked, Answer *refusal);
+    bool PlayRange(const RtspRequest &request, ReplayRange *range, RtspRangeUnit *unit, Answer *refusal);
     bool PlayOptions(const RtspRequest &request, RtspPlayOptions *options, Answer *refusal);
-    std::string PlayInfo(const RtspRequest &request, uint64_t anchorUs, uint64_t toUs, bool clockAsked,
+    std::string PlayInfo(const RtspRequest &request, uint64_t anchorUs, uint64_t toUs, RtspRangeUnit unit,
                          bool queued);
+    uint64_t NptBase() const;
     bool OpenTrack(int index, const std::string &transport, Answer *answer);
     void EndSession();
 

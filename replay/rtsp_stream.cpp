@@ -133,12 +133,26 @@ bool RtspStream::SendUnit(const ReplayUnit &unit, bool firstOfPlay) {
     uint32_t timestamp =
         RtspTimestamp(track.u32BaseTimestamp, track.u32ClockRate, m_play.u64AnchorUs, unit.u64CaptureUs);
     RtspTrackOutput *output = track.output.get();
+    if (firstOfPlay && unit.bVideo && output->Tcp() && !SendParameterSets(track, timestamp)) return false;
     bool sent = track.packetizer->SendFrame(
-        unit.data.data(), unit.data.size(), timestamp, marks,
+        unit.data.data(), unit.data.size(), timestamp, &marks,
         [output](const uint8_t *packet, size_t size) { return output->QueueRtp(packet, size); });
     track.u64LastCaptureUs = unit.u64CaptureUs;
     track.u32LastTimestamp = timestamp;
     return sent && output->FlushRtp();
+}
+
+// A player that stamps only the first packet of an interleaved stream with
+// its arrival (GStreamer's rtspsrc over TCP) cannot place that packet in a
+// play announced in recorded clock time: it drops it and every packet of
+// its RTP time stamp. The parameter sets, one tick ahead of the picture,
+// take that loss; the picture carries its own, and the description has them.
+bool RtspStream::SendParameterSets(RtspTrack &track, uint32_t firstTimestamp) {
+    if (track.parameterSets.empty()) return true;
+    RtspTrackOutput *output = track.output.get();
+    return track.packetizer->SendFrame(
+        track.parameterSets.data(), track.parameterSets.size(), firstTimestamp - 1, nullptr,
+        [output](const uint8_t *packet, size_t size) { return output->QueueRtp(packet, size); });
 }
 
 void RtspStream::SendReports(bool bBye) {

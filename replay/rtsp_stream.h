@@ -11,6 +11,7 @@
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 #include "replay/replay_source.h"
 #include "replay/rtp_packetizer.h"
@@ -25,6 +26,9 @@ struct RtspTrack {
     std::unique_ptr<RtpPacketizer> packetizer;
     uint32_t u32ClockRate = 0;
     uint32_t u32BaseTimestamp = 0;  // the RTP time of the play's anchor
+    // Video: the stream's parameter sets (Annex B), sent over TCP as a unit
+    // of their own one tick ahead of a play's first picture.
+    std::vector<uint8_t> parameterSets;
     uint64_t u64LastCaptureUs = 0;  // the frame last sent, for sender reports
     uint32_t u32LastTimestamp = 0;
 };
@@ -85,6 +89,7 @@ private:
     bool WaitPace(const ReplayUnit &unit);
     bool WaitFor(uint32_t ms);
     bool SendUnit(const ReplayUnit &unit, bool firstOfPlay);
+    bool SendParameterSets(RtspTrack &track, uint32_t firstTimestamp);
     bool Wanted(const ReplayUnit &unit);
     bool Deliver(const ReplayUnit &unit);
     bool ReleaseHeld();

@@ -17,7 +17,9 @@ inline void FuzzRtspHeaders(const RtspRequest &request, const ReplayAuth &auth) 
     RtspUrlRange(request.uri, &range);
     RtspUrlPath(request.uri);
     for (const auto &[name, value] : request.headers) {
-        RtspParseRange(value, 1795582800ull * kUsPerSecond, 1795582900ull * kUsPerSecond, &range);
+        RtspRangeUnit unit;
+        if (RtspParseRange(value, 1795582800ull * kUsPerSecond, 1795582900ull * kUsPerSecond, &range, &unit))
+            RtspFormatRange(unit, 1795582800ull * kUsPerSecond, range.u64FromUs, range.u64ToUs);
         RtspSplitParameters(value, ';');
         RtspSplitParameters(value, ',');
         std::string nonce;

@@ -18,7 +18,7 @@ std::vector<Packet> Packetize(RtpPayload payload, const std::vector<uint8_t> &fr
                               const RtpFrameMarks &marks) {
     RtpPacketizer packetizer(payload, 96, 0x11223344, 65534);
     std::vector<Packet> packets;
-    packetizer.SendFrame(frame.data(), frame.size(), 9000, marks, [&](const uint8_t *p, size_t n) {
+    packetizer.SendFrame(frame.data(), frame.size(), 9000, &marks, [&](const uint8_t *p, size_t n) {
         packets.emplace_back(p, p + n);
         return true;
     });

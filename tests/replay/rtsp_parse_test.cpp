@@ -76,6 +76,28 @@ TEST(RtspRangeTest, ClockNptAndUrlTimes) {
     EXPECT_FALSE(RtspUrlRange("rtsp://cam/replay?start=20&end=10", &range));
 }
 
+TEST(RtspRangeTest, NptSince1900AndAnswersInTheUnitAsked) {
+    const uint64_t t0 = 1795582800ull * kUsPerSecond;  // 2026-11-25T05:00:00Z, 4004571600 s after 1900
+    const uint64_t base = t0 - 3600 * kUsPerSecond;
+    ReplayRange range;
+    RtspRangeUnit unit;
+    // A player that keeps the description's clock range as npt asks in seconds since 1900.
+    ASSERT_TRUE(RtspParseRange("npt=4004571600-4004571620.5", base, 0, &range, &unit));
+    EXPECT_EQ(unit, RtspRangeUnit::kNptFrom1900);
+    EXPECT_EQ(range.u64FromUs, t0);
+    EXPECT_EQ(range.u64ToUs, t0 + 20500000);
+    EXPECT_EQ(RtspFormatRange(unit, base, t0 + 40000, range.u64ToUs), "npt=4004571600.040-4004571620.500");
+    ASSERT_TRUE(RtspParseRange("npt=2.5-", base, 0, &range, &unit));
+    EXPECT_EQ(unit, RtspRangeUnit::kNpt);
+    EXPECT_EQ(range.u64FromUs, base + 2500000);
+    EXPECT_EQ(RtspFormatRange(unit, base, base + 2040000, 0), "npt=2.040-");
+    EXPECT_EQ(RtspFormatRange(unit, base, base - 1, base + 5 * kUsPerSecond), "npt=0.000-5.000");
+    ASSERT_TRUE(RtspParseRange("clock=20261125T050000Z-", base, 0, &range, &unit));
+    EXPECT_EQ(unit, RtspRangeUnit::kClock);
+    EXPECT_EQ(RtspFormatRange(unit, base, t0 + 40000, t0 + 10 * kUsPerSecond),
+              "clock=20261125T050000.040Z-20261125T050010Z");
+}
+
 TEST(ReplayDigestTest, HashAndBase64KnownValues) {
     EXPECT_EQ(Md5Hex(""), "d41d8cd98f00b204e9800998ecf8427e");
     EXPECT_EQ(Md5Hex(std::string(56, 'a')),

@@ -78,6 +78,14 @@ bool HoldsBye(const std::string &rtcp) {
     return false;
 }
 
+constexpr uint8_t kRtpExtensionBit = 0x10;
+bool HasExtension(const std::string &rtp) { return !rtp.empty() && (rtp[0] & kRtpExtensionBit) != 0; }
+uint32_t RtpTime(const std::string &rtp) {
+    uint32_t time = 0;
+    for (int i = 4; i < 8; ++i) time = time << 8 | static_cast<uint8_t>(rtp[i]);
+    return time;
+}
+
 // A camera that the test makes write: `backlog` video frames (a key frame
 // first) are on the card, every further one only once `written` counts it.
 // The further frames are stamped `stepUs` apart, further than the test
@@ -222,14 +230,14 @@ protected:
                       .find("200"),
                   std::string::npos);
     }
-    // RTP packets per channel until the video's goodbye.
+    // Access units (RTP packets with the replay extension) per channel until the video's goodbye.
     std::map<int, int> PacketsUntilBye() {
         std::map<int, int> counts;
         int channel;
         std::string packet;
         while (ReadPacket(&channel, &packet)) {
             if (channel == 1 && HoldsBye(packet)) break;
-            if (channel % 2 == 0) ++counts[channel];
+            if (channel % 2 == 0 && HasExtension(packet)) ++counts[channel];
         }
         return counts;
     }
@@ -303,6 +311,37 @@ TEST_F(RtspSessionTest, RangesReachTheCardAsAskedAndIntraLeavesAudioOut) {
     EXPECT_TRUE(m_opened[1].intra);
 }
 
+TEST_F(RtspSessionTest, PlayAnswersInTheRangeUnitAskedAndOpensWithParameterSets) {
+    SetUpTcp();
+    // npt since 1900: a player that took the description's clock range as npt.
+    std::string answer = Ask("PLAY", "replay/", "Range: npt=4004571601-4004571602\r\nRate-Control: no\r\n");
+    EXPECT_NE(answer.find("Range: npt=4004571600.000-4004571602.000\r\n"), std::string::npos) << answer;
+    // Over TCP the stream's parameter sets come first, one tick ahead of the
+    // first picture and without the extension, then the picture with it.
+    std::vector<std::string> video;
+    int channel;
+    std::string packet;
+    while (video.size() < 3 && ReadPacket(&channel, &packet))
+        if (channel == 0) video.push_back(packet);
+    ASSERT_EQ(video.size(), 3u);
+    EXPECT_EQ(static_cast<uint8_t>(video[0][12]), 0x67);
+    EXPECT_EQ(static_cast<uint8_t>(video[1][12]), 0x68);
+    EXPECT_FALSE(HasExtension(video[0]) || HasExtension(video[1]));
+    EXPECT_TRUE(HasExtension(video[2]));
+    EXPECT_EQ(RtpTime(video[0]), RtpTime(video[2]) - 1);
+    EXPECT_EQ(RtpTime(video[1]), RtpTime(video[2]) - 1);
+    PacketsUntilBye();
+    answer = Ask("PLAY", "replay/", "Range: npt=1-2\r\nRate-Control: no\r\n");
+    EXPECT_NE(answer.find("Range: npt=0.000-2.000\r\n"), std::string::npos) << answer;
+    PacketsUntilBye();
+    answer = Ask("PLAY", "replay/", "Range: clock=20261125T050001Z-20261125T050002Z\r\nRate-Control: no\r\n");
+    EXPECT_NE(answer.find("Range: clock=20261125T050000Z-20261125T050002Z\r\n"), std::string::npos) << answer;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    ASSERT_EQ(m_opened.size(), 3u);
+    EXPECT_EQ(m_opened[0].fromUs, kStartUs + 1000000);
+    EXPECT_EQ(m_opened[0].toUs, kStartUs + 2000000);
+}
+
 TEST_F(RtspSessionTest, ReverseScaleRefusedPacedPlayPausesAndGoesOn) {
     SetUpTcp();
     EXPECT_NE(Ask("PLAY", "replay/", "Scale: -1\r\n").find("456"), std::string::npos);
@@ -340,7 +379,7 @@ TEST_F(RtspSessionTest, PacedLiveTailSendsWhatIsWrittenAtOnce) {
     std::string packet;
     // An open range holds nothing back: the newest frame goes out too.
     while (video < m_frames && ReadPacket(&channel, &packet))
-        if (channel == 0) ++video;
+        if (channel == 0 && HasExtension(packet)) ++video;
     ASSERT_EQ(video, m_frames);
     for (int written = 1; written <= 3; ++written) {
         // The recorder writes once the stream has caught up with it.

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # avrecord-replay against real players: ffmpeg and ffprobe over their
 # default transport (UDP) and TCP replay a range frame for frame as the card
-# holds it (H.264 with G.711, H.265 with AAC); GStreamer's rtspsrc in ONVIF
-# mode plays a range to its end by itself; an ONVIF replay across a gap
+# holds it (H.264 with G.711, H.265 with AAC); GStreamer's rtspsrc, in ONVIF
+# mode and plain, does the same and ends by itself; an ONVIF replay across a gap
 # carries the extension's marks on both sides of it; credentials, options
 # and the session cap are refused as they should be.
 set -uo pipefail
@@ -91,15 +91,29 @@ probed=$(timeout 60 ffprobe -v error -rtsp_transport tcp -show_entries stream=co
   "$(url $hevc)")
 [ "$probed" = "$(printf 'hevc\naac,16000')" ] || fail "ffprobe reads the H.265 card as: $probed"
 
-# GStreamer in ONVIF mode plays the range the description announces and ends
-# by itself at its end (RTCP BYE). Over UDP: over TCP its jitter buffer drops
-# the packets of the first RTP time stamp it meets (the play's key frame).
-gst=$(timeout 60 gst-launch-1.0 -q rtspsrc location="$(url $open)" onvif-mode=true protocols=udp \
-  ! rtph264depay ! h264parse ! video/x-h264,stream-format=byte-stream ! filesink location="$work/gst.h264" 2>&1)
-code=$?
-[ $code = 0 ] || fail "gst-launch exited $code: $gst"
-decoded_md5 "$work/gst.h264" >"$work/got-gst.md5"
-cmp -s "$work/want.md5" "$work/got-gst.md5" || fail "GStreamer: $(wc -l <"$work/got-gst.md5") pictures differ"
+# GStreamer plays the range the description announces, frame for frame, and
+# ends by itself at its end (RTCP BYE): in ONVIF mode over its default
+# transport (TCP) and over UDP, and plain rtspsrc over its default (UDP).
+# The three run side by side: each takes the range's 10 s.
+gst_play() {
+  local name=$1; shift
+  timeout 60 gst-launch-1.0 -q rtspsrc location="$(url $open)" "$@" \
+    ! rtph264depay ! h264parse ! video/x-h264,stream-format=byte-stream ! filesink location="$work/$name.h264" \
+    >"$work/$name.gst" 2>&1
+  echo $? >>"$work/$name.gst"
+}
+gst_play gst-onvif onvif-mode=true &
+players=($!)
+gst_play gst-onvif-udp onvif-mode=true protocols=udp &
+players+=($!)
+gst_play gst-plain &
+players+=($!)
+wait "${players[@]}"
+for name in gst-onvif gst-onvif-udp gst-plain; do
+  [ "$(tail -1 "$work/$name.gst")" = 0 ] || fail "$name: gst-launch failed: $(cat "$work/$name.gst")"
+  decoded_md5 "$work/$name.h264" >"$work/$name.md5"
+  cmp -s "$work/want.md5" "$work/$name.md5" || fail "$name: $(wc -l <"$work/$name.md5") pictures, not the card's 250"
+done
 
 # Credentials: Digest from the URL's user, refusals without or with wrong ones.
 probed=$(timeout 60 ffprobe -v error -show_entries stream=codec_name -of csv=p=0 \

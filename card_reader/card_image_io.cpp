@@ -182,9 +182,11 @@ int ImageFdatasync(int fd) {
 int ImageSetCloseOnExec(int fd) { return PosixFileIo().setCloseOnExec(fd); }
 
 int ImageRename(const char *from, const char *to) { return PosixFileIo().rename(from, to); }
+// A card file of the image is a range of the image: its cache is the image's.
+int ImageDropCache(int fd) { return PosixFileIo().dropCache(fd); }
 
-const FileIoOps kImageFileIo = {ImageOpen,  ImageClose,     ImageSeek,           ImageRead,  ImageWrite,
-                                ImageFsync, ImageFdatasync, ImageSetCloseOnExec, ImageRename};
+const FileIoOps kImageFileIo = {ImageOpen,  ImageClose,     ImageSeek,           ImageRead,   ImageWrite,
+                                ImageFsync, ImageFdatasync, ImageSetCloseOnExec, ImageRename, ImageDropCache};
 
 // Reads the volume and its directory, and checks the card's files.
 int Inspect(AttachedImage *image, std::string *why) {

@@ -109,9 +109,10 @@ int ViewFdatasync(int fd) { return g_view->base.fdatasync(fd); }
 int ViewSetCloseOnExec(int fd) { return g_view->base.setCloseOnExec(fd); }
 
 int ViewRename(const char *from, const char *to) { return g_view->base.rename(from, to); }
+int ViewDropCache(int fd) { return g_view->base.dropCache(fd); }
 
-const FileIoOps kViewFileIo = {ViewOpen,  ViewClose,     ViewSeek,           ViewRead,  ViewWrite,
-                               ViewFsync, ViewFdatasync, ViewSetCloseOnExec, ViewRename};
+const FileIoOps kViewFileIo = {ViewOpen,  ViewClose,     ViewSeek,           ViewRead,   ViewWrite,
+                               ViewFsync, ViewFdatasync, ViewSetCloseOnExec, ViewRename, ViewDropCache};
 
 // Reads into `in`, or writes `out`: all `length` bytes at `at`, through the
 // layer in force.

@@ -24,9 +24,10 @@ int PosixSetCloseOnExec(int fd) {
 }
 
 int PosixRename(const char *from, const char *to) { return ::rename(from, to); }
+int PosixDropCache(int fd) { return ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED) == 0 ? 0 : -1; }
 
-const FileIoOps kPosixFileIo = {PosixOpen,  PosixClose,     PosixSeek,           PosixRead,  PosixWrite,
-                                PosixFsync, PosixFdatasync, PosixSetCloseOnExec, PosixRename};
+const FileIoOps kPosixFileIo = {PosixOpen,  PosixClose,     PosixSeek,           PosixRead,   PosixWrite,
+                                PosixFsync, PosixFdatasync, PosixSetCloseOnExec, PosixRename, PosixDropCache};
 const FileIoOps *g_fileIo = &kPosixFileIo;
 
 }  // namespace

@@ -18,6 +18,9 @@ struct FileIoOps {
     int (*fdatasync)(int fd);
     int (*setCloseOnExec)(int fd);
     int (*rename)(const char *from, const char *to);
+    // Drops the cached copies of the file's data, so the next reads come
+    // from the card itself (a hint: 0 also where there is nothing to drop).
+    int (*dropCache)(int fd);
 };
 
 // The table in force.

@@ -69,7 +69,7 @@ int64_t MarkerIndex(const uint8_t *sector, uint64_t nonce) {
 // Flushes to the card and drops the cached copies, so reads come from it.
 int FlushAndForget(int fd) {
     if (FileIo().fsync(fd) != 0) return -1;
-    posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
+    FileIo().dropCache(fd);
     return 0;
 }
 

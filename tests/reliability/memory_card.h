@@ -250,8 +250,10 @@ private:
     }
 
     static inline Mount *active_ = nullptr;
-    static inline const FileIoOps kOps = {DoOpen, DoClose, DoSeek,        DoRead,  DoWrite,
-                                          DoSync, DoSync,  DoCloseOnExec, DoRename};
+    static int DoDropCache(int) { return 0; }  // memory is the card itself
+
+    static inline const FileIoOps kOps = {DoOpen, DoClose, DoSeek,        DoRead,   DoWrite,
+                                          DoSync, DoSync,  DoCloseOnExec, DoRename, DoDropCache};
 
     Card *card_;
     uint32_t (*clock_)();

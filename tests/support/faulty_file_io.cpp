@@ -20,7 +20,8 @@ const FileIoOps FaultyFileIo::kOps = {
     [](int fd) { return PosixFileIo().fsync(fd); },
     FaultyFileIo::DataSync,
     [](int fd) { return PosixFileIo().setCloseOnExec(fd); },
-    [](const char *from, const char *to) { return PosixFileIo().rename(from, to); }};
+    [](const char *from, const char *to) { return PosixFileIo().rename(from, to); },
+    [](int fd) { return PosixFileIo().dropCache(fd); }};
 
 FaultyFileIo::FaultyFileIo() {
     active_ = this;

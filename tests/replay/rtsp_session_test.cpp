@@ -19,6 +19,7 @@
 
 #include "avrecord_lib/ps_packetizer.h"
 #include "replay/rtsp_server.h"
+#include "replay/rtsp_stream.h"
 
 namespace {
 
@@ -431,6 +432,13 @@ TEST_F(RtspSessionTest, PlayDuringAPlayIsQueuedUnlessImmediate) {
     ASSERT_FALSE(units.empty());
     for (const Unit &u : units)
         EXPECT_EQ(u.cseq, immediate) << "the queued play " << int{dropped} << " went on";
+
+    m_gate.store(0);
+    ASSERT_NE(Play("").find("200 OK"), std::string::npos);
+    ASSERT_TRUE(VideoUnits(m_frames - 1));
+    for (size_t i = 0; i < kRtspMaxQueuedPlays; ++i)
+        EXPECT_NE(Play("").find("200 OK"), std::string::npos) << i;
+    EXPECT_NE(Play("").find("503"), std::string::npos) << "the queue is bounded";
 }
 
 TEST_F(RtspSessionTest, UdpPacketsGoToTheClientsPorts) {

@@ -106,6 +106,12 @@ bool RtpPacketizer::SendFrame(const uint8_t *data, size_t size, uint32_t timesta
     return sent;
 }
 
+uint16_t RtpPacketizer::PacketsFor(const uint8_t *data, size_t size) const {
+    RtpPacketizer probe = *this;
+    probe.SendFrame(data, size, 0, nullptr, [](const uint8_t *, size_t) { return true; });
+    return static_cast<uint16_t>(probe.m_sequence - m_sequence);
+}
+
 bool RtpPacketizer::SendVideo(const uint8_t *data, size_t size, uint32_t timestamp, const RtpSend &send) {
     size_t at = 0;
     const uint8_t *nal;

@@ -44,6 +44,9 @@ public:
     bool SendFrame(const uint8_t *data, size_t size, uint32_t timestamp, const RtpFrameMarks *marks,
                    const RtpSend &send);
 
+    // How many packets SendFrame would make of the frame without marks.
+    uint16_t PacketsFor(const uint8_t *data, size_t size) const;
+
     uint32_t Ssrc() const { return m_ssrc; }
     uint16_t NextSequence() const { return m_sequence; }
     uint32_t Packets() const { return m_packets; }

@@ -489,7 +489,11 @@ std::string RtspSession::PlayInfo(const RtspRequest &request, uint64_t anchorUs,
         if (!info.empty()) info += ",";
         info += "url=" + m_baseUrl + (index == kRtspVideoTrack ? kSdpVideoControl : kSdpAudioControl);
         // A queued play's first sequence number is known only once the play before it ends.
-        if (!queued) info += ";seq=" + std::to_string(track.packetizer->NextSequence());
+        if (!queued) {
+            uint16_t first =
+                static_cast<uint16_t>(track.packetizer->NextSequence() + RtspLeadInPackets(track));
+            info += ";seq=" + std::to_string(first);
+        }
         info += ";rtptime=" + std::to_string(track.u32BaseTimestamp);
     }
     if (!info.empty()) headers += "RTP-Info: " + info + "\r\n";
@@ -533,7 +537,12 @@ RtspSession::Answer RtspSession::Play(const RtspRequest &request) {
     play.bHasFirst = result == kReplayUnit;
     play.u64AnchorUs = play.bHasFirst ? play.first.u64CaptureUs : range.u64FromUs;
     play.options = options;
-    Answer answer{200, PlayInfo(request, play.u64AnchorUs, range.u64ToUs, unit, queued), "", ""};
+    // A fast play answers its range without an end: GStreamer's jitter
+    // buffer estimates the end from its running time, and with every packet
+    // in at once it can sleep through that estimate and hold the goodbye's
+    // end of stream for good. The play still ends where it was asked to.
+    uint64_t answerToUs = options.bRateControl ? range.u64ToUs : 0;
+    Answer answer{200, PlayInfo(request, play.u64AnchorUs, answerToUs, unit, queued), "", ""};
     // The answer goes out before the first packet of the play.
     answer.headers += SessionHeader();
     Send(request, answer);

@@ -15,7 +15,17 @@ constexpr uint64_t kMaxPaceWaitUs = 2000000;  // a longer wait is a jump in the 
 constexpr uint32_t kUdpByeDelayMs = 200;      // lets the last packets arrive before the goodbye
 constexpr uint64_t kUsPerMs = 1000;
 
+// Only video has one: the parameter sets (audio has nothing to spare).
+bool SendsLeadIn(const RtspTrack &track) {
+    return track.output && track.packetizer && track.output->Tcp() && !track.parameterSets.empty();
+}
+
 }  // namespace
+
+uint16_t RtspLeadInPackets(const RtspTrack &track) {
+    if (!SendsLeadIn(track)) return 0;
+    return track.packetizer->PacketsFor(track.parameterSets.data(), track.parameterSets.size());
+}
 
 uint32_t RtspTimestamp(uint32_t base, uint32_t clockRate, uint64_t anchorUs, uint64_t captureUs) {
     int64_t delta = static_cast<int64_t>(captureUs - anchorUs);
@@ -133,7 +143,7 @@ bool RtspStream::SendUnit(const ReplayUnit &unit, bool firstOfPlay) {
     uint32_t timestamp =
         RtspTimestamp(track.u32BaseTimestamp, track.u32ClockRate, m_play.u64AnchorUs, unit.u64CaptureUs);
     RtspTrackOutput *output = track.output.get();
-    if (firstOfPlay && unit.bVideo && output->Tcp() && !SendParameterSets(track, timestamp)) return false;
+    if (firstOfPlay && SendsLeadIn(track) && !SendParameterSets(track, timestamp)) return false;
     bool sent = track.packetizer->SendFrame(
         unit.data.data(), unit.data.size(), timestamp, &marks,
         [output](const uint8_t *packet, size_t size) { return output->QueueRtp(packet, size); });
@@ -147,8 +157,13 @@ bool RtspStream::SendUnit(const ReplayUnit &unit, bool firstOfPlay) {
 // play announced in recorded clock time: it drops it and every packet of
 // its RTP time stamp. The parameter sets, one tick ahead of the picture,
 // take that loss; the picture carries its own, and the description has them.
+// Their sequence numbers come before the one RTP-Info names, so such a
+// player drops them as older than the play; counted as lost instead, they
+// would hold every packet in its jitter buffer for the buffer's whole
+// latency, and until a packet leaves that buffer the player ignores the
+// stream's goodbye: a fast play (Rate-Control: no), whose goodbye comes at
+// once, would not end.
 bool RtspStream::SendParameterSets(RtspTrack &track, uint32_t firstTimestamp) {
-    if (track.parameterSets.empty()) return true;
     RtspTrackOutput *output = track.output.get();
     return track.packetizer->SendFrame(
         track.parameterSets.data(), track.parameterSets.size(), firstTimestamp - 1, nullptr,

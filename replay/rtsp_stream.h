@@ -54,6 +54,11 @@ struct RtspPlay {
     RtspPlayOptions options;
 };
 
+// The packets a play sends on the track ahead of its first unit (over TCP,
+// the video's parameter sets); the PLAY answer's RTP-Info names the
+// sequence number that follows them.
+uint16_t RtspLeadInPackets(const RtspTrack &track);
+
 // Plays a session may queue behind the one under way.
 inline constexpr size_t kRtspMaxQueuedPlays = 4;
 

@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <map>
 #include <mutex>
 #include <string>
@@ -20,6 +21,7 @@
 #include "avrecord_lib/ps_packetizer.h"
 #include "replay/rtsp_server.h"
 #include "replay/rtsp_stream.h"
+#include "replay/sdp_builder.h"
 
 namespace {
 
@@ -313,13 +315,26 @@ TEST_F(RtspSessionTest, RangesReachTheCardAsAskedAndIntraLeavesAudioOut) {
     EXPECT_TRUE(m_opened[1].intra);
 }
 
+uint16_t RtpSequence(const std::string &rtp) {
+    return static_cast<uint16_t>(static_cast<uint8_t>(rtp[2]) << 8 | static_cast<uint8_t>(rtp[3]));
+}
+
+// The video track's seq= in an RTP-Info header.
+uint16_t VideoInfoSequence(const std::string &answer) {
+    size_t at = answer.find(std::string(kSdpVideoControl) + ";seq=");
+    if (at == std::string::npos) return 0;
+    return static_cast<uint16_t>(std::stoul(answer.substr(at + strlen(kSdpVideoControl) + 5)));
+}
+
 TEST_F(RtspSessionTest, PlayAnswersInTheRangeUnitAskedAndOpensWithParameterSets) {
+    m_frames = 5;  // the plays are paced
     SetUpTcp();
     // npt since 1900: a player that took the description's clock range as npt.
-    std::string answer = Ask("PLAY", "replay/", "Range: npt=4004571601-4004571602\r\nRate-Control: no\r\n");
+    std::string answer = Ask("PLAY", "replay/", "Range: npt=4004571601-4004571602\r\n");
     EXPECT_NE(answer.find("Range: npt=4004571600.000-4004571602.000\r\n"), std::string::npos) << answer;
     // Over TCP the stream's parameter sets come first, one tick ahead of the
-    // first picture and without the extension, then the picture with it.
+    // first picture and without the extension, then the picture with it;
+    // RTP-Info names the picture's sequence number, not theirs.
     std::vector<std::string> video;
     int channel;
     std::string packet;
@@ -332,16 +347,23 @@ TEST_F(RtspSessionTest, PlayAnswersInTheRangeUnitAskedAndOpensWithParameterSets)
     EXPECT_TRUE(HasExtension(video[2]));
     EXPECT_EQ(RtpTime(video[0]), RtpTime(video[2]) - 1);
     EXPECT_EQ(RtpTime(video[1]), RtpTime(video[2]) - 1);
+    EXPECT_EQ(VideoInfoSequence(answer), RtpSequence(video[2])) << answer;
+    EXPECT_EQ(RtpSequence(video[1]), static_cast<uint16_t>(RtpSequence(video[2]) - 1));
     PacketsUntilBye();
-    answer = Ask("PLAY", "replay/", "Range: npt=1-2\r\nRate-Control: no\r\n");
+    answer = Ask("PLAY", "replay/", "Range: npt=1-2\r\n");
     EXPECT_NE(answer.find("Range: npt=0.000-2.000\r\n"), std::string::npos) << answer;
     PacketsUntilBye();
+    // A fast play's answer has no end: a player would estimate the end from
+    // its running time, which stands still while everything arrives at once.
     answer = Ask("PLAY", "replay/", "Range: clock=20261125T050001Z-20261125T050002Z\r\nRate-Control: no\r\n");
-    EXPECT_NE(answer.find("Range: clock=20261125T050000Z-20261125T050002Z\r\n"), std::string::npos) << answer;
+    EXPECT_NE(answer.find("Range: clock=20261125T050000Z-\r\n"), std::string::npos) << answer;
+    std::map<int, int> counts = PacketsUntilBye();
+    EXPECT_EQ(counts[0], m_frames) << "the fast play ends all the same";
     std::lock_guard<std::mutex> lock(m_mutex);
     ASSERT_EQ(m_opened.size(), 3u);
     EXPECT_EQ(m_opened[0].fromUs, kStartUs + 1000000);
     EXPECT_EQ(m_opened[0].toUs, kStartUs + 2000000);
+    EXPECT_EQ(m_opened[2].toUs, kStartUs + 2000000);
 }
 
 TEST_F(RtspSessionTest, ReverseScaleRefusedPacedPlayPausesAndGoesOn) {

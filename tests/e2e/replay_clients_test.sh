@@ -2,9 +2,9 @@
 # avrecord-replay against real players: ffmpeg and ffprobe over their
 # default transport (UDP) and TCP replay a range frame for frame as the card
 # holds it (H.264 with G.711, H.265 with AAC); GStreamer's rtspsrc, in ONVIF
-# mode and plain, does the same and ends by itself; an ONVIF replay across a gap
-# carries the extension's marks on both sides of it; credentials, options
-# and the session cap are refused as they should be.
+# mode (paced and fast) and plain, does the same and ends by itself; an
+# ONVIF replay across a gap carries the extension's marks on both sides of
+# it; credentials, options and the session cap are refused as they should be.
 set -uo pipefail
 source "$(dirname "$0")/lib.sh"
 replay="$AVRECORD_BUILD_DIR/apps/avrecord-replay/avrecord-replay"
@@ -94,13 +94,25 @@ probed=$(timeout 60 ffprobe -v error -rtsp_transport tcp -show_entries stream=co
 # GStreamer plays the range the description announces, frame for frame, and
 # ends by itself at its end (RTCP BYE): in ONVIF mode over its default
 # transport (TCP) and over UDP, and plain rtspsrc over its default (UDP).
-# The three run side by side: each takes the range's 10 s.
+# The three run side by side: each takes the range's 10 s. Beside them the
+# fast ONVIF replay a VMS fills a hole with (Rate-Control: no) over TCP,
+# which takes well under a second: it must end by itself within 20 s.
+# On its way down after the end of stream, rtspsrc's PAUSE can lose the race
+# with its own TEARDOWN and report "Received end-of-file" from
+# gst_rtspsrc_pause (1 run in 25 of the fast replay): the player's shutdown,
+# not the play, so that exit status 1 counts as 0.
 gst_play() {
   local name=$1; shift
-  timeout 60 gst-launch-1.0 -q rtspsrc location="$(url $open)" "$@" \
+  local log="$work/$name.gst"
+  timeout "${limit:-60}" gst-launch-1.0 -q rtspsrc location="$(url $open)" "$@" \
     ! rtph264depay ! h264parse ! video/x-h264,stream-format=byte-stream ! filesink location="$work/$name.h264" \
-    >"$work/$name.gst" 2>&1
-  echo $? >>"$work/$name.gst"
+    >"$log" 2>&1
+  local status=$?
+  if [ $status = 1 ] && grep -q '^\.\./.*gst_rtspsrc_pause ()' "$log" &&
+    ! grep '^\.\./' "$log" | grep -qv 'gst_rtspsrc_\(pause\|try_send\) ()'; then
+    status=0
+  fi
+  echo $status >>"$log"
 }
 gst_play gst-onvif onvif-mode=true &
 players=($!)
@@ -108,8 +120,10 @@ gst_play gst-onvif-udp onvif-mode=true protocols=udp &
 players+=($!)
 gst_play gst-plain &
 players+=($!)
+limit=20 gst_play gst-onvif-fast onvif-mode=true onvif-rate-control=false &
+players+=($!)
 wait "${players[@]}"
-for name in gst-onvif gst-onvif-udp gst-plain; do
+for name in gst-onvif gst-onvif-udp gst-plain gst-onvif-fast; do
   [ "$(tail -1 "$work/$name.gst")" = 0 ] || fail "$name: gst-launch failed: $(cat "$work/$name.gst")"
   decoded_md5 "$work/$name.h264" >"$work/$name.md5"
   cmp -s "$work/want.md5" "$work/$name.md5" || fail "$name: $(wc -l <"$work/$name.md5") pictures, not the card's 250"

@@ -110,7 +110,7 @@ int WalkFrames(int fd, const RecordingSpan &span, uint32_t at, std::vector<uint8
                const std::function<bool(const RecordingFrame &)> &visit, std::string *reason) {
     uint32_t time = 0;
     while (at < span.u32DataEnd) {
-        RecordingFrame frame{at, 0, false, buffer.data(), 0, 0, 0, 0};
+        RecordingFrame frame{at, 0, buffer.data(), 0, 0, 0, 0};
         uint32_t next = at;
         if (libAVRecordPlayBackGetPSFrameBounded(fd, &next, span.u32DataEnd, &frame.iType, buffer.data(),
                                                  static_cast<uint32_t>(buffer.size()), &frame.u32Length,
@@ -120,7 +120,6 @@ int WalkFrames(int fd, const RecordingSpan &span, uint32_t at, std::vector<uint8
         }
         frame.u32Time = time;
         if (frame.iType == kPSFrameVideo) frame.u16VideoCodec = PlayBackKeyFrameCodec(fd, at);
-        frame.bKey = frame.u16VideoCodec != 0;
         if (!visit(frame)) break;
         at = next;
     }
@@ -135,8 +134,8 @@ int SeekStart(int fd, RecordingSpan *span, uint32_t from, std::vector<uint8_t> &
     int walked = WalkFrames(
         fd, *span, first, buffer,
         [&](const RecordingFrame &f) {
-            if (f.bKey) first = f.u32Offset;
-            if (f.bKey || (f.iType == kPSFrameVideo && !videoSeen)) keyTime = f.u32Time;
+            if (f.Key()) first = f.u32Offset;
+            if (f.Key() || (f.iType == kPSFrameVideo && !videoSeen)) keyTime = f.u32Time;
             videoSeen = videoSeen || f.iType == kPSFrameVideo;
             return f.iType != kPSFrameVideo || f.u32Time < from;
         },

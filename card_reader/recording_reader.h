@@ -26,12 +26,13 @@ struct RecordingSpan {
 struct RecordingFrame {
     uint32_t u32Offset;      // pack header or audio packet in the media file
     int iType;               // kPSFrameVideo or kPSFrameAudio
-    bool bKey;               // a key frame
     const uint8_t *pData;    // elementary-stream bytes
     uint32_t u32Length;      // bytes at pData
     uint32_t u32Time;        // wall clock of the latest video frame
     uint32_t u32Pts;         // presentation time stamp, low 32 bits
     uint16_t u16VideoCodec;  // a key frame's codec, as its stream map names it; 0 for other frames
+
+    bool Key() const { return u16VideoCodec != 0; }  // a key frame
 };
 
 // True when the recording is H.265, as the stream map of its key frame

@@ -131,7 +131,7 @@ int CardSource::Advance() {
 
 int CardSource::FromFrame(const SectionFrame &frame, ReplayUnit *unit) {
     unit->bVideo = frame.bVideo;
-    unit->bKey = frame.bKey;
+    unit->bKey = frame.Key();
     unit->bGapBefore = gapPending_;
     unit->bGapAfter = false;
     unit->bLast = false;
@@ -154,7 +154,7 @@ int CardSource::Fetch(ReplayUnit *unit) {
         if (read == SectionRead::kError) return kReplayError;
         if (read == SectionRead::kFrame) {
             if (endUs_ != 0 && frame.u64CaptureUs > endUs_) return kReplayDone;
-            if (intra_ && !frame.bKey) continue;
+            if (intra_ && !frame.Key()) continue;
             return FromFrame(frame, unit);
         }
         if (read == SectionRead::kEnd) {
@@ -257,7 +257,7 @@ int DescribeSection(const std::string &dir, int indexFd, const CatalogSection &s
         if (reader.Read(&frame) != SectionRead::kFrame) break;
         if (!frame.bVideo) {
             if (!tracks->bHasAudio) TakeAudio(reader, frame, tracks);
-        } else if (frame.bKey && !keySeen) {
+        } else if (frame.Key() && !keySeen) {
             keySeen = true;
             tracks->iVideoCodec = frame.u16VideoCodec;
             TakeParameterSets(frame.pData, frame.u32Length, tracks);

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "common/log.h"
+#include "common/nal_unit.h"
 #include "replay/sdp_builder.h"
 
 namespace {
@@ -125,11 +126,10 @@ bool AskedImmediate(const RtspRequest &request) {
 
 // The stream's parameter sets as Annex B (VPS for H.265, SPS, PPS).
 std::vector<uint8_t> ParameterSets(const ReplayTracks &tracks) {
-    static constexpr uint8_t kStartCode[] = {0, 0, 0, 1};
     std::vector<uint8_t> sets;
     for (const std::vector<uint8_t> *nal : {&tracks.vps, &tracks.sps, &tracks.pps}) {
         if (nal->empty()) continue;
-        sets.insert(sets.end(), std::begin(kStartCode), std::end(kStartCode));
+        sets.insert(sets.end(), std::begin(kNalStartCode), std::end(kNalStartCode));
         sets.insert(sets.end(), nal->begin(), nal->end());
     }
     return sets;

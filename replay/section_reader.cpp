@@ -100,14 +100,13 @@ SectionRead SectionReader::Read(SectionFrame *frame) {
     uint16_t codec = video ? PlayBackKeyFrameCodec(mediaFd_, pos_) : 0;
     uint64_t capture = CaptureTime(video, length, pts);
     *frame = recorded_ ? SectionFrame{video,
-                                      codec != 0,
                                       pos_,
                                       pts,
                                       capture,
                                       recordedBytes_.data(),
                                       static_cast<uint32_t>(recordedBytes_.size()),
                                       codec}
-                       : SectionFrame{video, codec != 0, pos_, pts, capture, buffer_.data(), length, codec};
+                       : SectionFrame{video, pos_, pts, capture, buffer_.data(), length, codec};
     pos_ = next;
     return SectionRead::kFrame;
 }
@@ -148,7 +147,7 @@ SectionRead SectionReader::Seek(uint64_t startUs) {
         if (r != SectionRead::kFrame) return r;
         if (!frame.bVideo) continue;
         if (frame.u64CaptureUs > startUs) break;
-        if (frame.bKey) best = here;
+        if (frame.Key()) best = here;
     }
     pos_ = best.offset;
     clock_ = best.clock;

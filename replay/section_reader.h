@@ -10,13 +10,15 @@
 #include "replay/frame_clock.h"
 
 struct SectionFrame {
-    bool bVideo, bKey;
+    bool bVideo;
     uint32_t u32Offset;     // pack header or audio packet in the media file
     uint32_t u32Pts;        // 90 kHz stamp as recorded (low 32 bits)
     uint64_t u64CaptureUs;  // capture time
     const uint8_t *pData;   // elementary-stream bytes, valid until the next read
     uint32_t u32Length;
     uint16_t u16VideoCodec;  // a key frame's codec, as its stream map names it; 0 for other frames
+
+    bool Key() const { return u16VideoCodec != 0; }  // a key frame
 };
 
 enum class SectionRead {

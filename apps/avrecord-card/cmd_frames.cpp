@@ -14,7 +14,7 @@
 namespace {
 
 const char *KindName(const RecordingFrame &f) {
-    return f.iType == kPSFrameAudio ? "audio" : f.bKey ? "key" : "video";
+    return f.iType == kPSFrameAudio ? "audio" : f.Key() ? "key" : "video";
 }
 
 void PrintFrame(const CardArgs &args, uint32_t n, const RecordingFrame &f) {
@@ -46,7 +46,7 @@ int RunFrames(const CardArgs &args) {
         args.card.c_str(), span,
         [&](const RecordingFrame &f) {
             PrintFrame(args, n++, f);
-            keys += f.bKey;
+            keys += f.Key();
             audio += f.iType == kPSFrameAudio;
             if (es != nullptr && f.iType == kPSFrameVideo) {
                 fwrite(f.pData, 1, f.u32Length, es);

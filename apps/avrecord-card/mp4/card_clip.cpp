@@ -168,7 +168,7 @@ int ProbeTracks(const std::string &cardDir, const ClipPiece &piece, Probe *probe
     int read = RecordingReadFrames(
         cardDir.c_str(), piece.span,
         [&](const RecordingFrame &f) {
-            if (f.iType == kPSFrameVideo && f.bKey && probe->key.empty()) {
+            if (f.iType == kPSFrameVideo && f.Key() && probe->key.empty()) {
                 probe->key.assign(f.pData, f.pData + f.u32Length);
                 probe->tracks.h265 = RecordingIsH265(f);
             } else if (f.iType == kPSFrameAudio && !probe->key.empty() && probe->audio.empty()) {
@@ -279,7 +279,7 @@ private:
     }
 
     bool Video(PieceState &st, const RecordingFrame &f) {
-        if (!st.keySeen && !f.bKey) return true;
+        if (!st.keySeen && !f.Key()) return true;
         if (!st.codecChecked && RecordingIsH265(f) != probe_.tracks.h265) {
             info_->stoppedAt = st.piece.span.stSection.m_u32StartTime;
             return false;
@@ -289,12 +289,12 @@ private:
         // Frames stamped before the range decode the first one shown: they
         // wait until it comes and go in ahead of it, before time 0.
         if (info_->videoFrames == 0 && f.u32Time < st.piece.span.u32FromTime && st.piece.span.bEvent) {
-            st.preroll.push_back(Preroll{std::vector<uint8_t>(f.pData, f.pData + f.u32Length), f.bKey});
+            st.preroll.push_back(Preroll{std::vector<uint8_t>(f.pData, f.pData + f.u32Length), f.Key()});
             return true;
         }
         if (!WritePreroll(st)) return false;
         st.lastVideoPts = videoPts_;
-        if (!Check(out_.WriteVideo(f.pData, f.u32Length, f.bKey, videoPts_, st.frameTicks), &st.result))
+        if (!Check(out_.WriteVideo(f.pData, f.u32Length, f.Key(), videoPts_, st.frameTicks), &st.result))
             return false;
         Count(f, st.frameTicks);
         if (info_->videoFrames % kProgressEveryFrames == 0 && !Report()) {
@@ -327,7 +327,7 @@ private:
         if (info_->videoFrames == 0) info_->firstTime = f.u32Time;
         info_->lastTime = f.u32Time;
         ++info_->videoFrames;
-        info_->keyFrames += f.bKey;
+        info_->keyFrames += f.Key();
         videoPts_ += frameTicks;
         info_->duration = static_cast<double>(videoPts_) / kMp4VideoClock;
     }
